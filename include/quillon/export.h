@@ -1,0 +1,4 @@
+// Visibility of the library's public symbols. Everything else is hidden.
+#pragma once
+
+#define QUILLON_API extern "C" __attribute__((visibility("default")))

@@ -1,0 +1,117 @@
+// Java strings and arrays into native text in the native code page.
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include "quillon/boundary.h"
+#include "quillon/runtime.h"
+
+namespace {
+// A native string array remembers its length in a hidden slot in front of the vector it hands out,
+// so that ReleaseCStrArray also frees the strings behind a null entry.
+char** allocate_string_array(size_t count) {
+    auto* block = static_cast<char**>(malloc((count + 2) * sizeof(char*)));
+    if (block == nullptr) return nullptr;
+    block[0] = reinterpret_cast<char*>(static_cast<uintptr_t>(count));
+    for (size_t i = 1; i < count + 2; ++i) block[i] = nullptr;
+    return block + 1;
+}
+
+size_t remembered_length(char** array) { return reinterpret_cast<uintptr_t>(array[-1]); }
+
+char* to_native(char* dst, const char* utf8, size_t size, const char* fallbackMessage) {
+    if (process_stringConverterFromUTF8(dst, utf8, size) == nullptr) {
+        copy_bounded(dst, utf8, size);
+        process_log(fallbackMessage, dst);
+    }
+    return dst;
+}
+
+char* duplicate_exact(const char* text) {
+    size_t length = strlen(text);
+    auto* copy = static_cast<char*>(malloc(length + 1));
+    if (copy == nullptr) return nullptr;
+    memcpy(copy, text, length);
+    copy[length] = 0;
+    return copy;
+}
+
+char* string_element(JNIEnv* env, jstring element) {
+    const char* utf8 = env->GetStringUTFChars(element, nullptr);
+    if (utf8 == nullptr) return nullptr;
+    size_t workSize = (strlen(utf8) + 1) * 3;
+    env->ReleaseStringUTFChars(element, utf8);
+    auto* work = static_cast<char*>(malloc(workSize));
+    if (work == nullptr) return nullptr;
+    process_GetNativeStringFromJString(env, work, element, workSize);
+    char* entry = duplicate_exact(work);
+    free(work);
+    return entry;
+}
+
+char* byte_array_element(JNIEnv* env, jbyteArray element) {
+    jsize length = env->GetArrayLength(element);
+    jbyte* bytes = env->GetByteArrayElements(element, nullptr);
+    if (bytes == nullptr) return nullptr;
+    auto* entry = static_cast<char*>(malloc(static_cast<size_t>(length) + 1));
+    if (entry != nullptr) {
+        strncpy(entry, reinterpret_cast<const char*>(bytes), static_cast<size_t>(length));
+        entry[length] = 0;
+    }
+    env->ReleaseByteArrayElements(element, bytes, 0);
+    return entry;
+}
+} // namespace
+
+QUILLON_API char* process_GetNativeStringFromJString(JNIEnv* env, char* dst, jstring string, size_t size) {
+    const char* utf8 = env->GetStringUTFChars(string, nullptr);
+    if (utf8 == nullptr) {
+        dst[0] = 0;
+        return dst;
+    }
+    to_native(dst, utf8, size,
+              "Failed to convert Java String to native codepage.  Will attempt to just use UTF-8 form: [%s]\n");
+    env->ReleaseStringUTFChars(string, utf8);
+    return dst;
+}
+
+QUILLON_API char* process_GetNativeStringFromArray(JNIEnv* env, char* dst, jbyteArray bytes, size_t size) {
+    jbyte* raw = env->GetByteArrayElements(bytes, nullptr);
+    if (raw == nullptr) {
+        dst[0] = 0;
+        return dst;
+    }
+    to_native(dst, reinterpret_cast<const char*>(raw), size,
+              "Failed to convert Java Byte Array to native codepage.  Will attempt to just use UTF-8 form: [%s]\n");
+    env->ReleaseByteArrayElements(bytes, raw, 0);
+    return dst;
+}
+
+QUILLON_API char** javaStrArrayToCStrArray(JNIEnv* env, jobjectArray array) {
+    jsize count = env->GetArrayLength(array);
+    char** result = allocate_string_array(static_cast<size_t>(count));
+    if (result == nullptr) return nullptr;
+    for (jsize i = 0; i < count; ++i) {
+        auto element = static_cast<jstring>(env->GetObjectArrayElement(array, i));
+        if (element != nullptr) result[i] = string_element(env, element);
+    }
+    return result;
+}
+
+QUILLON_API char** jByteArrArrayToCStrArray(JNIEnv* env, jobjectArray array) {
+    jsize count = env->GetArrayLength(array);
+    char** result = allocate_string_array(static_cast<size_t>(count));
+    if (result == nullptr) return nullptr;
+    for (jsize i = 0; i < count; ++i) {
+        auto element = static_cast<jbyteArray>(env->GetObjectArrayElement(array, i));
+        if (element != nullptr) result[i] = byte_array_element(env, element);
+    }
+    return result;
+}
+
+QUILLON_API void ReleaseCStrArray(char** array) {
+    if (array == nullptr) return;
+    size_t count = remembered_length(array);
+    for (size_t i = 0; i < count; ++i) free(array[i]);
+    free(array - 1);
+}
