@@ -1,0 +1,100 @@
+// Native mutexes held by Java handles, and which threading model the process runs on.
+#include <cerrno>
+#include <cstdlib>
+#include <pthread.h>
+#include <unistd.h>
+
+#include "com_norvane_quillon_process_linuxutil_ThreadUtil.h"
+#include "quillon/boundary.h"
+#include "quillon/runtime.h"
+
+namespace {
+int __isNPTL = -1;
+pthread_mutex_t __nptl_check_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+pthread_mutex_t* mutex_of(jlong handle) { return static_cast<pthread_mutex_t*>(process_ConvertJlongToPointer(handle)); }
+
+void* __get_child_thread_pid(void* arg) {
+    *static_cast<int*>(arg) = getpid();
+    return nullptr;
+}
+
+bool report_model(bool shared) {
+    process_log(shared ? "NPTL or similar detected.\n" : "LinuxThreads or similar detected.\n");
+    return shared;
+}
+} // namespace
+
+JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_linuxutil_ThreadUtil_createMutex(JNIEnv* env, jobject) {
+    auto* mutex = static_cast<pthread_mutex_t*>(malloc(sizeof(pthread_mutex_t)));
+    if (mutex == nullptr) {
+        ThrowWithMessage(env, PROC_OUT_OF_MEMORY,
+                         "Unrecoverable error.  Could not allocate memory for a new pthreads mutex", 0);
+        return 0;
+    }
+    process_log("Trying to init the mutex: [0x%x]\n", trace_ptr(mutex));
+    int result = pthread_mutex_init(mutex, nullptr);
+    if (result != 0) {
+        process_err("Could not initialize the new pthreads mutex. error=[%d] errno=[%d]\n", result, errno);
+        ThrowWithMessage(env, PROC_SYSTEM_ERR, "Unrecoverable error.  Could not initialize the new pthreads mutex",
+                         result);
+    }
+    return process_ConvertPointerTo64(mutex);
+}
+
+JNIEXPORT jint JNICALL Java_com_norvane_quillon_process_linuxutil_ThreadUtil_mutexTrylock(JNIEnv*, jobject,
+                                                                                          jlong handle) {
+    if (handle == 0) return 0;
+    process_log("Doing a trylock on mutex: [0x%x]\n", trace_ptr(mutex_of(handle)));
+    return pthread_mutex_trylock(mutex_of(handle)) == 0 ? 0 : -1;
+}
+
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_linuxutil_ThreadUtil_mutexLock(JNIEnv*, jobject,
+                                                                                       jlong handle) {
+    if (handle == 0) return;
+    process_log("Doing a lock on mutex: [0x%x]\n", trace_ptr(mutex_of(handle)));
+    pthread_mutex_lock(mutex_of(handle));
+}
+
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_linuxutil_ThreadUtil_mutexUnlock(JNIEnv*, jobject,
+                                                                                         jlong handle) {
+    if (handle == 0) return;
+    process_log("Doing an unlock on mutex: [0x%x]\n", trace_ptr(mutex_of(handle)));
+    pthread_mutex_unlock(mutex_of(handle));
+}
+
+JNIEXPORT jint JNICALL Java_com_norvane_quillon_process_linuxutil_ThreadUtil_freeMutex(JNIEnv*, jobject,
+                                                                                       jlong handle) {
+    if (handle == 0) return 0;
+    pthread_mutex_t* mutex = mutex_of(handle);
+    process_log("Doing a destroy on mutex: [0x%x]\n", trace_ptr(mutex));
+    if (pthread_mutex_destroy(mutex) != 0) {
+        process_log("Could not destroy mutex: [0x%x]\n", trace_ptr(mutex));
+        return 1;
+    }
+    process_log("Doing a free on mutex data: [0x%x]\n", trace_ptr(mutex));
+    free(mutex);
+    return 0;
+}
+
+JNIEXPORT jboolean JNICALL Java_com_norvane_quillon_process_linuxutil_ThreadUtil_isPOSIXThreading(JNIEnv*, jobject) {
+    process_log_init_dbg();
+    process_log("Trying to determine if the threading mode is NPTL.\n");
+    int mainPid = getpid();
+    pthread_mutex_lock(&__nptl_check_mutex);
+    bool shared;
+    if (__isNPTL == -1) {
+        int childPid = 0;
+        pthread_t probe;
+        int created = pthread_create(&probe, nullptr, __get_child_thread_pid, &childPid);
+        if (created == 0) pthread_join(probe, nullptr);
+        process_log("Thread created? ( 0 == created): [%d].  Main pid: [%d].  Child pid: [%d]\n", created, mainPid,
+                    childPid);
+        shared = report_model(created == 0 && mainPid == childPid);
+        __isNPTL = shared ? 1 : 0;
+    } else {
+        shared = report_model(__isNPTL == 1);
+    }
+    pthread_mutex_unlock(&__nptl_check_mutex);
+    return shared ? JNI_TRUE : JNI_FALSE;
+}
