@@ -25,17 +25,15 @@ bool parse_ppid_value(const char* line, int* out) {
     return true;
 }
 
-// Forks must never leave a child with a trace mutex or a standard stream locked by a thread that
-// does not exist there: the prepare handler takes them all in their order, both sides release them.
+// Forks must never leave a child with a trace mutex held by a thread that does not exist there: the
+// prepare handler takes both mutexes in their order, and both sides release them. (The standard
+// streams need nothing here: the C library gives the child of a multi-threaded process fresh stream
+// locks.)
 void fork_prepare() {
     pthread_mutex_lock(&__proc_dbg_mutex);
     pthread_mutex_lock(&__linux_pid_determine_mutex);
-    flockfile(stdout);
-    flockfile(stderr);
 }
 void fork_release() {
-    funlockfile(stderr);
-    funlockfile(stdout);
     pthread_mutex_unlock(&__linux_pid_determine_mutex);
     pthread_mutex_unlock(&__proc_dbg_mutex);
 }

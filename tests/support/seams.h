@@ -2,15 +2,23 @@
 // real call. Arming is per thread, and a forked child inherits the arming of the thread that forked.
 #pragma once
 
+#include <cerrno>
+
 namespace seams {
-// The n-th next malloc of this thread fails with ENOMEM (1 = the next one); 0 disarms.
-extern thread_local int mallocFailAt;
-// The next dup2 / fork / pipe of this thread fails with this errno; 0 disarms.
-extern thread_local int dup2Errno;
-extern thread_local int forkErrno;
-extern thread_local int pipeErrno;
-// The next select of this thread returns selectResult with errno selectErrno instead of waiting.
-extern thread_local bool selectArmed;
-extern thread_local int selectResult;
-extern thread_local int selectErrno;
+// The at-th next call (1 = the next one) fails with err; at 0 is disarmed.
+struct Fault {
+    int at = 0;
+    int err = 0;
+};
+extern thread_local Fault malloc;
+extern thread_local Fault dup2;
+extern thread_local Fault fork;
+extern thread_local Fault pipe;
+// The next select returns `result` with errno `err` instead of waiting.
+struct SelectFake {
+    bool armed = false;
+    int result = 0;
+    int err = 0;
+};
+extern thread_local SelectFake select;
 } // namespace seams

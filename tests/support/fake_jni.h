@@ -1,0 +1,33 @@
+// A hand-made JNIEnv for the boundary code: strings and arrays are plain C++ objects, and the JVM's
+// failures (a class that can't be found, a string that can't be read) are switches.
+#pragma once
+
+#include <jni.h>
+#include <set>
+#include <string>
+#include <vector>
+
+struct FakeJni {
+    struct Thrown {
+        std::string className;
+        std::string message;
+    };
+
+    FakeJni();
+    ~FakeJni();
+    JNIEnv* env() { return &env_; }
+
+    // Java values backed by this fake.
+    jstring string(const std::string& text);
+    jbyteArray bytes(const std::string& raw);
+    jobjectArray array(const std::vector<jobject>& elements);
+
+    std::set<std::string> missingClasses;
+    bool failStringChars = false;
+    std::vector<Thrown> thrown;
+    int outstandingChars = 0;
+
+  private:
+    JNINativeInterface_ table_{};
+    JNIEnv env_{};
+};
