@@ -45,8 +45,9 @@ ChildOutcome RunInChild(const std::function<std::string()>& body, unsigned secon
         alarm(seconds);
         freopen(outPath.c_str(), "w", stdout);
         freopen(errPath.c_str(), "w", stderr);
-        std::string report = body();
-        std::ofstream(reportPath) << report;
+        std::ofstream report(reportPath); // opened first: the body may give up the right to open it
+        report << body();
+        report.close();
         fflush(stdout);
         fflush(stderr);
         _exit(0);

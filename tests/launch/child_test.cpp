@@ -1,0 +1,369 @@
+// The new process's side of a launch, driven for real: each case runs in a child of the test so that
+// descriptors, identity and children stay the test runner's own.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#include "launch/launch_support.h"
+#include "quillon/boundary.h"
+#include "quillon/runtime.h"
+#include "support/child.h"
+#include "support/seams.h"
+
+namespace {
+std::string outcome_text(const Launched& l) { return std::to_string(l.result) + "/" + std::to_string(l.sysErr); }
+std::string expected(int result, int sysErr) { return std::to_string(result) + "/" + std::to_string(sysErr); }
+
+bool no_children_left() {
+    errno = 0;
+    return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD;
+}
+
+struct FailureCase {
+    const char* name;
+    Request request;
+    int result;
+    int sysErr;
+};
+
+class FailedLaunch : public testing::TestWithParam<std::tuple<FailureCase, bool>> {};
+
+// Every failure comes back as its result and errno; an attached launch leaves no process and no
+// zombie, and no launch leaves a descriptor behind.
+TEST_P(FailedLaunch, ReportsAndLeavesNothingBehind) {
+    const auto& [c, detached] = GetParam();
+    ChildOutcome outcome = RunInChild([&] {
+        int before = OpenDescriptorCount();
+        Launched l = Launch(c.request, detached);
+        usleep(detached ? 50000 : 0);
+        return outcome_text(l) + " fds:" + std::to_string(OpenDescriptorCount() - before) +
+               " children:" + (no_children_left() ? "none" : "some");
+    });
+    EXPECT_EQ(outcome.report, expected(c.result, c.sysErr) + " fds:0 children:none");
+    EXPECT_NE(outcome.err.find("Unable to launch process.  An error occurred.  Return value: [" +
+                               std::to_string(c.result) + "] errno: [" + std::to_string(c.sysErr) + "]"),
+              std::string::npos);
+}
+
+Request with(void (*edit)(Request&)) {
+    Request r;
+    edit(r);
+    return r;
+}
+
+const std::string kLongName = "/tmp/" + std::string(4092, 'n');
+
+INSTANTIATE_TEST_SUITE_P(
+    Causes, FailedLaunch,
+    testing::Combine(
+        testing::Values(
+            FailureCase{"missingExecutable", with([](Request& r) { r.executable = "/no/such/program"; }),
+                        PROC_INVALID_EXECUTABLE, ENOENT},
+            FailureCase{"emptyExecutable", with([](Request& r) { r.executable = ""; }), PROC_INVALID_EXECUTABLE,
+                        ENOENT},
+            FailureCase{"notExecutable", with([](Request& r) { r.executable = "/etc/passwd"; }),
+                        PROC_INVALID_EXECUTABLE, EACCES},
+            FailureCase{"badDirectory", with([](Request& r) { r.workingDirectory = "/no/such/dir"; }),
+                        PROC_INVALID_DIRECTORY, ENOENT},
+            FailureCase{"badProcessGroup", with([](Request& r) { r.processGroup = 999999; }),
+                        PROC_INVALID_PROCESS_GROUP, EPERM},
+            FailureCase{"unknownGroup", with([](Request& r) { r.group = "no-such-group"; }), PROC_INVALID_GROUP, 0},
+            FailureCase{"emptyGroup", with([](Request& r) { r.group = ""; }), PROC_INVALID_GROUP, 0},
+            FailureCase{"missingStdin", with([](Request& r) { r.stdFiles = {"/no/such/input", nullptr, nullptr}; }),
+                        PROC_INVALID_FILE, ENOENT},
+            FailureCase{"nameTooLong",
+                        with([](Request& r) { r.stdFiles = {nullptr, kLongName.c_str(), nullptr}; }),
+                        PROC_INVALID_FILE, ENAMETOOLONG}),
+        testing::Bool()),
+    [](const auto& info) {
+        return std::string(std::get<0>(info.param).name) + (std::get<1>(info.param) ? "Detached" : "Attached");
+    });
+
+TEST(FailedLaunch, UnknownUserIsAnInvalidUsername) {
+    Request r;
+    r.user = "no-such-user";
+    ChildOutcome outcome = RunInChild([&] { return std::to_string(Launch(r).result); });
+    EXPECT_EQ(outcome.report, std::to_string(PROC_INVALID_USERNAME));
+}
+
+// Identity of a launched program, read from /proc while it sleeps.
+struct IdentityCase {
+    const char* name;
+    const char* user;
+    const char* group;
+    std::vector<const char*> variables;
+    std::string uid, gid, groups;
+};
+
+class LaunchedIdentity : public testing::TestWithParam<IdentityCase> {};
+
+TEST_P(LaunchedIdentity, IsWhatTheRequestAndTheSwitchesSay) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to change identity";
+    const IdentityCase& c = GetParam();
+    ChildOutcome outcome = RunInChild([&] {
+        setgroups(0, nullptr);
+        gid_t supplementary[] = {4}; // the launcher's own supplementary group, to be seen replaced or kept
+        setgroups(1, supplementary);
+        for (const char* variable : c.variables) setenv(variable, "", 1);
+        Request r;
+        r.executable = "/bin/sleep";
+        r.arguments = {"5"};
+        r.user = c.user;
+        r.group = c.group;
+        Launched l = Launch(r);
+        std::string facts = StatusField("Uid", l.pid) + "|" + StatusField("Gid", l.pid) + "|" +
+                            StatusField("Groups", l.pid);
+        kill(l.pid, SIGKILL);
+        waitpid(l.pid, nullptr, 0);
+        return outcome_text(l) + " " + facts;
+    });
+    auto ids = [](const std::string& id) { return id + "\t" + id + "\t" + id + "\t" + id; };
+    EXPECT_EQ(outcome.report, "0/0 " + ids(c.uid) + "|" + ids(c.gid) + "|" + c.groups);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Root, LaunchedIdentity,
+    testing::Values(IdentityCase{"userGetsPrimaryGroupAndNoGroups", "nobody", nullptr, {}, "65534", "65534", ""},
+                    IdentityCase{"initgroups", "nobody", nullptr, {"__JNI_PROCESS_INITGROUPS"}, "65534", "65534",
+                                 "65534"},
+                    IdentityCase{"forcedGroupDisabled", "nobody", nullptr, {"__JNI_PROCESS_DISABLE_FORCEGROUP",
+                                 "__JNI_PROCESS_INITGROUPS"}, "65534", "0", "4"},
+                    IdentityCase{"groupOnly", nullptr, "nogroup", {"__JNI_PROCESS_INITGROUPS"}, "0", "65534", ""},
+                    IdentityCase{"groupAndUserInitgroups", "nobody", "daemon", {"__JNI_PROCESS_INITGROUPS"}, "65534",
+                                 "1", "1"},
+                    IdentityCase{"nothingRequested", nullptr, nullptr, {}, "0", "0", "4"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(LaunchedIdentity, AnUnprivilegedLauncherIsRefusedAtTheForcedGroupFirst) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root, to drop the launcher to nobody";
+    ChildOutcome outcome = RunInChild([] {
+        if (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0) return std::string("drop failed");
+        Request r;
+        r.user = "root";
+        std::string forced = outcome_text(Launch(r));
+        r.group = "nogroup"; // its own group is allowed, the user is not
+        return forced + " " + outcome_text(Launch(r));
+    });
+    EXPECT_EQ(outcome.report, expected(PROC_INVALID_GROUP, EPERM) + " " + expected(PROC_INVALID_USERNAME, EPERM));
+}
+
+// Standard handles, set up in a child and read back from its own descriptor table.
+std::string fd_target(int fd) {
+    char target[4200] = {};
+    ssize_t n = readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), target, sizeof target - 1);
+    return n < 0 ? "closed" : std::string(target, static_cast<size_t>(n));
+}
+
+std::string handles_after(std::vector<const char*> files, const char* workingDirectory, bool nullArray = false) {
+    return RunInChild([&] {
+               int err = -1;
+               int result = SetupChildStdHandles(workingDirectory, nullArray ? nullptr : const_cast<char**>(files.data()),
+                                                 &err);
+               return std::to_string(result) + "/" + std::to_string(err) + " " + fd_target(0) + " " + fd_target(1);
+           })
+        .report;
+}
+
+TEST(StdHandles, NullArrayInheritsAllAndNullStdinReadsDevNull) {
+    int pipeEnds[2];
+    ASSERT_EQ(pipe(pipeEnds), 0);
+    int savedStdin = dup(0);
+    dup2(pipeEnds[0], 0); // a recognisable inherited stdin
+    std::string inherited = fd_target(0);
+    std::string nullArray = handles_after({}, nullptr, true);
+    std::string allNull = handles_after({nullptr, nullptr, nullptr}, nullptr);
+    dup2(savedStdin, 0);
+    close(savedStdin);
+    close(pipeEnds[0]);
+    close(pipeEnds[1]);
+    EXPECT_EQ(nullArray.substr(0, nullArray.rfind(' ')), "0/0 " + inherited);
+    EXPECT_EQ(allNull.substr(0, allNull.rfind(' ')), "0/0 /dev/null");
+}
+
+TEST(StdHandles, AppendOrTruncateJoinedToTheWorkingDirectoryUnderTheMask) {
+    char dir[] = "/tmp/quillon-handles-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    std::string out = std::string(dir) + "/out.log";
+    for (const std::string& base : {std::string(dir), std::string(dir) + "/"}) {
+        FILE* f = fopen(out.c_str(), "w");
+        fputs("old\n", f);
+        fclose(f);
+        std::string base_copy = base;
+        RunInChild([&] {
+            umask(027);
+            const char* files[] = {nullptr, "out.log", nullptr};
+            int err = 0;
+            SetupChildStdHandles(base_copy.c_str(), const_cast<char**>(files), &err);
+            fputs("appended\n", stdout);
+            return std::string();
+        });
+        EXPECT_EQ(ReadFile(out), "old\nappended\n") << base_copy;
+    }
+    unlink(out.c_str());
+    RunInChild([&] {
+        umask(027);
+        const char* files[] = {nullptr, "!out.log", nullptr};
+        int err = 0;
+        SetupChildStdHandles(dir, const_cast<char**>(files), &err);
+        fputs("fresh\n", stdout);
+        return std::string();
+    });
+    EXPECT_EQ(ReadFile(out), "fresh\n");
+    struct stat st = {};
+    stat(out.c_str(), &st);
+    EXPECT_EQ(st.st_mode & 0777, 0640u);
+    unlink(out.c_str());
+    rmdir(dir);
+}
+
+struct Dup2Case {
+    const char* name;
+    int err;
+    const char* file; // null: the /dev/null path of stdin
+    int result;
+};
+
+class StdHandleDupFailure : public testing::TestWithParam<Dup2Case> {};
+
+TEST_P(StdHandleDupFailure, MapsTheErrno) {
+    const Dup2Case& c = GetParam();
+    ChildOutcome outcome = RunInChild([&] {
+        const char* files[] = {c.file, nullptr, nullptr};
+        int err = 0;
+        seams::dup2 = {1, c.err};
+        int result = SetupChildStdHandles(nullptr, const_cast<char**>(files), &err);
+        return std::to_string(result) + "/" + std::to_string(err);
+    });
+    EXPECT_EQ(outcome.report, expected(c.result, c.err));
+}
+
+INSTANTIATE_TEST_SUITE_P(Faked, StdHandleDupFailure,
+                         testing::Values(Dup2Case{"fileBadf", EBADF, "/etc/hostname", PROC_INVALID_FILE},
+                                         Dup2Case{"fileEmfile", EMFILE, "/etc/hostname", PROC_OUT_OF_FILE_HANDLES},
+                                         Dup2Case{"devNullEnfile", ENFILE, nullptr, PROC_OUT_OF_FILE_HANDLES},
+                                         Dup2Case{"devNullBadf", EBADF, nullptr, PROC_INVALID_FILE}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST(HostWithClosedStandardDescriptors, StillLaunchesAndStillHearsFailures) {
+    ChildOutcome outcome = RunInChild([] {
+        int report = dup(1);
+        close(0);
+        close(1);
+        close(2);
+        Request ok;
+        std::string text = outcome_text(Launch(ok));
+        Request missing;
+        missing.executable = "/no/such/program";
+        missing.stdFiles = {nullptr, "/dev/null", "/dev/null"};
+        text += " " + outcome_text(Launch(missing));
+        close(report);
+        return text;
+    });
+    EXPECT_EQ(outcome.report, "0/0 " + expected(PROC_INVALID_EXECUTABLE, ENOENT));
+}
+
+TEST(LaunchingSideFailures, ForkAndPipeFailuresMapAndCloseEverything) {
+    struct Case {
+        const char* name;
+        bool detached;
+        seams::Fault forkFault, pipeFault;
+        int result, sysErr;
+    };
+    const Case cases[] = {
+        {"attachedForkEagain", false, {1, EAGAIN}, {}, PROC_OUT_OF_MEMORY, EAGAIN},
+        {"attachedForkOther", false, {1, ENOSYS}, {}, PROC_SYSTEM_ERR, ENOSYS},
+        {"attachedPipe", false, {}, {1, EMFILE}, PROC_SYSTEM_ERR, EMFILE},
+        {"detachedForkEnomem", true, {1, ENOMEM}, {}, PROC_OUT_OF_MEMORY, ENOMEM},
+        {"detachedSecondPipe", true, {}, {2, EMFILE}, PROC_OUT_OF_FILE_HANDLES, 0},
+        {"detachedSecondFork", true, {2, EAGAIN}, {}, PROC_SYSTEM_ERR, 0},
+    };
+    for (const Case& c : cases) {
+        ChildOutcome outcome = RunInChild([&] {
+            int before = OpenDescriptorCount();
+            seams::fork = c.forkFault;
+            seams::pipe = c.pipeFault;
+            Launched l = Launch(Request{}, c.detached);
+            seams::fork = {};
+            seams::pipe = {};
+            return outcome_text(l) + " pid:" + std::to_string(l.pid) +
+                   " fds:" + std::to_string(OpenDescriptorCount() - before) +
+                   " children:" + (no_children_left() ? "none" : "some");
+        });
+        std::string pid = c.detached ? "0" : (c.forkFault.at != 0 ? "-1" : "0");
+        EXPECT_EQ(outcome.report, expected(c.result, c.sysErr) + " pid:" + pid + " fds:0 children:none") << c.name;
+    }
+}
+
+TEST(DetachedLaunch, TheProgramIsNoChildAndTheIntermediateIsReaped) {
+    ChildOutcome outcome = RunInChild([] {
+        Request r;
+        r.executable = "/bin/sleep";
+        r.arguments = {"1"};
+        Launched l = Launch(r, true);
+        errno = 0;
+        bool notMine = waitpid(l.pid, nullptr, WNOHANG) == -1 && errno == ECHILD;
+        bool alive = kill(l.pid, 0) == 0;
+        kill(l.pid, SIGKILL);
+        return outcome_text(l) + " " + std::to_string(notMine) + std::to_string(alive) +
+               std::to_string(no_children_left());
+    });
+    EXPECT_EQ(outcome.report, "0/0 111");
+}
+
+// No launch may hang in its child because another thread held the registry, the environment lock or
+// the trace mutexes at the fork.
+TEST(ForkSafety, LaunchesWithIdentityNeverHangWhileOtherThreadsHoldLocks) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to launch as nobody";
+    ChildOutcome outcome = RunInChild(
+        [] {
+            std::atomic<bool> stop{false};
+            std::vector<std::thread> busy;
+            busy.emplace_back([&] {
+                char buffer[4096];
+                passwd p;
+                passwd* found;
+                group g;
+                group* gfound;
+                while (!stop) {
+                    getpwnam_r("nobody", &p, buffer, sizeof buffer, &found);
+                    getgrnam_r("nogroup", &g, buffer, sizeof buffer, &gfound);
+                }
+            });
+            busy.emplace_back([&] {
+                while (!stop) setenv("QUILLON_STRESS", "x", 1);
+            });
+            busy.emplace_back([&] {
+                while (!stop) process_log_init_dbg();
+            });
+            std::atomic<int> failures{0};
+            std::vector<std::thread> launchers;
+            for (int t = 0; t < 3; ++t)
+                launchers.emplace_back([&] {
+                    for (int i = 0; i < 60; ++i) {
+                        Request r;
+                        r.user = "nobody";
+                        r.group = "nogroup";
+                        time_t start = time(nullptr);
+                        Launched l = Launch(r);
+                        if (l.result != PROC_SUCCESS || time(nullptr) - start > 10) ++failures;
+                        waitpid(l.pid, nullptr, 0);
+                    }
+                });
+            for (auto& t : launchers) t.join();
+            stop = true;
+            for (auto& t : busy) t.join();
+            return std::to_string(failures.load());
+        },
+        300);
+    EXPECT_EQ(outcome.report, "0");
+}
+} // namespace

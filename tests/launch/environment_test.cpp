@@ -1,0 +1,119 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "quillon/launch.h"
+#include "support/child.h"
+#include "support/seams.h"
+
+namespace {
+struct KeyCase {
+    const char* entry;
+    uint64_t size;
+    std::string key;
+};
+
+class Keys : public testing::TestWithParam<KeyCase> {};
+
+TEST_P(Keys, StopAtTheFirstEqualsOrTheLimit) {
+    const KeyCase& c = GetParam();
+    char buffer[16] = "untouched";
+    GetKey(c.entry, buffer, c.size);
+    EXPECT_EQ(std::string(buffer), c.key);
+}
+
+INSTANTIATE_TEST_SUITE_P(Entries, Keys,
+                         testing::Values(KeyCase{"PATH=/a=b", 16, "PATH"}, KeyCase{"NOVALUE", 16, "NOVALUE"},
+                                         KeyCase{"=x", 16, ""}, KeyCase{"ABCDEFGH=1", 6, "ABCD"},
+                                         KeyCase{"AB=1", 2, ""}, KeyCase{"AB=1", 1, ""},
+                                         KeyCase{"AB=1", 0, "untouched"}, KeyCase{nullptr, 16, "untouched"}));
+
+TEST(Keys, CompareWholeKeysWithoutCaseAndOrderNulls) {
+    EXPECT_EQ(TestKeys("path=/a", "PATH"), 0);
+    EXPECT_EQ(TestKeys("PATH", "Path=/b"), 0);
+    EXPECT_NE(TestKeys("PATHX=/a", "PATH"), 0);
+    EXPECT_EQ(TestKeys(nullptr, nullptr), 0);
+    EXPECT_EQ(TestKeys(nullptr, "A"), 1);
+    EXPECT_EQ(TestKeys("A", nullptr), -1);
+    std::string common(1022, 'k');
+    EXPECT_EQ(TestKeys((common + "X=1").c_str(), (common + "Y=2").c_str()), 0) << "only 1022 bytes count";
+}
+
+struct MergeCase {
+    const char* name;
+    std::vector<const char*> request;
+    std::vector<const char*> inherited;
+    const char* key;
+    const char* merged; // null: not merged
+};
+
+class Merge : public testing::TestWithParam<MergeCase> {};
+
+TEST_P(Merge, PutsTheRequestInFrontOfTheInheritedValue) {
+    MergeCase c = GetParam();
+    c.request.push_back(nullptr);
+    c.inherited.push_back(nullptr);
+    char* merged = reinterpret_cast<char*>(1);
+    EXPECT_EQ(GenerateAdditiveString(c.key, const_cast<char**>(c.request.data()),
+                                     const_cast<char**>(c.inherited.data()), nullptr, &merged),
+              1);
+    if (c.merged == nullptr) {
+        EXPECT_EQ(merged, nullptr);
+    } else {
+        ASSERT_NE(merged, nullptr);
+        EXPECT_STREQ(merged, c.merged);
+    }
+    free(merged);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Lists, Merge,
+    testing::Values(MergeCase{"caseOfTheRequest", {"path=/a"}, {"PATH=/b"}, "path", "path=/a:/b"},
+                    MergeCase{"requestOnly", {"PATH=/a"}, {"HOME=/"}, "PATH", nullptr},
+                    MergeCase{"emptyRequestValue", {"PATH="}, {"PATH=/b"}, "PATH", "PATH=:/b"},
+                    MergeCase{"emptyInheritedValue", {"PATH=/a"}, {"PATH="}, "PATH", "PATH=/a:"},
+                    MergeCase{"equalsKept", {"CLASSPATH=a=b"}, {"CLASSPATH=c"}, "CLASSPATH", "CLASSPATH=a=b:c"},
+                    MergeCase{"entryWithoutValue", {"PATH"}, {"PATH=/b"}, "PATH", "PATH=/b"},
+                    MergeCase{"firstMatchOnly", {"PATH=/a", "PATH=/c"}, {"PATH=/b"}, "PATH", "PATH=/a:/b"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(Merge, RefusesANullOutParameterAndReportsAFailedAllocation) {
+    char* request[] = {const_cast<char*>("PATH=/a"), nullptr};
+    char* inherited[] = {const_cast<char*>("PATH=/b"), nullptr};
+    EXPECT_EQ(GenerateAdditiveString("PATH", request, inherited, nullptr, nullptr), 0);
+    char* merged = nullptr;
+    seams::malloc = {1, ENOMEM};
+    EXPECT_EQ(GenerateAdditiveString("PATH", request, inherited, nullptr, &merged), 0);
+    EXPECT_EQ(merged, nullptr);
+}
+
+// The merge into environ runs in a child, as it does in a launch.
+std::string merged_environment(std::vector<const char*> request, int mallocFailAt = 0) {
+    return RunInChild([&] {
+               clearenv();
+               setenv("PATH", "/b", 1);
+               setenv("KEEP", "1", 1);
+               setenv("GONE", "1", 1);
+               request.push_back(nullptr);
+               seams::malloc = {mallocFailAt, ENOMEM};
+               MergeEnvironment(const_cast<char**>(request.data()));
+               seams::malloc = {};
+               std::string all;
+               for (char** e = environ; *e != nullptr; ++e) all += std::string(*e) + ";";
+               return all;
+           })
+        .report;
+}
+
+TEST(Merge, AppliesEntriesInOrderOverTheInheritedEnvironment) {
+    EXPECT_EQ(merged_environment({"NEW=x", "PATH=/a", "KEEP=2", "GONE"}), "PATH=/a:/b;KEEP=2;NEW=x;");
+    EXPECT_EQ(merged_environment({"path=/a"}), "PATH=/b;KEEP=1;GONE=1;path=/a:/b;");
+}
+
+TEST(Merge, AFailedMergeKeepsTheInheritedValueAndGoesOn) {
+    // Allocation 1 is the child's copy of the environment vector, 2 the merged PATH.
+    EXPECT_EQ(merged_environment({"PATH=/a", "NEW=x"}, 2), "PATH=/b;KEEP=1;GONE=1;NEW=x;");
+}
+} // namespace
