@@ -1,0 +1,66 @@
+package com.norvane.quillon.process;
+
+import com.norvane.quillon.process.exception.ProcessOpException;
+import com.norvane.quillon.process.linuxutil.ThreadUtil;
+import java.util.Arrays;
+
+/**
+ * Runs one native in a JVM of its own and prints its outcome as "value" or "ExceptionClass: message",
+ * for tests that need another user, another environment or a change of identity.
+ */
+public final class Probe {
+    private Probe() {}
+
+    interface Action {
+        Object run() throws Exception;
+    }
+
+    static void print(Action action) {
+        try {
+            System.out.println(action.run());
+        } catch (ProcessOpException e) {
+            System.out.println(e.getClass().getSimpleName() + ": " + e.getMessage());
+        } catch (Exception e) {
+            System.out.println("unexpected " + e);
+        }
+    }
+
+    public static void main(String[] args) throws Exception {
+        UnixProcessGlue glue = UnixProcessGlue.get();
+        for (int i = 0; i < args.length; i++) {
+            String arg = i + 1 < args.length ? args[i + 1] : null;
+            switch (args[i]) {
+                case "adopt" -> print(() -> glue.id(glue.recreate(arg)));
+                case "kill" -> print(() -> {
+                    glue.kill(glue.recreate(arg));
+                    return "killed";
+                });
+                case "stop" -> print(() -> {
+                    glue.stop(glue.recreate(arg));
+                    return "stopped";
+                });
+                case "whoami" -> print(() -> glue.getCurrentProcessUser() + " " + glue.getCurrentProcessGroup() + " "
+                        + glue.getCurrentProcessUserOSHomeDir() + " " + glue.isUserPrivileged());
+                case "setuser" -> print(() -> {
+                    glue.setCurrentProcessUser(arg);
+                    return "user now " + glue.getCurrentProcessUser();
+                });
+                case "setgroup" -> print(() -> {
+                    glue.setCurrentProcessGroup(arg);
+                    return "group now " + glue.getCurrentProcessGroup();
+                });
+                case "environment" -> print(() -> Arrays.toString(EnvUtilGlue.get().native_getentireenv()));
+                case "threading" -> print(() -> ThreadUtil.get().isPOSIXThreading());
+                case "sleep" -> print(() -> {
+                    System.out.println("ready");
+                    System.out.flush();
+                    Thread.sleep(Long.parseLong(arg));
+                    return "woke";
+                });
+                default -> {
+                    continue;
+                }
+            }
+        }
+    }
+}
