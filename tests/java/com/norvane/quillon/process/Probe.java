@@ -11,6 +11,8 @@ import java.util.Arrays;
 public final class Probe {
     private Probe() {}
 
+    private static long held;
+
     interface Action {
         Object run() throws Exception;
     }
@@ -30,13 +32,16 @@ public final class Probe {
         for (int i = 0; i < args.length; i++) {
             String arg = i + 1 < args.length ? args[i + 1] : null;
             switch (args[i]) {
-                case "adopt" -> print(() -> glue.id(glue.recreate(arg)));
+                case "adopt" -> print(() -> {
+                    held = glue.recreate(arg);
+                    return glue.id(held);
+                });
                 case "kill" -> print(() -> {
-                    glue.kill(glue.recreate(arg));
+                    glue.kill(held);
                     return "killed";
                 });
                 case "stop" -> print(() -> {
-                    glue.stop(glue.recreate(arg));
+                    glue.stop(held);
                     return "stopped";
                 });
                 case "whoami" -> print(() -> glue.getCurrentProcessUser() + " " + glue.getCurrentProcessGroup() + " "
