@@ -47,4 +47,9 @@ final class ChildJvm {
     static String run(boolean asNobody, Class<?> main, String... args) throws IOException, InterruptedException {
         return run(asNobody, Map.of(), false, main, args);
     }
+
+    /** The output without the library's trace and error lines. */
+    static String withoutTrace(String output) {
+        return output.replaceAll("(?m)^Time: \\[0x[0-9a-f]+\\], Process: .*\n", "");
+    }
 }

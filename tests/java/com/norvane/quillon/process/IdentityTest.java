@@ -1,0 +1,62 @@
+package com.norvane.quillon.process;
+
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertThrows;
+import static org.junit.jupiter.api.Assumptions.assumeTrue;
+
+import com.norvane.quillon.process.exception.InvalidGroupException;
+import com.norvane.quillon.process.exception.InvalidUsernameException;
+import com.norvane.quillon.process.exception.ProcessOpException;
+import org.junit.jupiter.api.Test;
+
+class IdentityTest {
+    private final UnixProcessGlue glue = UnixProcessGlue.get();
+
+    @Test
+    void rootIsRootWithItsHome() throws Exception {
+        assumeTrue(ChildJvm.isRoot(), "runs as root");
+        assertEquals("root", glue.getCurrentProcessUser());
+        assertEquals("root", glue.getCurrentProcessGroup());
+        assertEquals("/root", glue.getCurrentProcessUserOSHomeDir());
+        assertEquals(true, glue.isUserPrivileged());
+    }
+
+    @Test
+    void nobodyIsNobodyAndMayNotBecomeRoot() throws Exception {
+        assumeTrue(ChildJvm.isRoot(), "needs root to start a JVM as nobody");
+        assertEquals(String.join("\n", "nobody nogroup /nonexistent false",
+                "AccessDeniedException: The operating system would not allow assignment of the process to user: "
+                        + "[root].  Access Denied.\n 001: Operation not permitted",
+                "AccessDeniedException: The operating system would not allow assignment of the process to group: "
+                        + "[root].  Access Denied.\n 001: Operation not permitted", ""),
+                ChildJvm.withoutTrace(ChildJvm.run(true, Probe.class, "whoami", "setuser", "root", "setgroup", "root")));
+    }
+
+    @Test
+    void aRealChangeOfIdentityHappensInAChildJvm() throws Exception {
+        assumeTrue(ChildJvm.isRoot(), "needs root to change identity");
+        assertEquals("group now nogroup\nuser now nobody\n",
+                ChildJvm.run(false, Probe.class, "setgroup", "nogroup", "setuser", "nobody"));
+    }
+
+    @Test
+    void unknownNamesAreInvalidWithTheirOwnTexts() {
+        assertEquals("The operating system would not allow assignment of the process to user: [no-such-user].  "
+                + "The user does not exist in the OS group registry\n",
+                assertThrows(InvalidUsernameException.class, () -> glue.setCurrentProcessUser("no-such-user"))
+                        .getMessage());
+        assertEquals("The operating system would not allow assignment of the process to group: [no-such-group].  "
+                + "The group does not exist in the OS group registry\n",
+                assertThrows(InvalidGroupException.class, () -> glue.setCurrentProcessGroup("no-such-group"))
+                        .getMessage());
+    }
+
+    @Test
+    void nullNamesAreAGeneralFailure() {
+        ProcessOpException user = assertThrows(ProcessOpException.class, () -> glue.setCurrentProcessUser(null));
+        assertEquals(ProcessOpException.class, user.getClass());
+        assertEquals("A NULL java string was passed in for user name.  This is invalid.", user.getMessage());
+        ProcessOpException group = assertThrows(ProcessOpException.class, () -> glue.setCurrentProcessGroup(null));
+        assertEquals("A NULL java string was passed in for group name.  This is invalid.", group.getMessage());
+    }
+}
