@@ -84,13 +84,6 @@ TEST(SystemText, IsRefusedWithErangeWhenItDoesNotFit) {
     EXPECT_EQ(process_strerror_r(4000, text, sizeof text), -1);
 }
 
-TEST(Handles, KeepAllBits) {
-    EXPECT_EQ(process_ConvertPointerTo64(nullptr), 0);
-    EXPECT_EQ(process_ConvertJlongToPointer(0), nullptr);
-    int value;
-    EXPECT_EQ(process_ConvertJlongToPointer(process_ConvertPointerTo64(&value)), &value);
-}
-
 TEST(Marshalling, StringArrayKeepsEntriesBehindANullAndReleasesThemAll) {
     FakeJni jni;
     jobjectArray array = jni.array({jni.string("A"), nullptr, jni.string(""), jni.string("caf\xc3\xa9")});
@@ -150,11 +143,4 @@ TEST(Marshalling, ByteArraysGoOverUnconvertedAndStopAtAZeroByte) {
     ReleaseCStrArray(native);
 }
 
-TEST(Marshalling, OneStringIsCutToTheBuffer) {
-    FakeJni jni;
-    char dst[4];
-    process_GetNativeStringFromJString(jni.env(), dst, jni.string("abcdef"), sizeof dst);
-    EXPECT_STREQ(dst, "abc");
-    EXPECT_EQ(jni.outstandingChars, 0);
-}
 } // namespace

@@ -164,16 +164,4 @@ TEST(ExecOutcome, AnInterruptedWaitIsResumed) {
     EXPECT_EQ(outcome.report, "0 0");
 }
 
-TEST(ExecOutcome, HostWithClosedStandardDescriptorsKeepsTheChannelAboveThem) {
-    ChildOutcome outcome = RunInChild([] {
-        close(0);
-        close(1);
-        close(2);
-        int channel[2];
-        int err = 0;
-        InitializePipe(channel, &err);
-        return std::to_string(channel[0] > 2 && channel[1] > 2);
-    });
-    EXPECT_EQ(outcome.report, "1");
-}
 } // namespace

@@ -28,73 +28,6 @@ bool no_children_left() {
     return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD;
 }
 
-struct FailureCase {
-    const char* name;
-    Request request;
-    int result;
-    int sysErr;
-};
-
-class FailedLaunch : public testing::TestWithParam<std::tuple<FailureCase, bool>> {};
-
-// Every failure comes back as its result and errno; an attached launch leaves no process and no
-// zombie, and no launch leaves a descriptor behind.
-TEST_P(FailedLaunch, ReportsAndLeavesNothingBehind) {
-    const auto& [c, detached] = GetParam();
-    ChildOutcome outcome = RunInChild([&] {
-        int before = OpenDescriptorCount();
-        Launched l = Launch(c.request, detached);
-        usleep(detached ? 50000 : 0);
-        return outcome_text(l) + " fds:" + std::to_string(OpenDescriptorCount() - before) +
-               " children:" + (no_children_left() ? "none" : "some");
-    });
-    EXPECT_EQ(outcome.report, expected(c.result, c.sysErr) + " fds:0 children:none");
-    EXPECT_NE(outcome.err.find("Unable to launch process.  An error occurred.  Return value: [" +
-                               std::to_string(c.result) + "] errno: [" + std::to_string(c.sysErr) + "]"),
-              std::string::npos);
-}
-
-Request with(void (*edit)(Request&)) {
-    Request r;
-    edit(r);
-    return r;
-}
-
-const std::string kLongName = "/tmp/" + std::string(4092, 'n');
-
-INSTANTIATE_TEST_SUITE_P(
-    Causes, FailedLaunch,
-    testing::Combine(
-        testing::Values(
-            FailureCase{"missingExecutable", with([](Request& r) { r.executable = "/no/such/program"; }),
-                        PROC_INVALID_EXECUTABLE, ENOENT},
-            FailureCase{"emptyExecutable", with([](Request& r) { r.executable = ""; }), PROC_INVALID_EXECUTABLE,
-                        ENOENT},
-            FailureCase{"notExecutable", with([](Request& r) { r.executable = "/etc/passwd"; }),
-                        PROC_INVALID_EXECUTABLE, EACCES},
-            FailureCase{"badDirectory", with([](Request& r) { r.workingDirectory = "/no/such/dir"; }),
-                        PROC_INVALID_DIRECTORY, ENOENT},
-            FailureCase{"badProcessGroup", with([](Request& r) { r.processGroup = 999999; }),
-                        PROC_INVALID_PROCESS_GROUP, EPERM},
-            FailureCase{"unknownGroup", with([](Request& r) { r.group = "no-such-group"; }), PROC_INVALID_GROUP, 0},
-            FailureCase{"emptyGroup", with([](Request& r) { r.group = ""; }), PROC_INVALID_GROUP, 0},
-            FailureCase{"missingStdin", with([](Request& r) { r.stdFiles = {"/no/such/input", nullptr, nullptr}; }),
-                        PROC_INVALID_FILE, ENOENT},
-            FailureCase{"nameTooLong",
-                        with([](Request& r) { r.stdFiles = {nullptr, kLongName.c_str(), nullptr}; }),
-                        PROC_INVALID_FILE, ENAMETOOLONG}),
-        testing::Bool()),
-    [](const auto& info) {
-        return std::string(std::get<0>(info.param).name) + (std::get<1>(info.param) ? "Detached" : "Attached");
-    });
-
-TEST(FailedLaunch, UnknownUserIsAnInvalidUsername) {
-    Request r;
-    r.user = "no-such-user";
-    ChildOutcome outcome = RunInChild([&] { return std::to_string(Launch(r).result); });
-    EXPECT_EQ(outcome.report, std::to_string(PROC_INVALID_USERNAME));
-}
-
 // Identity of a launched program, read from /proc while it sleeps.
 struct IdentityCase {
     const char* name;
@@ -156,39 +89,7 @@ TEST(LaunchedIdentity, AnUnprivilegedLauncherIsRefusedAtTheForcedGroupFirst) {
     EXPECT_EQ(outcome.report, expected(PROC_INVALID_GROUP, EPERM) + " " + expected(PROC_INVALID_USERNAME, EPERM));
 }
 
-// Standard handles, set up in a child and read back from its own descriptor table.
-std::string fd_target(int fd) {
-    char target[4200] = {};
-    ssize_t n = readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), target, sizeof target - 1);
-    return n < 0 ? "closed" : std::string(target, static_cast<size_t>(n));
-}
-
-std::string handles_after(std::vector<const char*> files, const char* workingDirectory, bool nullArray = false) {
-    return RunInChild([&] {
-               int err = -1;
-               int result = SetupChildStdHandles(workingDirectory, nullArray ? nullptr : const_cast<char**>(files.data()),
-                                                 &err);
-               return std::to_string(result) + "/" + std::to_string(err) + " " + fd_target(0) + " " + fd_target(1);
-           })
-        .report;
-}
-
-TEST(StdHandles, NullArrayInheritsAllAndNullStdinReadsDevNull) {
-    int pipeEnds[2];
-    ASSERT_EQ(pipe(pipeEnds), 0);
-    int savedStdin = dup(0);
-    dup2(pipeEnds[0], 0); // a recognisable inherited stdin
-    std::string inherited = fd_target(0);
-    std::string nullArray = handles_after({}, nullptr, true);
-    std::string allNull = handles_after({nullptr, nullptr, nullptr}, nullptr);
-    dup2(savedStdin, 0);
-    close(savedStdin);
-    close(pipeEnds[0]);
-    close(pipeEnds[1]);
-    EXPECT_EQ(nullArray.substr(0, nullArray.rfind(' ')), "0/0 " + inherited);
-    EXPECT_EQ(allNull.substr(0, allNull.rfind(' ')), "0/0 /dev/null");
-}
-
+// Standard handles, set up in a child and written through.
 TEST(StdHandles, AppendOrTruncateJoinedToTheWorkingDirectoryUnderTheMask) {
     char dir[] = "/tmp/quillon-handles-XXXXXX";
     ASSERT_NE(mkdtemp(dir), nullptr);
@@ -301,22 +202,6 @@ TEST(LaunchingSideFailures, ForkAndPipeFailuresMapAndCloseEverything) {
         std::string pid = c.detached ? "0" : (c.forkFault.at != 0 ? "-1" : "0");
         EXPECT_EQ(outcome.report, expected(c.result, c.sysErr) + " pid:" + pid + " fds:0 children:none") << c.name;
     }
-}
-
-TEST(DetachedLaunch, TheProgramIsNoChildAndTheIntermediateIsReaped) {
-    ChildOutcome outcome = RunInChild([] {
-        Request r;
-        r.executable = "/bin/sleep";
-        r.arguments = {"1"};
-        Launched l = Launch(r, true);
-        errno = 0;
-        bool notMine = waitpid(l.pid, nullptr, WNOHANG) == -1 && errno == ECHILD;
-        bool alive = kill(l.pid, 0) == 0;
-        kill(l.pid, SIGKILL);
-        return outcome_text(l) + " " + std::to_string(notMine) + std::to_string(alive) +
-               std::to_string(no_children_left());
-    });
-    EXPECT_EQ(outcome.report, "0/0 111");
 }
 
 // No launch may hang in its child because another thread held the registry, the environment lock or

@@ -170,16 +170,6 @@ INSTANTIATE_TEST_SUITE_P(
                     ConversionCase{"unknownCodeSet", "abc", 8, "NO-SUCH-SET", "UTF-8", false, ""}),
     [](const auto& info) { return std::string(info.param.name); });
 
-TEST(Conversion, RefusesNullTextsAndEmptyBuffers) {
-    char dst[8];
-    EXPECT_EQ(process_stringConverter(dst, nullptr, sizeof dst, "UTF-8", "UTF-8"), nullptr);
-    EXPECT_EQ(process_stringConverter(nullptr, "a", sizeof dst, "UTF-8", "UTF-8"), nullptr);
-    dst[0] = 'q';
-    EXPECT_EQ(process_stringConverterToUTF8(dst, "abc", 0), nullptr);
-    EXPECT_EQ(dst[0], 'q');
-    EXPECT_EQ(process_stringConverterFromUTF8(dst, nullptr, sizeof dst), nullptr);
-}
-
 TEST(Conversion, UnderAUtf8LocaleBothDirectionsArePlainCopies) {
     ChildOutcome outcome = RunInChild([] {
         if (setlocale(LC_ALL, "C.UTF-8") == nullptr) return std::string("no C.UTF-8 locale");

@@ -71,39 +71,6 @@ INSTANTIATE_TEST_SUITE_P(Ends, ProbeSeesTheEnd,
                                          EndCase{"killed", -1, SIGKILL, 9}, EndCase{"terminated", -1, SIGTERM, 15}),
                          [](const auto& info) { return std::string(info.param.name); });
 
-TEST(Probe, SelfIsAliveThroughKillWithSignalZero) {
-    Record self(getpid());
-    int sysErr = 0;
-    EXPECT_EQ(unix_AdoptProcess(self.data, &sysErr), PROC_SUCCESS);
-    EXPECT_EQ(self.data->isAlive, 1);
-    EXPECT_EQ(sysErr, 0);
-}
-
-TEST(Probe, AVanishedProcessThatIsNoChildHasExitedWithCodeZero) {
-    pid_t pid = child_exiting_with(5);
-    waitpid(pid, nullptr, 0);
-    Record record(pid);
-    int sysErr = 0;
-    EXPECT_EQ(unix_AdoptProcess(record.data, &sysErr), PROC_HAS_EXITED);
-    EXPECT_EQ(record.data->exitCode, 0);
-}
-
-TEST(Probe, AnotherUsersProcessIsASystemErrorWithEperm) {
-    if (geteuid() != 0) GTEST_SKIP() << "needs root, to drop a child to nobody";
-    pid_t checker = fork();
-    if (checker == 0) {
-        // As nobody, probe init (pid 1), which belongs to root and is no child.
-        if (setgid(65534) != 0 || setuid(65534) != 0) _exit(100);
-        Record record(1);
-        int sysErr = 0;
-        int result = unix_AdoptProcess(record.data, &sysErr);
-        _exit(result == PROC_SYSTEM_ERR && sysErr == EPERM ? 0 : 1);
-    }
-    int status = 0;
-    waitpid(checker, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-}
-
 // A status collected while another thread holds stateMutex is stored by the next holder, not lost.
 TEST(Probe, AStatusCollectedWhileTheLockIsBusyIsHeldOver) {
     pid_t pid = child_exiting_with(42);
@@ -119,58 +86,4 @@ TEST(Probe, AStatusCollectedWhileTheLockIsBusyIsHeldOver) {
     EXPECT_EQ(record.data->exitCode, 42);
 }
 
-TEST(Wait, TimedWaitArithmeticIsTheSumOfTheNaps) {
-    pid_t pid = sleeping_child();
-    Record record(pid);
-    record.data->isAlive = 1;
-    int sysErr = 0;
-    EXPECT_EQ(unix_WaitForProcessTerminationWithTimeout(record.data, 0, &sysErr), PROC_STILL_ACTIVE);
-    time_t start = time(nullptr);
-    EXPECT_EQ(unix_WaitForProcessTerminationWithTimeout(record.data, 1, &sysErr), PROC_STILL_ACTIVE);
-    EXPECT_LE(time(nullptr) - start, 2);
-    kill(pid, SIGKILL);
-    EXPECT_EQ(unix_WaitForProcessTerminationWithTimeout(record.data, 0xFFFFFFFFu, &sysErr), PROC_SUCCESS);
-    EXPECT_EQ(record.data->exitCode, 9);
-}
-
-TEST(Wait, BlockingWaitStoresTheStatusAndFallsBackToPollingForNonChildren) {
-    pid_t pid = child_exiting_with(7);
-    Record child(pid);
-    child.data->isAlive = 1;
-    int sysErr = 0;
-    EXPECT_EQ(unix_WaitForProcessTermination(child.data, &sysErr), PROC_SUCCESS);
-    EXPECT_EQ(child.data->exitCode, 7);
-    EXPECT_EQ(child.data->isAlive, 0);
-
-    Record gone(pid); // collected already: ECHILD, then the probe finds ESRCH
-    gone.data->isAlive = 1;
-    EXPECT_EQ(unix_WaitForProcessTermination(gone.data, &sysErr), PROC_SUCCESS);
-    EXPECT_EQ(gone.data->exitCode, 0);
-}
-
-TEST(Signals, VanishedProcessesAreNoFailureAndKillMapsEperm) {
-    pid_t pid = child_exiting_with(0);
-    waitpid(pid, nullptr, 0);
-    Record gone(pid);
-    int sysErr = -1;
-    EXPECT_EQ(unix_StopProcess(gone.data, &sysErr), PROC_SUCCESS);
-    EXPECT_EQ(unix_KillProcess(gone.data, &sysErr), PROC_SUCCESS);
-    EXPECT_EQ(unix_GenerateJVMThreadDump(gone.data, &sysErr), PROC_SUCCESS);
-    EXPECT_EQ(sysErr, 0);
-    if (geteuid() != 0) GTEST_SKIP() << "needs root, to drop a child to nobody";
-    pid_t checker = fork();
-    if (checker == 0) {
-        if (setgid(65534) != 0 || setuid(65534) != 0) _exit(100);
-        Record init(1);
-        int err = 0;
-        int killed = unix_KillProcess(init.data, &err);
-        int killErr = err;
-        int stopped = unix_StopProcess(init.data, &err);
-        bool ok = killed == PROC_ACCESS_DENIED && killErr == EPERM && stopped == PROC_SYSTEM_ERR && err == EPERM;
-        _exit(ok ? 0 : 1);
-    }
-    int status = 0;
-    waitpid(checker, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-}
 } // namespace
