@@ -35,6 +35,9 @@ int64_t unix_getStartProcessTimeout();
 // Command line: a heap copy of the executable in entry 0, the argument strings shared behind it.
 char** GenerateCmdLine(char** arguments, const char* executable);
 void FreeCmdLine(char** cmdLine);
+// The first two steps of both launches: the command line, then the exec-outcome channel. On failure
+// nothing is left held and the result is PROC_SYSTEM_ERR with sysErr set.
+int BeginLaunch(char** arguments, const char* executable, char*** cmdLine, int channel[2], int* sysErr);
 
 // The user and group registry as the child will need it, read in the launching process before the
 // fork: a child must not enter the registry, whose locks another thread may have held at the fork.

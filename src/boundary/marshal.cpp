@@ -61,6 +61,18 @@ char* byte_array_element(JNIEnv* env, jbyteArray element) {
     env->ReleaseByteArrayElements(element, bytes, 0);
     return entry;
 }
+// A native string array with one entry per element; a null element or a failed one gives a null entry.
+template <typename Element>
+char** convert_elements(JNIEnv* env, jobjectArray array, char* (*convert)(JNIEnv*, Element)) {
+    jsize count = env->GetArrayLength(array);
+    char** result = allocate_string_array(static_cast<size_t>(count));
+    if (result == nullptr) return nullptr;
+    for (jsize i = 0; i < count; ++i) {
+        auto element = static_cast<Element>(env->GetObjectArrayElement(array, i));
+        if (element != nullptr) result[i] = convert(env, element);
+    }
+    return result;
+}
 } // namespace
 
 QUILLON_API char* process_GetNativeStringFromJString(JNIEnv* env, char* dst, jstring string, size_t size) {
@@ -88,25 +100,11 @@ QUILLON_API char* process_GetNativeStringFromArray(JNIEnv* env, char* dst, jbyte
 }
 
 QUILLON_API char** javaStrArrayToCStrArray(JNIEnv* env, jobjectArray array) {
-    jsize count = env->GetArrayLength(array);
-    char** result = allocate_string_array(static_cast<size_t>(count));
-    if (result == nullptr) return nullptr;
-    for (jsize i = 0; i < count; ++i) {
-        auto element = static_cast<jstring>(env->GetObjectArrayElement(array, i));
-        if (element != nullptr) result[i] = string_element(env, element);
-    }
-    return result;
+    return convert_elements<jstring>(env, array, string_element);
 }
 
 QUILLON_API char** jByteArrArrayToCStrArray(JNIEnv* env, jobjectArray array) {
-    jsize count = env->GetArrayLength(array);
-    char** result = allocate_string_array(static_cast<size_t>(count));
-    if (result == nullptr) return nullptr;
-    for (jsize i = 0; i < count; ++i) {
-        auto element = static_cast<jbyteArray>(env->GetObjectArrayElement(array, i));
-        if (element != nullptr) result[i] = byte_array_element(env, element);
-    }
-    return result;
+    return convert_elements<jbyteArray>(env, array, byte_array_element);
 }
 
 QUILLON_API void ReleaseCStrArray(char** array) {

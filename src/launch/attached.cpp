@@ -55,21 +55,28 @@ void FreeCmdLine(char** cmdLine) {
     process_log_exit("FreeCmdLine()");
 }
 
+int BeginLaunch(char** arguments, const char* executable, char*** cmdLine, int channel[2], int* sysErr) {
+    *cmdLine = GenerateCmdLine(arguments, executable);
+    if (*cmdLine == nullptr) {
+        *sysErr = errno;
+        return PROC_SYSTEM_ERR;
+    }
+    *sysErr = 0;
+    if (InitializePipe(channel, sysErr) != PROC_SUCCESS) {
+        FreeCmdLine(*cmdLine);
+        return PROC_SYSTEM_ERR;
+    }
+    return PROC_SUCCESS;
+}
+
 QUILLON_API int unix_CreateProcess(const char* executable, char** arguments, char** environment,
                                    const char* workingDirectory, int64_t priority, char** stdFiles,
                                    int64_t fileMask, const char* groupName, const char* userName,
                                    int processGroup, UnixProcessData* data, int* sysErr) {
     process_log_entry(kLabel);
-    char** cmdLine = GenerateCmdLine(arguments, executable);
-    if (cmdLine == nullptr) {
-        *sysErr = errno;
-        process_log_exit(kLabel);
-        return PROC_SYSTEM_ERR;
-    }
-    *sysErr = 0;
+    char** cmdLine;
     int channel[2];
-    if (InitializePipe(channel, sysErr) != PROC_SUCCESS) {
-        FreeCmdLine(cmdLine);
+    if (BeginLaunch(arguments, executable, &cmdLine, channel, sysErr) != PROC_SUCCESS) {
         process_log_exit(kLabel);
         return PROC_SYSTEM_ERR;
     }

@@ -63,16 +63,9 @@ QUILLON_API int unix_CreateDetachedProcess(const char* executable, char** argume
                                            int64_t fileMask, const char* groupName, const char* userName,
                                            int processGroup, UnixProcessData* data, int* sysErr) {
     process_log_entry(kLabel);
-    char** cmdLine = GenerateCmdLine(arguments, executable);
-    if (cmdLine == nullptr) {
-        *sysErr = errno;
-        process_log_exit(kLabel);
-        return PROC_SYSTEM_ERR;
-    }
-    *sysErr = 0;
+    char** cmdLine;
     int channel[2];
-    if (InitializePipe(channel, sysErr) != PROC_SUCCESS) {
-        FreeCmdLine(cmdLine);
+    if (BeginLaunch(arguments, executable, &cmdLine, channel, sysErr) != PROC_SUCCESS) {
         process_log_exit(kLabel);
         return PROC_SYSTEM_ERR;
     }

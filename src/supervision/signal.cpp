@@ -91,11 +91,10 @@ QUILLON_API int unix_GenerateJVMThreadDump(UnixProcessData* data, int* sysErr) {
 }
 
 JNIEXPORT void JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_stop(JNIEnv* env, jobject, jlong handle) {
-    UnixProcessData* data = record_of(handle);
-    signal_native(env, handle, "UnixProcessGlue_stop()", "Error stopping process. ", [data](UnixProcessData*, int* e) {
-        int alive = load_field(data->isAlive);
-        process_log("Trying to stop process (PID): [%s].  Process state is: [%d]\n", data->pid, alive);
-        return alive == 0 ? PROC_SUCCESS : unix_StopProcess(data, e);
+    signal_native(env, handle, "UnixProcessGlue_stop()", "Error stopping process. ", [](UnixProcessData* d, int* e) {
+        int alive = load_field(d->isAlive);
+        process_log("Trying to stop process (PID): [%s].  Process state is: [%d]\n", d->pid, alive);
+        return alive == 0 ? PROC_SUCCESS : unix_StopProcess(d, e);
     });
 }
 
