@@ -24,7 +24,9 @@ QUILLON_API char* process_stringConverter(char* dst, const char* src, size_t siz
                                           const char* toCode);
 
 // Low 32 bits of a pointer, the way trace lines print addresses.
-inline unsigned trace_ptr(const void* p) { return static_cast<unsigned>(reinterpret_cast<uintptr_t>(p)); }
+inline unsigned trace_ptr(const void* p) {
+    return static_cast<unsigned>(reinterpret_cast<uintptr_t>(p));
+}
 
 // A copy into a fixed buffer that is always terminated: strncpy of the full size, last byte forced to 0.
 void copy_bounded(char* dst, const char* src, size_t size);

@@ -52,7 +52,9 @@ QUILLON_API int unix_GenerateJVMThreadDump(UnixProcessData* data, int* sysErr);
 // A zero-filled record with both mutexes initialised, from malloc; null when the heap fails.
 UnixProcessData* NewProcessData();
 // The PID text parsed with atoi, as every use does.
-inline int record_pid(const UnixProcessData* data) { return atoi(data->pid); }
+inline int record_pid(const UnixProcessData* data) {
+    return atoi(data->pid);
+}
 
 // Lock-free reads and locked writes of the fields that natives read without the mutex.
 inline int32_t load_field(const int32_t& field) {
@@ -61,8 +63,12 @@ inline int32_t load_field(const int32_t& field) {
 inline uint32_t load_field(const uint32_t& field) {
     return std::atomic_ref<uint32_t>(const_cast<uint32_t&>(field)).load();
 }
-inline void store_field(int32_t& field, int32_t value) { std::atomic_ref<int32_t>(field).store(value); }
-inline void store_field(uint32_t& field, uint32_t value) { std::atomic_ref<uint32_t>(field).store(value); }
+inline void store_field(int32_t& field, int32_t value) {
+    std::atomic_ref<int32_t>(field).store(value);
+}
+inline void store_field(uint32_t& field, uint32_t value) {
+    std::atomic_ref<uint32_t>(field).store(value);
+}
 
 // stateMutex, blocking; taking and releasing it stores a status held over by the probe.
 void lock_state(UnixProcessData* data);

@@ -115,6 +115,10 @@ QUILLON_API int process_strerror_r(int errnum, char* buffer, size_t size) {
     return 0;
 }
 
-QUILLON_API jlong process_ConvertPointerTo64(void* pointer) { return reinterpret_cast<jlong>(pointer); }
+QUILLON_API jlong process_ConvertPointerTo64(void* pointer) {
+    return reinterpret_cast<jlong>(pointer);
+}
 
-QUILLON_API void* process_ConvertJlongToPointer(jlong handle) { return reinterpret_cast<void*>(handle); }
+QUILLON_API void* process_ConvertJlongToPointer(jlong handle) {
+    return reinterpret_cast<void*>(handle);
+}

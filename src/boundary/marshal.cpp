@@ -13,11 +13,14 @@ char** allocate_string_array(size_t count) {
     auto* block = static_cast<char**>(malloc((count + 2) * sizeof(char*)));
     if (block == nullptr) return nullptr;
     block[0] = reinterpret_cast<char*>(static_cast<uintptr_t>(count));
-    for (size_t i = 1; i < count + 2; ++i) block[i] = nullptr;
+    for (size_t i = 1; i < count + 2; ++i)
+        block[i] = nullptr;
     return block + 1;
 }
 
-size_t remembered_length(char** array) { return reinterpret_cast<uintptr_t>(array[-1]); }
+size_t remembered_length(char** array) {
+    return reinterpret_cast<uintptr_t>(array[-1]);
+}
 
 char* to_native(char* dst, const char* utf8, size_t size, const char* fallbackMessage) {
     if (process_stringConverterFromUTF8(dst, utf8, size) == nullptr) {
@@ -81,8 +84,9 @@ QUILLON_API char* process_GetNativeStringFromJString(JNIEnv* env, char* dst, jst
         dst[0] = 0;
         return dst;
     }
-    to_native(dst, utf8, size,
-              "Failed to convert Java String to native codepage.  Will attempt to just use UTF-8 form: [%s]\n");
+    to_native(
+        dst, utf8, size,
+        "Failed to convert Java String to native codepage.  Will attempt to just use UTF-8 form: [%s]\n");
     env->ReleaseStringUTFChars(string, utf8);
     return dst;
 }
@@ -93,8 +97,9 @@ QUILLON_API char* process_GetNativeStringFromArray(JNIEnv* env, char* dst, jbyte
         dst[0] = 0;
         return dst;
     }
-    to_native(dst, reinterpret_cast<const char*>(raw), size,
-              "Failed to convert Java Byte Array to native codepage.  Will attempt to just use UTF-8 form: [%s]\n");
+    to_native(
+        dst, reinterpret_cast<const char*>(raw), size,
+        "Failed to convert Java Byte Array to native codepage.  Will attempt to just use UTF-8 form: [%s]\n");
     env->ReleaseByteArrayElements(bytes, raw, 0);
     return dst;
 }
@@ -110,6 +115,7 @@ QUILLON_API char** jByteArrArrayToCStrArray(JNIEnv* env, jobjectArray array) {
 QUILLON_API void ReleaseCStrArray(char** array) {
     if (array == nullptr) return;
     size_t count = remembered_length(array);
-    for (size_t i = 0; i < count; ++i) free(array[i]);
+    for (size_t i = 0; i < count; ++i)
+        free(array[i]);
     free(array - 1);
 }

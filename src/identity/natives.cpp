@@ -26,15 +26,19 @@ const MessageRow kUserGetter[] = {
     {PROC_OUT_OF_MEMORY, "Failed to allocate enough memory to return the username string."},
     {PROC_INVALID_USERNAME, "An invalid passwd structure was obtained from the OS."},
     {PROC_OUT_OF_FILE_HANDLES, "Too many file handles are currently open.  Cannot access OS user registry."},
-    {PROC_NOT_SUPPORTED, "Getting of the current process effective user is not supported on this operating system."},
-    {kOther, "An error occurred during the retrieval of the current effective user id.  Refer to the OS ERRNO table."},
+    {PROC_NOT_SUPPORTED,
+     "Getting of the current process effective user is not supported on this operating system."},
+    {kOther, "An error occurred during the retrieval of the current effective user id.  Refer to the OS "
+             "ERRNO table."},
 };
 const MessageRow kGroupGetter[] = {
     {PROC_OUT_OF_MEMORY, "Failed to allocate enough memory to return the username string."},
     {PROC_INVALID_GROUP, "An invalid group structure was obtained from the OS."},
     {PROC_OUT_OF_FILE_HANDLES, "Too many file handles are currently open.  Cannot access OS group registry."},
-    {PROC_NOT_SUPPORTED, "Getting of the current process effective group is not supported on this operating system."},
-    {kOther, "An error occurred during the retrieval of the current effective user id.  Refer to the OS ERRNO table."},
+    {PROC_NOT_SUPPORTED,
+     "Getting of the current process effective group is not supported on this operating system."},
+    {kOther, "An error occurred during the retrieval of the current effective user id.  Refer to the OS "
+             "ERRNO table."},
 };
 const MessageRow kHomeGetter[] = {
     {PROC_OUT_OF_MEMORY, "Failed to allocate enough memory to return the username string."},
@@ -42,28 +46,35 @@ const MessageRow kHomeGetter[] = {
     {PROC_OUT_OF_FILE_HANDLES, "Too many file handles are currently open.  Cannot access OS user registry."},
     {PROC_NOT_SUPPORTED,
      "Getting of the current process effective home directory is not supported on this operating system."},
-    {kOther, "An error occurred during the retrieval of the current effective user id, so home directory could not "
-             "be obtained.  Refer to the OS ERRNO table."},
+    {kOther,
+     "An error occurred during the retrieval of the current effective user id, so home directory could not "
+     "be obtained.  Refer to the OS ERRNO table."},
 };
 const MessageRow kUserSetter[] = {
     {PROC_ACCESS_DENIED,
      "The operating system would not allow assignment of the process to user: [%s].  Access Denied.\n"},
     {PROC_OUT_OF_MEMORY, "Failed to allocate enough memory to obtain the passwd structure."},
-    {PROC_INVALID_USERNAME, "The operating system would not allow assignment of the process to user: [%s].  The user "
-                            "does not exist in the OS group registry\n"},
+    {PROC_INVALID_USERNAME,
+     "The operating system would not allow assignment of the process to user: [%s].  The user "
+     "does not exist in the OS group registry\n"},
     {PROC_OUT_OF_FILE_HANDLES, "Too many file handles are currently open.  Cannot access OS group registry."},
-    {PROC_NOT_SUPPORTED, "Setting of the current process effective user is not supported on this operating system."},
-    {kOther, "An error occurred during the setting of the current effective group id.  Refer to the OS ERRNO table."},
+    {PROC_NOT_SUPPORTED,
+     "Setting of the current process effective user is not supported on this operating system."},
+    {kOther,
+     "An error occurred during the setting of the current effective group id.  Refer to the OS ERRNO table."},
 };
 const MessageRow kGroupSetter[] = {
     {PROC_ACCESS_DENIED,
      "The operating system would not allow assignment of the process to group: [%s].  Access Denied.\n"},
     {PROC_OUT_OF_MEMORY, "Failed to allocate enough memory to obtain the group structure."},
-    {PROC_INVALID_GROUP, "The operating system would not allow assignment of the process to group: [%s].  The group "
-                         "does not exist in the OS group registry\n"},
+    {PROC_INVALID_GROUP,
+     "The operating system would not allow assignment of the process to group: [%s].  The group "
+     "does not exist in the OS group registry\n"},
     {PROC_OUT_OF_FILE_HANDLES, "Too many file handles are currently open.  Cannot access OS group registry."},
-    {PROC_NOT_SUPPORTED, "Setting of the current process effective group is not supported on this operating system."},
-    {kOther, "An error occurred during the setting of the current effective group id.  Refer to the OS ERRNO table."},
+    {PROC_NOT_SUPPORTED,
+     "Setting of the current process effective group is not supported on this operating system."},
+    {kOther,
+     "An error occurred during the setting of the current effective group id.  Refer to the OS ERRNO table."},
 };
 
 struct GetterNative {
@@ -127,7 +138,8 @@ void set_native(JNIEnv* env, jstring name, const SetterNative& native, int (*set
 #pragma GCC diagnostic pop
 } // namespace
 
-JNIEXPORT jboolean JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_isUserPrivileged(JNIEnv*, jobject) {
+JNIEXPORT jboolean JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_isUserPrivileged(JNIEnv*,
+                                                                                             jobject) {
     process_log_entry("UnixProcessGlue_isUserPrivileged()");
     jboolean privileged = getuid() == 0 ? JNI_TRUE : JNI_FALSE;
     process_log_exit("UnixProcessGlue_isUserPrivileged()");
@@ -139,7 +151,8 @@ JNIEXPORT jstring JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_getCu
     static const GetterNative native = {
         "UnixProcessGlue_getCurrentProcessUser()",
         "Successfully obtained the username as a UTF-8 string.  String contents: [%s]\n",
-        "Failed to obtain the process current effective user as a string.  Result was: [%d].  sysErr was: [%d]\n",
+        "Failed to obtain the process current effective user as a string.  Result was: [%d].  sysErr was: "
+        "[%d]\n",
         kUserGetter};
     return get_native<1024>(env, native, unix_getUser);
 }
@@ -149,7 +162,8 @@ JNIEXPORT jstring JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_getCu
     static const GetterNative native = {
         "UnixProcessGlue_getCurrentProcessGroup()",
         "Successfully obtained the username as a UTF-8 string.  String contents: [%s]\n",
-        "Failed to obtain the process current effective group as a string.  Result was: [%d].  sysErr was: [%d]\n",
+        "Failed to obtain the process current effective group as a string.  Result was: [%d].  sysErr was: "
+        "[%d]\n",
         kGroupGetter};
     return get_native<1024>(env, native, unix_getGroup);
 }
@@ -159,24 +173,26 @@ Java_com_norvane_quillon_process_UnixProcessGlue_getCurrentProcessUserOSHomeDir(
     static const GetterNative native = {
         "UnixProcessGlue_getCurrentProcessUserOSHomeDir()",
         "Successfully obtained the home directory the process current user as directory (in UTF-8): [%s]\n",
-        "Failed to obtain the process current effective user's home directory as a string.  Result was: [%d].  "
+        "Failed to obtain the process current effective user's home directory as a string.  Result was: "
+        "[%d].  "
         "sysErr was: [%d]\n",
         kHomeGetter};
     return get_native<12288>(env, native, unix_getUserHomeDirectory);
 }
 
-JNIEXPORT void JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_setCurrentProcessUser(JNIEnv* env, jobject,
-                                                                                              jstring userName) {
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_setCurrentProcessUser(
+    JNIEnv* env, jobject, jstring userName) {
     static const SetterNative native = {
-        "UnixProcessGlue_setCurrentProcessUser()", "A NULL java string was passed in for user name.  This is invalid.",
+        "UnixProcessGlue_setCurrentProcessUser()",
+        "A NULL java string was passed in for user name.  This is invalid.",
         "Successfully set the process user to: [%s]\n",
         "Failed to set the process current effective user to [%s].  Result was: [%d].  sysErr was: [%d]\n",
         kUserSetter};
     set_native(env, userName, native, unix_setUser);
 }
 
-JNIEXPORT void JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_setCurrentProcessGroup(JNIEnv* env, jobject,
-                                                                                               jstring groupName) {
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_setCurrentProcessGroup(
+    JNIEnv* env, jobject, jstring groupName) {
     static const SetterNative native = {
         "UnixProcessGlue_setCurrentProcessGroup()",
         "A NULL java string was passed in for group name.  This is invalid.",

@@ -58,8 +58,8 @@ struct Getter {
 };
 
 template <typename Entry, typename Lookup, typename Field, typename OnNullField>
-int get_identity(const Getter& getter, unsigned id, Lookup call, Field field, OnNullField onNullField, char* dst,
-                 size_t size, int* sysErr, int invalid) {
+int get_identity(const Getter& getter, unsigned id, Lookup call, Field field, OnNullField onNullField,
+                 char* dst, size_t size, int* sysErr, int invalid) {
     process_log_entry(getter.label);
     int result = PROC_SUCCESS;
     if (dst == nullptr) {
@@ -96,8 +96,8 @@ struct Setter {
 };
 
 template <typename Entry, typename Lookup, typename Id, typename Change, typename Done>
-int set_identity(const Setter& setter, const char* name, Lookup call, Id id, Change change, Done done, int* sysErr,
-                 int invalid) {
+int set_identity(const Setter& setter, const char* name, Lookup call, Id id, Change change, Done done,
+                 int* sysErr, int invalid) {
     process_log_entry(setter.label);
     process_log(setter.attempting, name);
     Entry entry = {};
@@ -131,10 +131,11 @@ int set_identity(const Setter& setter, const char* name, Lookup call, Id id, Cha
 } // namespace
 
 QUILLON_API int unix_getUser(char* name, size_t size, int* sysErr) {
-    static const Getter getter = {
-        "unix_getUser()", "The buffer for name storage passed in was NULL\n", "Obtained UID: [%d]\n",
-        "A failure was obtained while getting the current username as a utf8 string.  Return: [%d].  ERRNO: [%d].\n",
-        "Mapped UID: [%d] to username: [%s]\n"};
+    static const Getter getter = {"unix_getUser()", "The buffer for name storage passed in was NULL\n",
+                                  "Obtained UID: [%d]\n",
+                                  "A failure was obtained while getting the current username as a utf8 "
+                                  "string.  Return: [%d].  ERRNO: [%d].\n",
+                                  "Mapped UID: [%d] to username: [%s]\n"};
     return get_identity<passwd>(
         getter, getuid(), getpwuid_r, [](passwd* p) { return p->pw_name; },
         [](unsigned id, char*, size_t, int* err) {
@@ -146,14 +147,16 @@ QUILLON_API int unix_getUser(char* name, size_t size, int* sysErr) {
 }
 
 QUILLON_API int unix_getGroup(char* name, size_t size, int* sysErr) {
-    static const Getter getter = {
-        "unix_getGroup()", "The buffer for name storage passed in was NULL.\n", "Obtained GID: [%d]\n",
-        "A failure was obtained while getting the current groupname as a utf8 string.  Return: [%d].  ERRNO: [%d].\n",
-        "Mapped GID: [%d] to group: [%s]\n"};
+    static const Getter getter = {"unix_getGroup()", "The buffer for name storage passed in was NULL.\n",
+                                  "Obtained GID: [%d]\n",
+                                  "A failure was obtained while getting the current groupname as a utf8 "
+                                  "string.  Return: [%d].  ERRNO: [%d].\n",
+                                  "Mapped GID: [%d] to group: [%s]\n"};
     return get_identity<group>(
         getter, getgid(), getgrgid_r, [](group* g) { return g->gr_name; },
         [](unsigned id, char*, size_t, int* err) {
-            process_err("A structure was obtained for GID: [%d] but the group name was NULL inside it.\n", id);
+            process_err("A structure was obtained for GID: [%d] but the group name was NULL inside it.\n",
+                        id);
             *err = 0;
             return PROC_INVALID_GROUP;
         },
@@ -161,18 +164,20 @@ QUILLON_API int unix_getGroup(char* name, size_t size, int* sysErr) {
 }
 
 QUILLON_API int unix_getUserHomeDirectory(char* directory, size_t size, int* sysErr) {
-    static const Getter getter = {"unix_getUserHomeDirectory()", "The buffer for name storage passed in was NULL\n",
-                                  "Obtained UID: [%d]\n",
-                                  "A failure was obtained while getting the current user home directory as a utf8 "
-                                  "string.  Return: [%d].  ERRNO: [%d].\n",
-                                  "Mapped UID: [%d] home directory to: [%s]\n"};
+    static const Getter getter = {
+        "unix_getUserHomeDirectory()", "The buffer for name storage passed in was NULL\n",
+        "Obtained UID: [%d]\n",
+        "A failure was obtained while getting the current user home directory as a utf8 "
+        "string.  Return: [%d].  ERRNO: [%d].\n",
+        "Mapped UID: [%d] home directory to: [%s]\n"};
     return get_identity<passwd>(
         getter, getuid(), getpwuid_r, [](passwd* p) { return p->pw_dir; },
         [](unsigned id, char* dst, size_t size, int* err) {
             copy_bounded(dst, "/", size);
-            process_log("A structure was obtained for UID: [%d] but the home directory name was NULL inside it.  "
-                        "Therefore, setting home directory to: [/]\n",
-                        id);
+            process_log(
+                "A structure was obtained for UID: [%d] but the home directory name was NULL inside it.  "
+                "Therefore, setting home directory to: [/]\n",
+                id);
             *err = 0;
             return PROC_SUCCESS;
         },
@@ -180,10 +185,11 @@ QUILLON_API int unix_getUserHomeDirectory(char* directory, size_t size, int* sys
 }
 
 QUILLON_API int unix_setUser(const char* userName, int* sysErr) {
-    static const Setter setter = {
-        "unix_setUser()", "Attempting to set process to user: [%s]\n",
-        "A failure occured while obtaining the passwd structure for username [%s].  Return: [%d].  ERRNO: [%d].\n",
-        "Obtained user: [%s] UID: [%d]\n", "Failed to set process to user: [%s] which has UID: [%d].  ERRNO: [%d]\n"};
+    static const Setter setter = {"unix_setUser()", "Attempting to set process to user: [%s]\n",
+                                  "A failure occured while obtaining the passwd structure for username [%s]. "
+                                  " Return: [%d].  ERRNO: [%d].\n",
+                                  "Obtained user: [%s] UID: [%d]\n",
+                                  "Failed to set process to user: [%s] which has UID: [%d].  ERRNO: [%d]\n"};
     return set_identity<passwd>(
         setter, userName, getpwnam_r, [](passwd* p) { return static_cast<unsigned>(p->pw_uid); },
         [](unsigned uid) { return setuid(uid); },
@@ -192,10 +198,11 @@ QUILLON_API int unix_setUser(const char* userName, int* sysErr) {
 }
 
 QUILLON_API int unix_setGroup(const char* groupName, int* sysErr) {
-    static const Setter setter = {
-        "unix_setGroup()", "Attempting to set process to group: [%s]\n",
-        "A failure occured while obtaining the group structure for groupname [%s].  Return: [%d].  ERRNO: [%d].\n",
-        "Obtained group: [%s] UID: [%d]\n", "Failed to set process to group: [%s] which has GID: [%d].  ERRNO: [%d]\n"};
+    static const Setter setter = {"unix_setGroup()", "Attempting to set process to group: [%s]\n",
+                                  "A failure occured while obtaining the group structure for groupname [%s]. "
+                                  " Return: [%d].  ERRNO: [%d].\n",
+                                  "Obtained group: [%s] UID: [%d]\n",
+                                  "Failed to set process to group: [%s] which has GID: [%d].  ERRNO: [%d]\n"};
     return set_identity<group>(
         setter, groupName, getgrnam_r, [](group* g) { return static_cast<unsigned>(g->gr_gid); },
         [](unsigned gid) { return setgid(gid); },

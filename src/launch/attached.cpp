@@ -25,9 +25,11 @@ void kill_and_reap(int pid) {
 
 char** GenerateCmdLine(char** arguments, const char* executable) {
     process_log_entry("GenerateCmdLine()");
-    process_log("Checking command line arg array being passed in.  Pointer value is: [0x%x]\n", trace_ptr(arguments));
+    process_log("Checking command line arg array being passed in.  Pointer value is: [0x%x]\n",
+                trace_ptr(arguments));
     size_t count = 0;
-    while (arguments != nullptr && arguments[count] != nullptr) ++count;
+    while (arguments != nullptr && arguments[count] != nullptr)
+        ++count;
     auto** cmdLine = static_cast<char**>(malloc((count + 2) * sizeof(char*)));
     if (cmdLine != nullptr) {
         size_t length = strlen(executable);
@@ -37,7 +39,8 @@ char** GenerateCmdLine(char** arguments, const char* executable) {
             cmdLine = nullptr;
         } else {
             memcpy(cmdLine[0], executable, length + 1);
-            for (size_t i = 0; i < count; ++i) cmdLine[i + 1] = arguments[i];
+            for (size_t i = 0; i < count; ++i)
+                cmdLine[i + 1] = arguments[i];
             cmdLine[count + 1] = nullptr;
         }
     }
@@ -105,7 +108,8 @@ QUILLON_API int unix_CreateProcess(const char* executable, char** arguments, cha
     *sysErr = 0;
     result = WaitForExecOutcome(channel, sysErr);
     ReleaseRegistryAnswers(&answers);
-    process_log("WaitForExecOutcome completed.  Return value was: [%d] and sysErr was: [%d]\n", result, *sysErr);
+    process_log("WaitForExecOutcome completed.  Return value was: [%d] and sysErr was: [%d]\n", result,
+                *sysErr);
     if (result != PROC_SUCCESS) kill_and_reap(record_pid(data));
     data->isAlive = result == PROC_SUCCESS ? 1 : 0;
     FreeCmdLine(cmdLine);

@@ -38,13 +38,15 @@ int exec_failure_result(int err) {
 void close_span(int first, int last) {
     if (first > last) return;
     if (syscall(SYS_close_range, static_cast<unsigned>(first), static_cast<unsigned>(last), 0u) == 0) return;
-    for (int fd = first; fd <= last; ++fd) close(fd);
+    for (int fd = first; fd <= last; ++fd)
+        close(fd);
 }
 
 void dump_launch(const char* executable, char** cmdLine) {
     process_log("New process will be created from executable: [%s]\n", executable);
     process_log("Arguments to the binary are:\n");
-    for (int i = 0; cmdLine[i] != nullptr; ++i) process_log("Executable argument [%d]: [%s]\n", i, cmdLine[i]);
+    for (int i = 0; cmdLine[i] != nullptr; ++i)
+        process_log("Executable argument [%d]: [%s]\n", i, cmdLine[i]);
     if (environ == nullptr) return;
     process_log("Environment the process sees:\n");
     for (int i = 0; environ[i] != nullptr && environ[i][0] != 0; ++i)
@@ -52,8 +54,8 @@ void dump_launch(const char* executable, char** cmdLine) {
 }
 
 [[noreturn]] void report_failure(int writeEnd, int result, int sysErr) {
-    process_err("Unable to launch process.  An error occurred.  Return value: [%d] errno: [%d] [%s]\n", result, sysErr,
-                strerror(sysErr));
+    process_err("Unable to launch process.  An error occurred.  Return value: [%d] errno: [%d] [%s]\n",
+                result, sysErr, strerror(sysErr));
     ssize_t ignored = write(writeEnd, &sysErr, sizeof sysErr);
     ignored = write(writeEnd, &result, sizeof result);
     (void)ignored;
@@ -113,8 +115,9 @@ void RunChild(const ChildRequest& request) {
     signal(SIGTTOU, SIG_IGN);
     signal(SIGTTIN, SIG_IGN);
 
-    int result = SetupChildContext(request.workingDirectory, request.priority, request.stdFiles, request.fileMask,
-                                   request.groupName, request.userName, request.processGroup, &sysErr);
+    int result =
+        SetupChildContext(request.workingDirectory, request.priority, request.stdFiles, request.fileMask,
+                          request.groupName, request.userName, request.processGroup, &sysErr);
     if (result != PROC_SUCCESS) report_failure(request.writeEnd, result, sysErr);
     if (request.attached)
         process_log("Past SetupChildContext.  Return value was: [%d] and sysErr was: [%d]\n", result, sysErr);

@@ -47,10 +47,11 @@ QUILLON_API int unix_spawnProcess(UnixProcessData* data, int detached, int* sysE
     int result = PROC_SUCCESS;
     if (record_pid(data) == 0) {
         auto launch = detached != 0 ? unix_CreateDetachedProcess : unix_CreateProcess;
-        process_log(detached != 0 ? "Calling unix_CreateDetachedProcess.\n" : "Calling unix_CreateProcess.\n");
-        result = launch(data->executable, data->arguments, data->environment, data->workingDirectory, data->priority,
-                        data->stdFiles, data->fileMask, data->groupName, data->userName, data->processGroup, data,
-                        sysErr);
+        process_log(detached != 0 ? "Calling unix_CreateDetachedProcess.\n"
+                                  : "Calling unix_CreateProcess.\n");
+        result = launch(data->executable, data->arguments, data->environment, data->workingDirectory,
+                        data->priority, data->stdFiles, data->fileMask, data->groupName, data->userName,
+                        data->processGroup, data, sysErr);
         process_log("Result from spawn was: [%d].\n", result);
     }
     process_log_exit("unix_spawnProcess()");
@@ -103,7 +104,8 @@ JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_create(
     int result;
     Allocation mark = Allocation::Clear;
     // A Java array that could not be made native means the heap ran out.
-    if ((arguments != nullptr && argumentArray == nullptr) || (environment != nullptr && environmentArray == nullptr) ||
+    if ((arguments != nullptr && argumentArray == nullptr) ||
+        (environment != nullptr && environmentArray == nullptr) ||
         (!ignoreFiles && stdFiles != nullptr && fileArray == nullptr))
         mark = Allocation::CopyFailed;
     UnixProcessData* data = NewProcessData();
@@ -128,20 +130,23 @@ JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_create(
         sysErr = 0;
         copy_bounded(data->pid, "0", kPidTextSize);
         data->isAlive = 1;
-        result = mark == Allocation::Clear ? unix_spawnProcess(data, detach ? 1 : 0, &sysErr) : PROC_OUT_OF_MEMORY;
+        result =
+            mark == Allocation::Clear ? unix_spawnProcess(data, detach ? 1 : 0, &sysErr) : PROC_OUT_OF_MEMORY;
         unix_DeallocateProcessSpawnData(data, &sysErr);
     }
 
     if (result != PROC_SUCCESS) {
         if (data != nullptr) {
-            process_err("Creation failure, spawn was unsuccessful.  Therefore deallocating process structure at: "
-                        "[0x%x]\n",
-                        trace_ptr(data));
+            process_err(
+                "Creation failure, spawn was unsuccessful.  Therefore deallocating process structure at: "
+                "[0x%x]\n",
+                trace_ptr(data));
             unix_doneWithProcess(data, &sysErr);
             free(data);
             data = nullptr;
         }
-        ThrowWithMessage(env, result, "Error creating new process.", mark == Allocation::RecordFailed ? 0 : sysErr);
+        ThrowWithMessage(env, result, "Error creating new process.",
+                         mark == Allocation::RecordFailed ? 0 : sysErr);
     } else {
         process_log("Created new process.  Process ID for created process: [%d]\n", record_pid(data));
     }

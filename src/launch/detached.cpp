@@ -20,9 +20,12 @@ void close_all(const int channel[2], const int pidChannel[2]) {
     close(pidChannel[1]);
 }
 
-bool out_of_memory(int err) { return err == ENOMEM || err == EAGAIN; }
+bool out_of_memory(int err) {
+    return err == ENOMEM || err == EAGAIN;
+}
 
-[[noreturn]] void run_intermediate(const ChildRequest& request, const int channel[2], const int pidChannel[2]) {
+[[noreturn]] void run_intermediate(const ChildRequest& request, const int channel[2],
+                                   const int pidChannel[2]) {
     pid_t pid = fork();
     if (pid == 0) RunChild(request);
     if (pid == -1) {
@@ -93,8 +96,8 @@ QUILLON_API int unix_CreateDetachedProcess(const char* executable, char** argume
     pid_t intermediate = fork();
     if (intermediate == 0) {
         UseRegistryAnswers(&answers);
-        run_intermediate({executable, cmdLine, environment, workingDirectory, priority, stdFiles, fileMask, groupName,
-                          userName, processGroup, channel[1], false},
+        run_intermediate({executable, cmdLine, environment, workingDirectory, priority, stdFiles, fileMask,
+                          groupName, userName, processGroup, channel[1], false},
                          channel, pidChannel);
     }
     ReleaseRegistryAnswers(&answers);

@@ -27,7 +27,9 @@ bool is_additive(const char* entry) {
     return false;
 }
 
-size_t key_length(const char* entry) { return strcspn(entry, "="); }
+size_t key_length(const char* entry) {
+    return strcspn(entry, "=");
+}
 
 // putenv without the environment lock, which another thread may have held at the fork: the child
 // owns a private copy of the vector, with room for every entry of the request.
@@ -35,10 +37,12 @@ class ChildEnvironment {
   public:
     explicit ChildEnvironment(size_t additions) {
         size_t count = 0;
-        while (environ != nullptr && environ[count] != nullptr) ++count;
+        while (environ != nullptr && environ[count] != nullptr)
+            ++count;
         vector_ = static_cast<char**>(malloc((count + additions + 1) * sizeof(char*)));
         if (vector_ == nullptr) return;
-        for (size_t i = 0; i < count; ++i) vector_[i] = environ[i];
+        for (size_t i = 0; i < count; ++i)
+            vector_[i] = environ[i];
         vector_[count] = nullptr;
         length_ = count;
         environ = vector_;
@@ -80,7 +84,8 @@ QUILLON_API void GetKey(const char* entry, char* key, uint64_t size) {
         key[0] = 0;
     } else if (size > 1) {
         size_t length = 0;
-        while (entry[length] != 0 && entry[length] != '=' && length < size - 2) ++length;
+        while (entry[length] != 0 && entry[length] != '=' && length < size - 2)
+            ++length;
         memcpy(key, entry, length);
         key[length] = 0;
         process_log("Key array was size: [%d].  Key terminated at array index [%d]\n", static_cast<int>(size),
@@ -138,7 +143,8 @@ QUILLON_API int GenerateAdditiveString(const char* key, char** first, char** sec
 
 void MergeEnvironment(char** environment) {
     size_t additions = 0;
-    while (environment[additions] != nullptr) ++additions;
+    while (environment[additions] != nullptr)
+        ++additions;
     ChildEnvironment target(additions);
     for (char** entry = environment; *entry != nullptr; ++entry) {
         if (!is_additive(*entry)) {

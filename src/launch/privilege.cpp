@@ -40,16 +40,22 @@ UserLookup lookup_user(const char* userName) {
 }
 
 int load_supplementary(const char* userName, gid_t gid) {
-    if (__registryAnswers == nullptr || __registryAnswers->supplementaryCount < 0) return initgroups(userName, gid);
+    if (__registryAnswers == nullptr || __registryAnswers->supplementaryCount < 0)
+        return initgroups(userName, gid);
     if (__registryAnswers->supplementaryErrno != 0) {
         errno = __registryAnswers->supplementaryErrno;
         return -1;
     }
-    return setgroups(static_cast<size_t>(__registryAnswers->supplementaryCount), __registryAnswers->supplementary);
+    return setgroups(static_cast<size_t>(__registryAnswers->supplementaryCount),
+                     __registryAnswers->supplementary);
 }
 
-bool force_group_disabled() { return getenv("__JNI_PROCESS_DISABLE_FORCEGROUP") != nullptr; }
-bool initgroups_wanted() { return getenv("__JNI_PROCESS_INITGROUPS") != nullptr; }
+bool force_group_disabled() {
+    return getenv("__JNI_PROCESS_DISABLE_FORCEGROUP") != nullptr;
+}
+bool initgroups_wanted() {
+    return getenv("__JNI_PROCESS_INITGROUPS") != nullptr;
+}
 
 // Reentrant lookups for the launching process, with a buffer that grows while the entry doesn't fit.
 template <typename Entry, typename Lookup>
@@ -135,9 +141,11 @@ QUILLON_API int SetProcessPrivilegeIDs(const char* userName, const char* groupNa
             process_err("Failed user lookup of userid: [%s]\n", userName);
             return PROC_INVALID_USERNAME;
         }
-        if (root && (result = InitSecondaryGroups(userName, static_cast<int>(user.gid), sysErr)) != PROC_SUCCESS)
+        if (root &&
+            (result = InitSecondaryGroups(userName, static_cast<int>(user.gid), sysErr)) != PROC_SUCCESS)
             return result;
-        process_log("Configuring process GID to [%d], the primary group GID of user: [%s]\n", user.gid, userName);
+        process_log("Configuring process GID to [%d], the primary group GID of user: [%s]\n", user.gid,
+                    userName);
         if (setgid(user.gid) == -1) {
             *sysErr = errno;
             process_err("Failed to set the group to GID: [%d]\n", user.gid);
@@ -190,7 +198,8 @@ void PrepareRegistryAnswers(RegistryAnswers* answers, const char* userName, cons
     int count = static_cast<int>(sysconf(_SC_NGROUPS_MAX)) + 1;
     answers->supplementary = static_cast<gid_t*>(malloc(static_cast<size_t>(count) * sizeof(gid_t)));
     if (answers->supplementary == nullptr) return;
-    if (getgrouplist(userName, base, answers->supplementary, &count) == -1) answers->supplementaryErrno = EINVAL;
+    if (getgrouplist(userName, base, answers->supplementary, &count) == -1)
+        answers->supplementaryErrno = EINVAL;
     answers->supplementaryCount = count;
 }
 
@@ -199,4 +208,6 @@ void ReleaseRegistryAnswers(RegistryAnswers* answers) {
     answers->supplementary = nullptr;
 }
 
-void UseRegistryAnswers(const RegistryAnswers* answers) { __registryAnswers = answers; }
+void UseRegistryAnswers(const RegistryAnswers* answers) {
+    __registryAnswers = answers;
+}

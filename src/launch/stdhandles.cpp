@@ -37,9 +37,10 @@ int name_too_long(int* sysErr) {
 int stdin_from_dev_null(int* sysErr) {
     int fd = KeepAboveStandard(open("/dev/null", O_RDONLY), false);
     if (fd == -1) {
-        process_log("Failed to open /dev/null for stdin (since no redirect was specified).  The reported error "
-                    "(errno) was: [%d].  Closing stdin instead.\n",
-                    errno);
+        process_log(
+            "Failed to open /dev/null for stdin (since no redirect was specified).  The reported error "
+            "(errno) was: [%d].  Closing stdin instead.\n",
+            errno);
         retry_close(0);
         return PROC_SUCCESS;
     }
@@ -98,9 +99,10 @@ bool build_name(char (&buffer)[kNameBuffer], const char* name, const char* base)
 
 int open_failure(int* sysErr, int err, const char* name, int descriptor) {
     *sysErr = err;
-    process_err("Failed to open: [%s] for use as standard descriptor: [%d].  The reported error (errno) was: [%d]. "
-                "[%s]\n",
-                name, descriptor, err, strerror(err));
+    process_err(
+        "Failed to open: [%s] for use as standard descriptor: [%d].  The reported error (errno) was: [%d]. "
+        "[%s]\n",
+        name, descriptor, err, strerror(err));
     if (err == EACCES || err == ENOENT) return PROC_INVALID_FILE;
     if (err == EMFILE || err == ENFILE) return PROC_OUT_OF_FILE_HANDLES;
     return PROC_SYSTEM_ERR;
@@ -139,8 +141,8 @@ int redirect(int descriptor, const char* entry, const char* workingDirectory, in
     if (result != descriptor) {
         close(result);
         *sysErr = EBADF;
-        process_err("dup returned a different file handle than expected. expected=[%d] actual=[%d]\n", descriptor,
-                    result);
+        process_err("dup returned a different file handle than expected. expected=[%d] actual=[%d]\n",
+                    descriptor, result);
         return PROC_INVALID_FILE;
     }
     // The descriptor from open stays open here; the descriptor sweep before exec closes it.

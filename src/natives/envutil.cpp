@@ -12,7 +12,7 @@ constexpr size_t kTextSize = 8192;
 }
 
 JNIEXPORT jstring JNICALL Java_com_norvane_quillon_process_EnvUtilGlue_native_1getenv(JNIEnv* env, jobject,
-                                                                                       jstring name) {
+                                                                                      jstring name) {
     char nativeName[kTextSize];
     char utf8Value[kTextSize];
     const char* value = nullptr;
@@ -27,7 +27,8 @@ JNIEXPORT jobjectArray JNICALL Java_com_norvane_quillon_process_EnvUtilGlue_nati
     char** entries = environ;
     if (entries == nullptr) return nullptr;
     jsize count = 0;
-    while (entries[count] != nullptr) ++count;
+    while (entries[count] != nullptr)
+        ++count;
     char className[256];
     copy_bounded(className, "java/lang/String", sizeof className);
     if (count == 0) return nullptr;

@@ -12,7 +12,9 @@ namespace {
 int __isNPTL = -1;
 pthread_mutex_t __nptl_check_mutex = PTHREAD_MUTEX_INITIALIZER;
 
-pthread_mutex_t* mutex_of(jlong handle) { return static_cast<pthread_mutex_t*>(process_ConvertJlongToPointer(handle)); }
+pthread_mutex_t* mutex_of(jlong handle) {
+    return static_cast<pthread_mutex_t*>(process_ConvertJlongToPointer(handle));
+}
 
 void* __get_child_thread_pid(void* arg) {
     *static_cast<int*>(arg) = getpid();
@@ -25,7 +27,8 @@ bool report_model(bool shared) {
 }
 } // namespace
 
-JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_linuxutil_ThreadUtil_createMutex(JNIEnv* env, jobject) {
+JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_linuxutil_ThreadUtil_createMutex(JNIEnv* env,
+                                                                                          jobject) {
     auto* mutex = static_cast<pthread_mutex_t*>(malloc(sizeof(pthread_mutex_t)));
     if (mutex == nullptr) {
         ThrowWithMessage(env, PROC_OUT_OF_MEMORY,
@@ -36,8 +39,8 @@ JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_linuxutil_ThreadUtil_cr
     int result = pthread_mutex_init(mutex, nullptr);
     if (result != 0) {
         process_err("Could not initialize the new pthreads mutex. error=[%d] errno=[%d]\n", result, errno);
-        ThrowWithMessage(env, PROC_SYSTEM_ERR, "Unrecoverable error.  Could not initialize the new pthreads mutex",
-                         result);
+        ThrowWithMessage(env, PROC_SYSTEM_ERR,
+                         "Unrecoverable error.  Could not initialize the new pthreads mutex", result);
     }
     return process_ConvertPointerTo64(mutex);
 }
@@ -77,7 +80,8 @@ JNIEXPORT jint JNICALL Java_com_norvane_quillon_process_linuxutil_ThreadUtil_fre
     return 0;
 }
 
-JNIEXPORT jboolean JNICALL Java_com_norvane_quillon_process_linuxutil_ThreadUtil_isPOSIXThreading(JNIEnv*, jobject) {
+JNIEXPORT jboolean JNICALL Java_com_norvane_quillon_process_linuxutil_ThreadUtil_isPOSIXThreading(JNIEnv*,
+                                                                                                  jobject) {
     process_log_init_dbg();
     process_log("Trying to determine if the threading mode is NPTL.\n");
     int mainPid = getpid();
@@ -88,8 +92,8 @@ JNIEXPORT jboolean JNICALL Java_com_norvane_quillon_process_linuxutil_ThreadUtil
         pthread_t probe;
         int created = pthread_create(&probe, nullptr, __get_child_thread_pid, &childPid);
         if (created == 0) pthread_join(probe, nullptr);
-        process_log("Thread created? ( 0 == created): [%d].  Main pid: [%d].  Child pid: [%d]\n", created, mainPid,
-                    childPid);
+        process_log("Thread created? ( 0 == created): [%d].  Main pid: [%d].  Child pid: [%d]\n", created,
+                    mainPid, childPid);
         shared = report_model(created == 0 && mainPid == childPid);
         __isNPTL = shared ? 1 : 0;
     } else {

@@ -13,8 +13,8 @@ const char* native_codeset() {
 
 // Code sets whose text passes towards UTF-8 unchanged.
 bool is_plain_towards_utf8(const char* codeset) {
-    static const char* const plain[] = {"C",          "POSIX",     "UTF-8",    "ASCII",
-                                        "US-ASCII",   "ISO-8859-1", "ISO8859-1", "iso88591"};
+    static const char* const plain[] = {"C",        "POSIX",      "UTF-8",     "ASCII",
+                                        "US-ASCII", "ISO-8859-1", "ISO8859-1", "iso88591"};
     for (const char* name : plain)
         if (strcmp(codeset, name) == 0) return true;
     return false;
@@ -26,7 +26,9 @@ char* plain_copy(char* dst, const char* src, size_t size) {
     return dst;
 }
 
-int iconv_valid(iconv_t cd) { return cd == reinterpret_cast<iconv_t>(-1) ? 0 : 1; }
+int iconv_valid(iconv_t cd) {
+    return cd == reinterpret_cast<iconv_t>(-1) ? 0 : 1;
+}
 } // namespace
 
 void copy_bounded(char* dst, const char* src, size_t size) {

@@ -75,10 +75,18 @@ QUILLON_API void process_err(const char* format, ...) {
     va_end(args);
 }
 
-QUILLON_API void process_log_entry(const char* label) { write_labelled("> entering: [%s]\n", label); }
+QUILLON_API void process_log_entry(const char* label) {
+    write_labelled("> entering: [%s]\n", label);
+}
 
-QUILLON_API void process_log_exit(const char* label) { write_labelled("< exiting: [%s]\n", label); }
+QUILLON_API void process_log_exit(const char* label) {
+    write_labelled("< exiting: [%s]\n", label);
+}
 
-QUILLON_API int process_log_is_dbg_enabled(void) { return __proc_dbg_enabled.load(); }
+QUILLON_API int process_log_is_dbg_enabled(void) {
+    return __proc_dbg_enabled.load();
+}
 
-QUILLON_API int process_log_is_entryexit_enabled(void) { return __proc_entryexit_enabled.load(); }
+QUILLON_API int process_log_is_entryexit_enabled(void) {
+    return __proc_entryexit_enabled.load();
+}

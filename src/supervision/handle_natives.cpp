@@ -43,7 +43,7 @@ JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_createS
 }
 
 JNIEXPORT jint JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_ping(JNIEnv* env, jobject,
-                                                                              jlong handle) {
+                                                                             jlong handle) {
     process_log_entry("UnixProcessGlue_ping()");
     UnixProcessData* data = record_of(handle);
     int sysErr = 0;
@@ -67,7 +67,7 @@ JNIEXPORT void JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_done(JNI
 }
 
 JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_recreate(JNIEnv* env, jobject,
-                                                                                   jstring pidText) {
+                                                                                  jstring pidText) {
     process_log_entry("UnixProcessGlue_recreate()");
     int result = PROC_SUCCESS;
     int sysErr = 0;
@@ -105,7 +105,7 @@ JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_recreat
 }
 
 JNIEXPORT jstring JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_id(JNIEnv* env, jobject,
-                                                                               jlong handle) {
+                                                                              jlong handle) {
     process_log_entry("UnixProcessGlue_id()");
     UnixProcessData* data = record_of(handle);
     char text[kPidTextSize];

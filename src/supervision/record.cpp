@@ -45,7 +45,8 @@ int ping_not_a_child(UnixProcessData* data, int pid, int waitResult, int* sysErr
         result = kill(pid, 0);
     } while (result == -1 && errno == EINTR);
     int killErrno = errno;
-    process_log("In Ping NOEXIT Handler.  Kill [with sig 0] returned: [%d].  Errno: [%d]\n", result, killErrno);
+    process_log("In Ping NOEXIT Handler.  Kill [with sig 0] returned: [%d].  Errno: [%d]\n", result,
+                killErrno);
     if (result == 0 || killErrno == ESRCH) {
         if (try_lock_state(data)) {
             store_field(data->isAlive, result == 0 ? 1 : 0);
@@ -94,7 +95,8 @@ QUILLON_API int unix_PingProcess(UnixProcessData* data, int* sysErr) {
     } while (errnoStore == EINTR && waitResult == -1);
     process_log("After waitpid, waitResult=[%d] errnoStore=[%d]\n", waitResult, errnoStore);
     *sysErr = errnoStore;
-    if (*sysErr == 0 && waitResult == -1) process_log("Screwball case on Linux.  No error, yet waitpid returned -1\n");
+    if (*sysErr == 0 && waitResult == -1)
+        process_log("Screwball case on Linux.  No error, yet waitpid returned -1\n");
 
     int result = PROC_SUCCESS;
     if (waitResult == pid) {

@@ -90,23 +90,28 @@ QUILLON_API int unix_GenerateJVMThreadDump(UnixProcessData* data, int* sysErr) {
     return result;
 }
 
-JNIEXPORT void JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_stop(JNIEnv* env, jobject, jlong handle) {
-    signal_native(env, handle, "UnixProcessGlue_stop()", "Error stopping process. ", [](UnixProcessData* d, int* e) {
-        int alive = load_field(d->isAlive);
-        process_log("Trying to stop process (PID): [%s].  Process state is: [%d]\n", d->pid, alive);
-        return alive == 0 ? PROC_SUCCESS : unix_StopProcess(d, e);
-    });
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_stop(JNIEnv* env, jobject,
+                                                                             jlong handle) {
+    signal_native(
+        env, handle, "UnixProcessGlue_stop()", "Error stopping process. ", [](UnixProcessData* d, int* e) {
+            int alive = load_field(d->isAlive);
+            process_log("Trying to stop process (PID): [%s].  Process state is: [%d]\n", d->pid, alive);
+            return alive == 0 ? PROC_SUCCESS : unix_StopProcess(d, e);
+        });
 }
 
-JNIEXPORT void JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_kill(JNIEnv* env, jobject, jlong handle) {
-    signal_native(env, handle, "UnixProcessGlue_kill()", "Error terminating process. ", [](UnixProcessData* d, int* e) {
-        process_log("Trying to kill process (PID): [%s].  Process state is: [%d]\n", d->pid, load_field(d->isAlive));
-        return unix_KillProcess(d, e);
-    });
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_kill(JNIEnv* env, jobject,
+                                                                             jlong handle) {
+    signal_native(env, handle, "UnixProcessGlue_kill()", "Error terminating process. ",
+                  [](UnixProcessData* d, int* e) {
+                      process_log("Trying to kill process (PID): [%s].  Process state is: [%d]\n", d->pid,
+                                  load_field(d->isAlive));
+                      return unix_KillProcess(d, e);
+                  });
 }
 
 JNIEXPORT void JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_pokeVMThreadDump(JNIEnv* env, jobject,
-                                                                                          jlong handle) {
+                                                                                         jlong handle) {
     signal_native(env, handle, "UnixProcessGlue_pokeVMThreadDump()", "Error causing JVM dump. ",
                   unix_GenerateJVMThreadDump);
 }

@@ -22,8 +22,7 @@ void change_waiters(UnixProcessData* data, int delta) {
 }
 
 // The body both wait natives share; `wait` is the wait function with its time-out bound in.
-template <typename Wait>
-void wait_native(JNIEnv* env, jlong handle, const char* selfMessage, Wait wait) {
+template <typename Wait> void wait_native(JNIEnv* env, jlong handle, const char* selfMessage, Wait wait) {
     process_log_entry("UnixProcessGlue_waitForTermination()");
     UnixProcessData* data = record_of(handle);
     int sysErr = 0;
@@ -53,8 +52,9 @@ QUILLON_API int unix_WaitForProcessTermination(UnixProcessData* data, int* sysEr
         errno = 0;
         waitResult = waitpid(pid, &status, 0);
         waitErrno = errno;
-        process_log("In wait for termination.  Wait over for process (PID): [%d].  Errno: [%d].  WaitResult: [%d]\n",
-                    pid, waitErrno, waitResult);
+        process_log(
+            "In wait for termination.  Wait over for process (PID): [%d].  Errno: [%d].  WaitResult: [%d]\n",
+            pid, waitErrno, waitResult);
     } while (waitResult == -1 && waitErrno == EINTR);
 
     int result = PROC_SYSTEM_ERR;
@@ -70,7 +70,8 @@ QUILLON_API int unix_WaitForProcessTermination(UnixProcessData* data, int* sysEr
         unlock_state(data);
         result = PROC_SUCCESS;
     } else if (waitErrno == ECHILD) {
-        process_log("In ECHILD Handler for wait for termination.  Recieved ECHILD for process (PID): [%d]\n", pid);
+        process_log("In ECHILD Handler for wait for termination.  Recieved ECHILD for process (PID): [%d]\n",
+                    pid);
         result = unix_WaitForProcessTerminationWithTimeout(data, kNoTimeLimit, sysErr);
     }
     process_log_exit("unix_WaitForTermination()");
@@ -87,7 +88,9 @@ QUILLON_API int unix_WaitForProcessTerminationWithTimeout(UnixProcessData* data,
     while (alive != 0 && (timeoutSeconds == kNoTimeLimit || waited < timeoutSeconds)) {
         int probe = unix_PingProcess(data, sysErr);
         if (probe != PROC_SUCCESS) {
-            process_log("unix_PingProcess no longer returning PROC_SUCCESS.  Exiting with Ping Status: [%d]\n", probe);
+            process_log(
+                "unix_PingProcess no longer returning PROC_SUCCESS.  Exiting with Ping Status: [%d]\n",
+                probe);
             process_log_exit("unix_WaitForTerminationWithTimeout()");
             return probe;
         }
@@ -119,20 +122,22 @@ QUILLON_API int unix_GetProcessExitCode(UnixProcessData* data, int* sysErr) {
     return result;
 }
 
-JNIEXPORT void JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_waitForTermination(JNIEnv* env, jobject,
-                                                                                            jlong handle) {
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_waitForTermination(JNIEnv* env,
+                                                                                           jobject,
+                                                                                           jlong handle) {
     wait_native(env, handle, "Attempt to wait for self to terminate", unix_WaitForProcessTermination);
 }
 
 JNIEXPORT void JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_waitForTerminationWithTimeout(
     JNIEnv* env, jobject, jlong handle, jint timeoutSeconds) {
-    wait_native(env, handle, "Attempt to wait for self to terminate. ", [timeoutSeconds](UnixProcessData* d, int* e) {
-        return unix_WaitForProcessTerminationWithTimeout(d, static_cast<uint32_t>(timeoutSeconds), e);
-    });
+    wait_native(
+        env, handle, "Attempt to wait for self to terminate. ", [timeoutSeconds](UnixProcessData* d, int* e) {
+            return unix_WaitForProcessTerminationWithTimeout(d, static_cast<uint32_t>(timeoutSeconds), e);
+        });
 }
 
 JNIEXPORT jint JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_getExitCode(JNIEnv* env, jobject,
-                                                                                     jlong handle) {
+                                                                                    jlong handle) {
     process_log_entry("UnixProcessGlue_getExitCode()");
     UnixProcessData* data = record_of(handle);
     int sysErr = 0;
@@ -145,7 +150,8 @@ JNIEXPORT jint JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_getExitC
         }
     }
     // A waiter may have collected the status and not stored it yet; its count falls once it has.
-    while (load_field(data->waiterCount) != 0) sleep(SLEEP_INTERVAL);
+    while (load_field(data->waiterCount) != 0)
+        sleep(SLEEP_INTERVAL);
     process_log_exit("UnixProcessGlue_getExitCode()");
     return load_field(data->exitCode);
 }

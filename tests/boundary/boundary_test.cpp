@@ -38,25 +38,29 @@ const std::string k1100(1100, 'm');
 
 INSTANTIATE_TEST_SUITE_P(
     Rules, Throwing,
-    testing::Values(
-        ThrowCase{"noSysErr", PROC_INVALID_FILE, "Bad. ", false, 0, kPackage + "InvalidFileException", "Bad. "},
-        ThrowCase{"withText", PROC_INVALID_EXECUTABLE, "Error creating new process.", false, ENOENT,
-                  kPackage + "InvalidExecutableException", "Error creating new process. 002: No such file or directory"},
-        ThrowCase{"trailingBlankKept", PROC_CREATE_TIMEOUT, "x. ", false, ETIMEDOUT,
-                  kPackage + "CreateProcessTimeoutException", "x.  110: Connection timed out"},
-        ThrowCase{"nullMessage", PROC_HAS_EXITED, "", true, 0, kPackage + "ProcessHasExitedException", ""},
-        ThrowCase{"nullMessageWithErr", PROC_HAS_EXITED, "", true, EPERM, kPackage + "ProcessHasExitedException",
-                  " 001: Operation not permitted"},
-        ThrowCase{"noSystemText", PROC_SYSTEM_ERR, "m", false, 4000, kPackage + "ProcessOpException", "m 4000: "},
-        ThrowCase{"rule2At1019", PROC_SYSTEM_ERR, k1019, false, ENOENT, kPackage + "ProcessOpException",
-                  k1019 + " 002"},
-        ThrowCase{"aloneAt1020", PROC_SYSTEM_ERR, k1020, false, ENOENT, kPackage + "ProcessOpException", k1020},
-        ThrowCase{"cutTo1023", PROC_SYSTEM_ERR, k1100, false, ENOENT, kPackage + "ProcessOpException",
-                  k1100.substr(0, 1023)},
-        ThrowCase{"code0", 0, "a", false, 0, kPackage + "ProcessOpException", "a"},
-        ThrowCase{"code17", 17, "a", false, 0, kPackage + "ProcessOpException", "a"},
-        ThrowCase{"codeNegative", -1, "a", false, 0, kPackage + "ProcessOpException", "a"},
-        ThrowCase{"code16", 16, "a", false, 0, kPackage + "CreateProcessTimeoutException", "a"}),
+    testing::Values(ThrowCase{"noSysErr", PROC_INVALID_FILE, "Bad. ", false, 0,
+                              kPackage + "InvalidFileException", "Bad. "},
+                    ThrowCase{"withText", PROC_INVALID_EXECUTABLE, "Error creating new process.", false,
+                              ENOENT, kPackage + "InvalidExecutableException",
+                              "Error creating new process. 002: No such file or directory"},
+                    ThrowCase{"trailingBlankKept", PROC_CREATE_TIMEOUT, "x. ", false, ETIMEDOUT,
+                              kPackage + "CreateProcessTimeoutException", "x.  110: Connection timed out"},
+                    ThrowCase{"nullMessage", PROC_HAS_EXITED, "", true, 0,
+                              kPackage + "ProcessHasExitedException", ""},
+                    ThrowCase{"nullMessageWithErr", PROC_HAS_EXITED, "", true, EPERM,
+                              kPackage + "ProcessHasExitedException", " 001: Operation not permitted"},
+                    ThrowCase{"noSystemText", PROC_SYSTEM_ERR, "m", false, 4000,
+                              kPackage + "ProcessOpException", "m 4000: "},
+                    ThrowCase{"rule2At1019", PROC_SYSTEM_ERR, k1019, false, ENOENT,
+                              kPackage + "ProcessOpException", k1019 + " 002"},
+                    ThrowCase{"aloneAt1020", PROC_SYSTEM_ERR, k1020, false, ENOENT,
+                              kPackage + "ProcessOpException", k1020},
+                    ThrowCase{"cutTo1023", PROC_SYSTEM_ERR, k1100, false, ENOENT,
+                              kPackage + "ProcessOpException", k1100.substr(0, 1023)},
+                    ThrowCase{"code0", 0, "a", false, 0, kPackage + "ProcessOpException", "a"},
+                    ThrowCase{"code17", 17, "a", false, 0, kPackage + "ProcessOpException", "a"},
+                    ThrowCase{"codeNegative", -1, "a", false, 0, kPackage + "ProcessOpException", "a"},
+                    ThrowCase{"code16", 16, "a", false, 0, kPackage + "CreateProcessTimeoutException", "a"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST(Throwing, FallsBackToJavaLangExceptionAndGivesUpWhenThatIsMissingToo) {
@@ -122,7 +126,8 @@ TEST(Marshalling, FailuresOfTheJvmOrTheHeapGiveNullsNeverACrash) {
     char dst[8] = "junk";
     EXPECT_EQ(process_GetNativeStringFromJString(jni.env(), dst, jni.string("A"), sizeof dst), dst);
     EXPECT_STREQ(dst, "");
-    EXPECT_EQ(process_GetNativeStringFromArray(jni.env(), dst, jni.bytes(std::string("A\0", 2)), sizeof dst), dst);
+    EXPECT_EQ(process_GetNativeStringFromArray(jni.env(), dst, jni.bytes(std::string("A\0", 2)), sizeof dst),
+              dst);
     EXPECT_STREQ(dst, "");
     char** unread = javaStrArrayToCStrArray(jni.env(), array);
     EXPECT_EQ(unread[0], nullptr);

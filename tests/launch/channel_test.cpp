@@ -32,11 +32,12 @@ TEST_P(CreateTimeout, IsMinutesWithAFloorOfTwo) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Values, CreateTimeout,
-                         testing::Values(TimeoutCase{nullptr, 120}, TimeoutCase{"", 120}, TimeoutCase{"0", 120},
-                                         TimeoutCase{"1", 120}, TimeoutCase{"2", 120}, TimeoutCase{"3", 180},
-                                         TimeoutCase{"99999", 5999940}, TimeoutCase{"00003", 180},
-                                         TimeoutCase{"000003", 120}, TimeoutCase{"100000", 120},
-                                         TimeoutCase{"5m", 120}, TimeoutCase{"-5", 120}, TimeoutCase{"+5", 120},
+                         testing::Values(TimeoutCase{nullptr, 120}, TimeoutCase{"", 120},
+                                         TimeoutCase{"0", 120}, TimeoutCase{"1", 120}, TimeoutCase{"2", 120},
+                                         TimeoutCase{"3", 180}, TimeoutCase{"99999", 5999940},
+                                         TimeoutCase{"00003", 180}, TimeoutCase{"000003", 120},
+                                         TimeoutCase{"100000", 120}, TimeoutCase{"5m", 120},
+                                         TimeoutCase{"-5", 120}, TimeoutCase{"+5", 120},
                                          TimeoutCase{" 5", 120}));
 
 // What the new process writes before it closes its end.
@@ -51,7 +52,8 @@ class ExecOutcome : public testing::TestWithParam<OutcomeCase> {};
 
 std::string ints(std::initializer_list<int> values) {
     std::string bytes;
-    for (int v : values) bytes.append(reinterpret_cast<const char*>(&v), sizeof v);
+    for (int v : values)
+        bytes.append(reinterpret_cast<const char*>(&v), sizeof v);
     return bytes;
 }
 
@@ -75,14 +77,15 @@ TEST_P(ExecOutcome, IsReadFromTheChannel) {
     waitpid(writer, nullptr, 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Matrix, ExecOutcome,
-    testing::Values(OutcomeCase{"endOfFile", "", PROC_SUCCESS, 0},
-                    OutcomeCase{"fullRecord", ints({ENOENT, PROC_INVALID_EXECUTABLE}), PROC_INVALID_EXECUTABLE, ENOENT},
-                    OutcomeCase{"firstIntOnly", ints({EACCES}), PROC_SYSTEM_ERR, EACCES},
-                    OutcomeCase{"shortSecond", ints({EACCES}) + "ab", PROC_SYSTEM_ERR, EACCES},
-                    OutcomeCase{"shortFirst", "ab", PROC_SYSTEM_ERR, -1}),
-    [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Matrix, ExecOutcome,
+                         testing::Values(OutcomeCase{"endOfFile", "", PROC_SUCCESS, 0},
+                                         OutcomeCase{"fullRecord", ints({ENOENT, PROC_INVALID_EXECUTABLE}),
+                                                     PROC_INVALID_EXECUTABLE, ENOENT},
+                                         OutcomeCase{"firstIntOnly", ints({EACCES}), PROC_SYSTEM_ERR, EACCES},
+                                         OutcomeCase{"shortSecond", ints({EACCES}) + "ab", PROC_SYSTEM_ERR,
+                                                     EACCES},
+                                         OutcomeCase{"shortFirst", "ab", PROC_SYSTEM_ERR, -1}),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 struct SelectCase {
     const char* name;

@@ -20,8 +20,12 @@
 #include "support/seams.h"
 
 namespace {
-std::string outcome_text(const Launched& l) { return std::to_string(l.result) + "/" + std::to_string(l.sysErr); }
-std::string expected(int result, int sysErr) { return std::to_string(result) + "/" + std::to_string(sysErr); }
+std::string outcome_text(const Launched& l) {
+    return std::to_string(l.result) + "/" + std::to_string(l.sysErr);
+}
+std::string expected(int result, int sysErr) {
+    return std::to_string(result) + "/" + std::to_string(sysErr);
+}
 
 bool no_children_left() {
     errno = 0;
@@ -46,47 +50,63 @@ TEST_P(LaunchedIdentity, IsWhatTheRequestAndTheSwitchesSay) {
         setgroups(0, nullptr);
         gid_t supplementary[] = {4}; // the launcher's own supplementary group, to be seen replaced or kept
         setgroups(1, supplementary);
-        for (const char* variable : c.variables) setenv(variable, "", 1);
+        for (const char* variable : c.variables)
+            setenv(variable, "", 1);
+        std::string created = "/tmp/quillon-owner-" + std::to_string(getpid());
         Request r;
         r.executable = "/bin/sleep";
         r.arguments = {"5"};
         r.user = c.user;
         r.group = c.group;
+        r.stdFiles = {nullptr, created.c_str(), nullptr};
         Launched l = Launch(r);
+        struct stat st = {};
+        stat(created.c_str(), &st);
+        unlink(created.c_str());
         std::string facts = StatusField("Uid", l.pid) + "|" + StatusField("Gid", l.pid) + "|" +
-                            StatusField("Groups", l.pid);
+                            StatusField("Groups", l.pid) + "|owner " + std::to_string(st.st_uid) + ":" +
+                            std::to_string(st.st_gid);
         kill(l.pid, SIGKILL);
         waitpid(l.pid, nullptr, 0);
         return outcome_text(l) + " " + facts;
     });
     auto ids = [](const std::string& id) { return id + "\t" + id + "\t" + id + "\t" + id; };
-    EXPECT_EQ(outcome.report, "0/0 " + ids(c.uid) + "|" + ids(c.gid) + "|" + c.groups);
+    EXPECT_EQ(outcome.report,
+              "0/0 " + ids(c.uid) + "|" + ids(c.gid) + "|" + c.groups + "|owner " + c.uid + ":" + c.gid);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Root, LaunchedIdentity,
-    testing::Values(IdentityCase{"userGetsPrimaryGroupAndNoGroups", "nobody", nullptr, {}, "65534", "65534", ""},
-                    IdentityCase{"initgroups", "nobody", nullptr, {"__JNI_PROCESS_INITGROUPS"}, "65534", "65534",
-                                 "65534"},
-                    IdentityCase{"forcedGroupDisabled", "nobody", nullptr, {"__JNI_PROCESS_DISABLE_FORCEGROUP",
-                                 "__JNI_PROCESS_INITGROUPS"}, "65534", "0", "4"},
-                    IdentityCase{"groupOnly", nullptr, "nogroup", {"__JNI_PROCESS_INITGROUPS"}, "0", "65534", ""},
-                    IdentityCase{"groupAndUserInitgroups", "nobody", "daemon", {"__JNI_PROCESS_INITGROUPS"}, "65534",
-                                 "1", "1"},
-                    IdentityCase{"nothingRequested", nullptr, nullptr, {}, "0", "0", "4"}),
+    testing::Values(
+        IdentityCase{"userGetsPrimaryGroupAndNoGroups", "nobody", nullptr, {}, "65534", "65534", ""},
+        IdentityCase{
+            "initgroups", "nobody", nullptr, {"__JNI_PROCESS_INITGROUPS"}, "65534", "65534", "65534"},
+        IdentityCase{"forcedGroupDisabled",
+                     "nobody",
+                     nullptr,
+                     {"__JNI_PROCESS_DISABLE_FORCEGROUP", "__JNI_PROCESS_INITGROUPS"},
+                     "65534",
+                     "0",
+                     "4"},
+        IdentityCase{"groupOnly", nullptr, "nogroup", {"__JNI_PROCESS_INITGROUPS"}, "0", "65534", ""},
+        IdentityCase{
+            "groupAndUserInitgroups", "nobody", "daemon", {"__JNI_PROCESS_INITGROUPS"}, "65534", "1", "1"},
+        IdentityCase{"nothingRequested", nullptr, nullptr, {}, "0", "0", "4"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST(LaunchedIdentity, AnUnprivilegedLauncherIsRefusedAtTheForcedGroupFirst) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root, to drop the launcher to nobody";
     ChildOutcome outcome = RunInChild([] {
-        if (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0) return std::string("drop failed");
+        if (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0)
+            return std::string("drop failed");
         Request r;
         r.user = "root";
         std::string forced = outcome_text(Launch(r));
         r.group = "nogroup"; // its own group is allowed, the user is not
         return forced + " " + outcome_text(Launch(r));
     });
-    EXPECT_EQ(outcome.report, expected(PROC_INVALID_GROUP, EPERM) + " " + expected(PROC_INVALID_USERNAME, EPERM));
+    EXPECT_EQ(outcome.report,
+              expected(PROC_INVALID_GROUP, EPERM) + " " + expected(PROC_INVALID_USERNAME, EPERM));
 }
 
 // Standard handles, set up in a child and written through.
@@ -126,6 +146,41 @@ TEST(StdHandles, AppendOrTruncateJoinedToTheWorkingDirectoryUnderTheMask) {
     rmdir(dir);
 }
 
+struct NameCase {
+    const char* name;
+    std::string file;
+    const char* workingDirectory;
+    int result;
+    int sysErr;
+};
+
+class StdHandleName : public testing::TestWithParam<NameCase> {};
+
+TEST_P(StdHandleName, LimitsAndOpenFailures) {
+    const NameCase& c = GetParam();
+    ChildOutcome outcome = RunInChild([&] {
+        const char* files[] = {nullptr, c.file.c_str(), nullptr};
+        int err = 0;
+        int result = SetupChildStdHandles(c.workingDirectory, const_cast<char**>(files), &err);
+        return std::to_string(result) + "/" + std::to_string(err);
+    });
+    EXPECT_EQ(outcome.report, expected(c.result, c.sysErr));
+}
+
+const std::string kBase = "/tmp/" + std::string(4000, 'b'); // a base of 4005 characters
+
+INSTANTIATE_TEST_SUITE_P(
+    Names, StdHandleName,
+    testing::Values(
+        NameCase{"absolute4097", "/" + std::string(4096, 'a'), nullptr, PROC_INVALID_FILE, ENAMETOOLONG},
+        NameCase{"absolute4096ReachesOpen", "/" + std::string(4095, 'a'), nullptr, PROC_SYSTEM_ERR,
+                 ENAMETOOLONG},
+        NameCase{"joined4096", std::string(91, 'n'), kBase.c_str(), PROC_INVALID_FILE, ENAMETOOLONG},
+        NameCase{"joined4095ReachesOpen", std::string(90, 'n'), kBase.c_str(), PROC_SYSTEM_ERR, ENAMETOOLONG},
+        NameCase{"emptyWithoutDirectory", "", nullptr, PROC_INVALID_FILE, ENOENT},
+        NameCase{"missingDirectory", "/no/such/dir/out", nullptr, PROC_INVALID_FILE, ENOENT}),
+    [](const auto& info) { return std::string(info.param.name); });
+
 struct Dup2Case {
     const char* name;
     int err;
@@ -149,7 +204,8 @@ TEST_P(StdHandleDupFailure, MapsTheErrno) {
 
 INSTANTIATE_TEST_SUITE_P(Faked, StdHandleDupFailure,
                          testing::Values(Dup2Case{"fileBadf", EBADF, "/etc/hostname", PROC_INVALID_FILE},
-                                         Dup2Case{"fileEmfile", EMFILE, "/etc/hostname", PROC_OUT_OF_FILE_HANDLES},
+                                         Dup2Case{"fileEmfile", EMFILE, "/etc/hostname",
+                                                  PROC_OUT_OF_FILE_HANDLES},
                                          Dup2Case{"devNullEnfile", ENFILE, nullptr, PROC_OUT_OF_FILE_HANDLES},
                                          Dup2Case{"devNullBadf", EBADF, nullptr, PROC_INVALID_FILE}),
                          [](const auto& info) { return std::string(info.param.name); });
@@ -200,7 +256,8 @@ TEST(LaunchingSideFailures, ForkAndPipeFailuresMapAndCloseEverything) {
                    " children:" + (no_children_left() ? "none" : "some");
         });
         std::string pid = c.detached ? "0" : (c.forkFault.at != 0 ? "-1" : "0");
-        EXPECT_EQ(outcome.report, expected(c.result, c.sysErr) + " pid:" + pid + " fds:0 children:none") << c.name;
+        EXPECT_EQ(outcome.report, expected(c.result, c.sysErr) + " pid:" + pid + " fds:0 children:none")
+            << c.name;
     }
 }
 
@@ -224,10 +281,12 @@ TEST(ForkSafety, LaunchesWithIdentityNeverHangWhileOtherThreadsHoldLocks) {
                 }
             });
             busy.emplace_back([&] {
-                while (!stop) setenv("QUILLON_STRESS", "x", 1);
+                while (!stop)
+                    setenv("QUILLON_STRESS", "x", 1);
             });
             busy.emplace_back([&] {
-                while (!stop) process_log_init_dbg();
+                while (!stop)
+                    process_log_init_dbg();
             });
             std::atomic<int> failures{0};
             std::vector<std::thread> launchers;
@@ -243,9 +302,11 @@ TEST(ForkSafety, LaunchesWithIdentityNeverHangWhileOtherThreadsHoldLocks) {
                         waitpid(l.pid, nullptr, 0);
                     }
                 });
-            for (auto& t : launchers) t.join();
+            for (auto& t : launchers)
+                t.join();
             stop = true;
-            for (auto& t : busy) t.join();
+            for (auto& t : busy)
+                t.join();
             return std::to_string(failures.load());
         },
         300);

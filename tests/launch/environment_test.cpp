@@ -74,7 +74,8 @@ INSTANTIATE_TEST_SUITE_P(
                     MergeCase{"requestOnly", {"PATH=/a"}, {"HOME=/"}, "PATH", nullptr},
                     MergeCase{"emptyRequestValue", {"PATH="}, {"PATH=/b"}, "PATH", "PATH=:/b"},
                     MergeCase{"emptyInheritedValue", {"PATH=/a"}, {"PATH="}, "PATH", "PATH=/a:"},
-                    MergeCase{"equalsKept", {"CLASSPATH=a=b"}, {"CLASSPATH=c"}, "CLASSPATH", "CLASSPATH=a=b:c"},
+                    MergeCase{
+                        "equalsKept", {"CLASSPATH=a=b"}, {"CLASSPATH=c"}, "CLASSPATH", "CLASSPATH=a=b:c"},
                     MergeCase{"entryWithoutValue", {"PATH"}, {"PATH=/b"}, "PATH", "PATH=/b"},
                     MergeCase{"firstMatchOnly", {"PATH=/a", "PATH=/c"}, {"PATH=/b"}, "PATH", "PATH=/a:/b"}),
     [](const auto& info) { return std::string(info.param.name); });
@@ -101,7 +102,8 @@ std::string merged_environment(std::vector<const char*> request, int mallocFailA
                MergeEnvironment(const_cast<char**>(request.data()));
                seams::malloc = {};
                std::string all;
-               for (char** e = environ; *e != nullptr; ++e) all += std::string(*e) + ";";
+               for (char** e = environ; *e != nullptr; ++e)
+                   all += std::string(*e) + ";";
                return all;
            })
         .report;

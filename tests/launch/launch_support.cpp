@@ -8,7 +8,8 @@
 namespace {
 std::vector<char*> vector_of(std::vector<std::string>& texts) {
     std::vector<char*> v;
-    for (auto& t : texts) v.push_back(t.data());
+    for (auto& t : texts)
+        v.push_back(t.data());
     v.push_back(nullptr);
     return v;
 }
@@ -19,15 +20,17 @@ Launched Launch(const Request& request, bool detached) {
     std::vector<char*> arguments = vector_of(r.arguments);
     std::vector<char*> environment = vector_of(r.environment);
     std::vector<char*> files;
-    for (const char* f : r.stdFiles) files.push_back(const_cast<char*>(f));
+    for (const char* f : r.stdFiles)
+        files.push_back(const_cast<char*>(f));
     UnixProcessData* data = NewProcessData();
     copy_bounded(data->pid, "0", sizeof data->pid);
     data->isAlive = 1;
     auto launch = detached ? unix_CreateDetachedProcess : unix_CreateProcess;
     Launched out;
-    out.result = launch(r.executable.c_str(), arguments.data(), r.environment.empty() ? nullptr : environment.data(),
-                        r.workingDirectory, r.priority, files.empty() ? nullptr : files.data(), r.fileMask, r.group,
-                        r.user, r.processGroup, data, &out.sysErr);
+    out.result =
+        launch(r.executable.c_str(), arguments.data(), r.environment.empty() ? nullptr : environment.data(),
+               r.workingDirectory, r.priority, files.empty() ? nullptr : files.data(), r.fileMask, r.group,
+               r.user, r.processGroup, data, &out.sysErr);
     out.pid = atoi(data->pid);
     unix_doneWithProcess(data, nullptr);
     free(data);
@@ -37,7 +40,8 @@ Launched Launch(const Request& request, bool detached) {
 int OpenDescriptorCount() {
     int count = 0;
     DIR* dir = opendir("/proc/self/fd");
-    while (readdir(dir) != nullptr) ++count;
+    while (readdir(dir) != nullptr)
+        ++count;
     closedir(dir);
     return count - 3; // ".", ".." and the directory's own descriptor
 }

@@ -30,12 +30,14 @@ TEST_P(TraceSwitches, FollowThePresenceOfTheVariables) {
         unsetenv("__JNI_PROCESS_DEBUG");
         unsetenv("$$TRACE");
         unsetenv("__JNI_PROCESS_ENTRYEXIT");
-        for (const char* variable : c.variables) setenv(variable, "", 1);
+        for (const char* variable : c.variables)
+            setenv(variable, "", 1);
         process_log_init_dbg();
         process_log("debug %d\n", 7);
         process_log_entry("label()");
         process_log_exit("label()");
-        return std::to_string(process_log_is_dbg_enabled()) + std::to_string(process_log_is_entryexit_enabled());
+        return std::to_string(process_log_is_dbg_enabled()) +
+               std::to_string(process_log_is_entryexit_enabled());
     });
     EXPECT_EQ(outcome.report, std::string(c.debugOn ? "1" : "0") + (c.entryExitOn ? "1" : "0"));
     EXPECT_EQ(outcome.out.find("debug 7\n") != std::string::npos, c.debugOn);
@@ -83,7 +85,8 @@ TEST(Trace, SwitchStaysOnAndLongMessagesAreCutWithTheirNewline) {
     size_t message = outcome.out.find("aaa");
     ASSERT_NE(message, std::string::npos);
     EXPECT_EQ(outcome.out.find_first_not_of('a', message) - message, 3995u);
-    EXPECT_NE(outcome.out.find(std::string(10, 'a') + "Time: "), std::string::npos) << "no newline after the cut";
+    EXPECT_NE(outcome.out.find(std::string(10, 'a') + "Time: "), std::string::npos)
+        << "no newline after the cut";
 }
 
 TEST(MainPid, IsTheProcessIdAndIsResetOnlyByTheChild) {
@@ -131,7 +134,8 @@ TEST(ForkSafety, ChildrenNeverBlockOnTraceLocksHeldByOtherThreads) {
                 if (!WIFEXITED(status)) ++hung;
             }
             stop = true;
-            for (auto& thread : busy) thread.join();
+            for (auto& thread : busy)
+                thread.join();
             return std::to_string(hung);
         },
         120);

@@ -47,7 +47,7 @@ void probe_until_dead(UnixProcessData* data) {
 
 struct EndCase {
     const char* name;
-    int exitCode;   // -1: killed
+    int exitCode; // -1: killed
     int signal;
     int expected;
 };
@@ -60,7 +60,8 @@ TEST_P(ProbeSeesTheEnd, OfAChild) {
     if (c.signal != 0) kill(pid, c.signal);
     Record record(pid);
     int sysErr = 0;
-    ASSERT_EQ(unix_AdoptProcess(record.data, &sysErr), PROC_SUCCESS) << "a child still to be collected is alive";
+    ASSERT_EQ(unix_AdoptProcess(record.data, &sysErr), PROC_SUCCESS)
+        << "a child still to be collected is alive";
     probe_until_dead(record.data);
     EXPECT_EQ(record.data->isAlive, 0);
     EXPECT_EQ(record.data->exitCode, c.expected);
@@ -68,7 +69,8 @@ TEST_P(ProbeSeesTheEnd, OfAChild) {
 
 INSTANTIATE_TEST_SUITE_P(Ends, ProbeSeesTheEnd,
                          testing::Values(EndCase{"exit3", 3, 0, 3}, EndCase{"exit0", 0, 0, 0},
-                                         EndCase{"killed", -1, SIGKILL, 9}, EndCase{"terminated", -1, SIGTERM, 15}),
+                                         EndCase{"killed", -1, SIGKILL, 9},
+                                         EndCase{"terminated", -1, SIGTERM, 15}),
                          [](const auto& info) { return std::string(info.param.name); });
 
 // A status collected while another thread holds stateMutex is stored by the next holder, not lost.

@@ -25,7 +25,8 @@ std::string ReadFile(const std::string& path) {
 }
 
 std::string StatusField(const std::string& key, int pid) {
-    std::ifstream in(pid == 0 ? std::string("/proc/self/status") : "/proc/" + std::to_string(pid) + "/status");
+    std::ifstream in(pid == 0 ? std::string("/proc/self/status")
+                              : "/proc/" + std::to_string(pid) + "/status");
     for (std::string line; std::getline(in, line);)
         if (line.rfind(key + ":", 0) == 0) {
             std::string value = line.substr(key.size() + 1);

@@ -36,7 +36,9 @@ const char* JNICALL get_string_utf_chars(JNIEnv*, jstring s, jboolean*) {
     ++current->outstandingChars;
     return reinterpret_cast<FakeString*>(s)->text.c_str();
 }
-void JNICALL release_string_utf_chars(JNIEnv*, jstring, const char*) { --current->outstandingChars; }
+void JNICALL release_string_utf_chars(JNIEnv*, jstring, const char*) {
+    --current->outstandingChars;
+}
 jsize JNICALL get_array_length(JNIEnv*, jarray a) {
     // Byte arrays and object arrays are told apart by where they live.
     for (auto& bytes : byteArrays)
@@ -51,7 +53,9 @@ jbyte* JNICALL get_byte_array_elements(JNIEnv*, jbyteArray a, jboolean*) {
     ++current->outstandingChars;
     return reinterpret_cast<jbyte*>(reinterpret_cast<FakeBytes*>(a)->raw.data());
 }
-void JNICALL release_byte_array_elements(JNIEnv*, jbyteArray, jbyte*, jint) { --current->outstandingChars; }
+void JNICALL release_byte_array_elements(JNIEnv*, jbyteArray, jbyte*, jint) {
+    --current->outstandingChars;
+}
 } // namespace
 
 FakeJni::FakeJni() {

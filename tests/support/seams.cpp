@@ -27,10 +27,18 @@ int __real_select(int n, fd_set* r, fd_set* w, fd_set* e, struct timeval* t);
 pid_t __real_fork(void);
 int __real_pipe(int fds[2]);
 
-void* __wrap_malloc(size_t size) { return due(seams::malloc) ? nullptr : __real_malloc(size); }
-int __wrap_dup2(int from, int to) { return due(seams::dup2) ? -1 : __real_dup2(from, to); }
-pid_t __wrap_fork(void) { return due(seams::fork) ? -1 : __real_fork(); }
-int __wrap_pipe(int fds[2]) { return due(seams::pipe) ? -1 : __real_pipe(fds); }
+void* __wrap_malloc(size_t size) {
+    return due(seams::malloc) ? nullptr : __real_malloc(size);
+}
+int __wrap_dup2(int from, int to) {
+    return due(seams::dup2) ? -1 : __real_dup2(from, to);
+}
+pid_t __wrap_fork(void) {
+    return due(seams::fork) ? -1 : __real_fork();
+}
+int __wrap_pipe(int fds[2]) {
+    return due(seams::pipe) ? -1 : __real_pipe(fds);
+}
 
 int __wrap_select(int n, fd_set* r, fd_set* w, fd_set* e, struct timeval* t) {
     if (!seams::select.armed) return __real_select(n, r, w, e, t);

@@ -42,7 +42,8 @@ class LaunchTest {
             String group, boolean detached) throws Exception {
         Path out = dir.resolve("out.txt");
         long handle = glue.create("/bin/sh", new String[] {"-c", script, "zero", "one", null, "cut"}, environment,
-                cwd, priority, new String[] {null, "!" + out, null}, mask, group, user, 0, "extra", false, detached);
+                cwd, priority, new String[] {null, "!" + out, out.toString()}, mask, group, user, 0, "extra", false,
+                detached);
         glue.waitForTerminationWithTimeout(handle, 10);
         glue.done(handle);
         return Files.readString(out);
@@ -59,7 +60,8 @@ class LaunchTest {
                 "echo \"leader=$(test $(cut -d' ' -f5 /proc/$$/stat) = $$ && echo yes)\"",
                 "echo \"sigign=$(grep SigIgn /proc/$$/status | cut -f2)\"",
                 "echo \"stdin=$(readlink /proc/$$/fd/0)\"",
-                "echo \"var=$QUILLON_VAR path=$PATH home=$HOME\"");
+                "echo \"var=$QUILLON_VAR path=$PATH home=$HOME\"",
+                "echo to-stderr >&2");
         String out = facts(script, new String[] {"QUILLON_VAR=set", "PATH=/first"}, "/tmp", 25, 027, null, null,
                 false);
         assertTrue(out.contains("args=zero,one,1\n"), out);
@@ -70,8 +72,17 @@ class LaunchTest {
         assertTrue(out.contains("leader=yes\n"), out);
         assertTrue(out.contains("sigign=0000000000300000\n"), out); // SIGTTIN and SIGTTOU
         assertTrue(out.contains("stdin=/dev/null\n"), out);
+        assertTrue(out.contains("to-stderr\n"), out);
         assertTrue(out.contains("var=set path=/first:" + System.getenv("PATH") + " home=" + System.getenv("HOME")),
                 out);
+    }
+
+    @Test
+    void identityOfTheProgramWhenRoot() throws Exception {
+        assumeTrue(ChildJvm.isRoot(), "needs root to launch as another user");
+        Files.setPosixFilePermissions(dir, java.nio.file.attribute.PosixFilePermissions.fromString("rwxrwxrwx"));
+        assertEquals("65534\n65534\n65534\n", facts("id -u; id -g; id -G", null, null, 20, 022, "nobody", null, false));
+        assertEquals("0\n65534\n65534\n", facts("id -u; id -g; id -G", null, null, 20, 022, null, "nogroup", false));
     }
 
     @Test

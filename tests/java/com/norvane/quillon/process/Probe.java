@@ -54,6 +54,7 @@ public final class Probe {
                     glue.setCurrentProcessGroup(arg);
                     return "group now " + glue.getCurrentProcessGroup();
                 });
+                case "getenv" -> print(() -> "[" + EnvUtilGlue.get().native_getenv(arg) + "]");
                 case "environment" -> print(() -> Arrays.toString(EnvUtilGlue.get().native_getentireenv()));
                 case "threading" -> print(() -> ThreadUtil.get().isPOSIXThreading());
                 case "sleep" -> print(() -> {

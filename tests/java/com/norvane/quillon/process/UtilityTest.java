@@ -36,6 +36,8 @@ class UtilityTest {
         java.util.Arrays.sort(expected);
         assertArrayEquals(expected, entries);
         assertEquals("[ONLY=1]\n", ChildJvm.run(false, Map.of("ONLY", "1"), true, Probe.class, "environment"));
+        assertEquals("[]\n[1]\n", ChildJvm.run(false, Map.of("EMPTY", "", "ONE", "1"), true, Probe.class, "getenv",
+                "EMPTY", "getenv", "ONE"));
         assertEquals("null\n", ChildJvm.run(false, Map.of(), true, Probe.class, "environment"));
     }
 
