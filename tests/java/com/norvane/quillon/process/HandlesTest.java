@@ -24,7 +24,7 @@ class HandlesTest {
     // A child of this JVM that the JDK's own reaper does not collect: one the library launched.
     @Test
     void aLiveChildIsFollowedUntilItEndsAndItsExitCodeIsSeen() throws Exception {
-        long launched = glue.create("/bin/sh", new String[] {"-c", "sleep 0.3; exit 4"}, null, null, 20, null, 0,
+        long launched = glue.create("/bin/sh", new String[] {"-c", "sleep 2; exit 4"}, null, null, 20, null, 0,
                 null, null, 0, null, true, false);
         long adopted = glue.recreate(glue.id(launched));
         assertEquals(1, glue.ping(adopted));

@@ -98,12 +98,18 @@ class WaitSignalTest {
                 return glue.getExitCode(handle);
             }));
         }
-        Thread.sleep(1000);
-        int meanwhile = glue.getExitCode(handle); // returns only once the waiters' count has fallen
+        Integer meanwhile = null;
+        while (meanwhile == null) { // once the end is seen, it returns only after the waiters' count has fallen
+            try {
+                meanwhile = glue.getExitCode(handle);
+            } catch (ProcessStillActiveException stillRunning) {
+                Thread.sleep(50);
+            }
+        }
         for (Future<Integer> waiter : waiters) {
             assertEquals(7, waiter.get());
         }
-        assertEquals(7, meanwhile);
+        assertEquals(7, meanwhile.intValue());
         pool.shutdown();
         glue.done(handle);
     }
