@@ -70,6 +70,10 @@ inline void store_field(uint32_t& field, uint32_t value) {
     std::atomic_ref<uint32_t>(field).store(value);
 }
 
+// Decodes a collected status word into exitCode (exit status, or the number of the ending signal);
+// false for a stopped or continued process, whose exitCode stays. The caller holds stateMutex.
+bool StoreExitCode(UnixProcessData* data, int status);
+
 // stateMutex, blocking; taking and releasing it stores a status held over by the probe.
 void lock_state(UnixProcessData* data);
 void unlock_state(UnixProcessData* data);

@@ -14,16 +14,7 @@ constexpr int32_t kHeldStatusTag = 0x10000;
 
 // How a collected status word changes the record; the caller holds stateMutex.
 void store_collected_status(UnixProcessData* data, int status) {
-    int low = status & 0x7f;
-    if (low == 0) {
-        store_field(data->exitCode, (status >> 8) & 0xff);
-        store_field(data->isAlive, 0);
-    } else if (low != 0x7f) {
-        store_field(data->exitCode, low);
-        store_field(data->isAlive, 0);
-    } else {
-        store_field(data->isAlive, 1);
-    }
+    store_field(data->isAlive, StoreExitCode(data, status) ? 0 : 1);
 }
 
 void apply_held_status(UnixProcessData* data) {
@@ -62,6 +53,15 @@ int ping_not_a_child(UnixProcessData* data, int pid, int waitResult, int* sysErr
     return PROC_SYSTEM_ERR;
 }
 } // namespace
+
+bool StoreExitCode(UnixProcessData* data, int status) {
+    int low = status & 0x7f;
+    if (low == 0)
+        store_field(data->exitCode, (status >> 8) & 0xff);
+    else if (low != 0x7f)
+        store_field(data->exitCode, low);
+    return low != 0x7f;
+}
 
 UnixProcessData* NewProcessData() {
     auto* data = static_cast<UnixProcessData*>(malloc(sizeof(UnixProcessData)));

@@ -60,11 +60,7 @@ QUILLON_API int unix_WaitForProcessTermination(UnixProcessData* data, int* sysEr
     int result = PROC_SYSTEM_ERR;
     if (waitResult == pid) {
         lock_state(data);
-        int low = status & 0x7f;
-        if (low == 0)
-            store_field(data->exitCode, (status >> 8) & 0xff);
-        else if (low != 0x7f)
-            store_field(data->exitCode, low);
+        StoreExitCode(data, status);
         *sysErr = 0;
         store_field(data->isAlive, 0);
         unlock_state(data);
