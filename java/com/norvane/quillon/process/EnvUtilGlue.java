@@ -3,7 +3,7 @@ package com.norvane.quillon.process;
 /** The native environment of the running process, as the system library sees it. */
 public final class EnvUtilGlue {
     static {
-        System.loadLibrary("Quillon60ProcessManagement");
+        NativeLibrary.load();
     }
 
     private static final EnvUtilGlue INSTANCE = new EnvUtilGlue();

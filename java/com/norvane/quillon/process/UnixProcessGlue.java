@@ -12,7 +12,7 @@ import com.norvane.quillon.process.exception.ProcessOpException;
  */
 public final class UnixProcessGlue {
     static {
-        System.loadLibrary("Quillon60ProcessManagement");
+        NativeLibrary.load();
     }
 
     private static final UnixProcessGlue INSTANCE = new UnixProcessGlue();

@@ -1,11 +1,12 @@
 package com.norvane.quillon.process.linuxutil;
 
+import com.norvane.quillon.process.NativeLibrary;
 import com.norvane.quillon.process.exception.ProcessOpException;
 
 /** Native mutexes held by {@code long} handles, and the threading model of the process. */
 public final class ThreadUtil {
     static {
-        System.loadLibrary("Quillon60ProcessManagement");
+        NativeLibrary.load();
     }
 
     private static final ThreadUtil INSTANCE = new ThreadUtil();
