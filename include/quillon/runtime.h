@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 
 #include "quillon/export.h"
 
@@ -22,11 +21,3 @@ QUILLON_API char* process_stringConverterToUTF8(char* dst, const char* src, size
 QUILLON_API char* process_stringConverterFromUTF8(char* dst, const char* src, size_t size);
 QUILLON_API char* process_stringConverter(char* dst, const char* src, size_t size, const char* fromCode,
                                           const char* toCode);
-
-// Low 32 bits of a pointer, the way trace lines print addresses.
-inline unsigned trace_ptr(const void* p) {
-    return static_cast<unsigned>(reinterpret_cast<uintptr_t>(p));
-}
-
-// A copy into a fixed buffer that is always terminated: strncpy of the full size, last byte forced to 0.
-void copy_bounded(char* dst, const char* src, size_t size);

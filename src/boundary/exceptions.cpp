@@ -5,6 +5,7 @@
 
 #include "quillon/boundary.h"
 #include "quillon/runtime.h"
+#include "runtime/support.h"
 
 // The XSI form of strerror_r: glibc exposes it under this name when _GNU_SOURCE selects the GNU one.
 extern "C" int __xpg_strerror_r(int errnum, char* buffer, size_t size);
@@ -40,20 +41,18 @@ const char* exception_class(int code) {
 }
 
 // "message NNN: text", or "message NNN", or the message alone, whichever fits first. The number has at
-// least three digits (the precision pads it; the 0 flag is part of the established format).
+// least three digits. The first test allows 5 characters for the six the format adds, so a text that
+// passes it with nothing to spare loses its last character to the buffer's end (hence the pragma).
 #pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat"
 #pragma GCC diagnostic ignored "-Wformat-truncation"
-void compose_message(char* out, const char* message, int sysErr, const char* sysText) {
+void compose_message(char (&out)[kText], const char* message, int sysErr, const char* sysText) {
     size_t messageLength = strlen(message);
     if (sysErr != 0 && strlen(sysText) + messageLength + 5 <= kText - 1) {
-        snprintf(out, kText, "%s %03.3d: %s", message, sysErr, sysText);
-        out[kText - 1] = 0;
+        snprintf(out, kText, "%.1023s %.3d: %.1023s", message, sysErr, sysText);
     } else if (sysErr != 0 && messageLength + 4 <= kText - 1) {
-        snprintf(out, kText, "%s %03.3d", message, sysErr);
-        out[kText - 1] = 0;
+        snprintf(out, kText, "%.1023s %.3d", message, sysErr);
     } else {
-        strncpy(out, message, kText);
+        copy_bounded(out, message, kText);
     }
 }
 #pragma GCC diagnostic pop
@@ -89,12 +88,6 @@ QUILLON_API void ThrowException(JNIEnv* env, int code, const char* message, int 
         if (cls == nullptr) return;
     }
     env->ThrowNew(cls, finalMessage);
-}
-
-void ThrowWithMessage(JNIEnv* env, int code, const char* text, int sysErr) {
-    char message[kMessageBufferSize];
-    copy_bounded(message, text, sizeof message);
-    ThrowException(env, code, message, sysErr);
 }
 
 QUILLON_API int process_strerror_r(int errnum, char* buffer, size_t size) {

@@ -1,8 +1,9 @@
-// Java strings and arrays into native text in the native code page.
+// The exported conversions of Java strings and arrays into native text in the native code page.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
+#include "boundary/jni_support.h"
 #include "quillon/boundary.h"
 #include "quillon/runtime.h"
 
@@ -10,11 +11,9 @@ namespace {
 // A native string array remembers its length in a hidden slot in front of the vector it hands out,
 // so that ReleaseCStrArray also frees the strings behind a null entry.
 char** allocate_string_array(size_t count) {
-    auto* block = static_cast<char**>(malloc((count + 2) * sizeof(char*)));
+    auto* block = static_cast<char**>(calloc(count + 2, sizeof(char*)));
     if (block == nullptr) return nullptr;
     block[0] = reinterpret_cast<char*>(static_cast<uintptr_t>(count));
-    for (size_t i = 1; i < count + 2; ++i)
-        block[i] = nullptr;
     return block + 1;
 }
 
@@ -22,6 +21,8 @@ size_t remembered_length(char** array) {
     return reinterpret_cast<uintptr_t>(array[-1]);
 }
 
+char* to_native(char* dst, const char* utf8, size_t size, const char* fallbackMessage)
+    __attribute__((format(printf, 4, 0)));
 char* to_native(char* dst, const char* utf8, size_t size, const char* fallbackMessage) {
     if (process_stringConverterFromUTF8(dst, utf8, size) == nullptr) {
         copy_bounded(dst, utf8, size);
@@ -30,26 +31,9 @@ char* to_native(char* dst, const char* utf8, size_t size, const char* fallbackMe
     return dst;
 }
 
-char* duplicate_exact(const char* text) {
-    size_t length = strlen(text);
-    auto* copy = static_cast<char*>(malloc(length + 1));
-    if (copy == nullptr) return nullptr;
-    memcpy(copy, text, length);
-    copy[length] = 0;
-    return copy;
-}
-
 char* string_element(JNIEnv* env, jstring element) {
-    const char* utf8 = env->GetStringUTFChars(element, nullptr);
-    if (utf8 == nullptr) return nullptr;
-    size_t workSize = (strlen(utf8) + 1) * 3;
-    env->ReleaseStringUTFChars(element, utf8);
-    auto* work = static_cast<char*>(malloc(workSize));
-    if (work == nullptr) return nullptr;
-    process_GetNativeStringFromJString(env, work, element, workSize);
-    char* entry = duplicate_exact(work);
-    free(work);
-    return entry;
+    JavaUtf8 utf8(env, element);
+    return utf8.ok() ? native_from_utf8(utf8.c_str(), utf8.length()) : nullptr;
 }
 
 char* byte_array_element(JNIEnv* env, jbyteArray element) {
@@ -64,6 +48,7 @@ char* byte_array_element(JNIEnv* env, jbyteArray element) {
     env->ReleaseByteArrayElements(element, bytes, 0);
     return entry;
 }
+
 // A native string array with one entry per element; a null element or a failed one gives a null entry.
 template <typename Element>
 char** convert_elements(JNIEnv* env, jobjectArray array, char* (*convert)(JNIEnv*, Element)) {
@@ -71,24 +56,22 @@ char** convert_elements(JNIEnv* env, jobjectArray array, char* (*convert)(JNIEnv
     char** result = allocate_string_array(static_cast<size_t>(count));
     if (result == nullptr) return nullptr;
     for (jsize i = 0; i < count; ++i) {
-        auto element = static_cast<Element>(env->GetObjectArrayElement(array, i));
-        if (element != nullptr) result[i] = convert(env, element);
+        LocalRef<jobject> element(env, env->GetObjectArrayElement(array, i));
+        if (element.get() != nullptr) result[i] = convert(env, static_cast<Element>(element.get()));
     }
     return result;
 }
 } // namespace
 
 QUILLON_API char* process_GetNativeStringFromJString(JNIEnv* env, char* dst, jstring string, size_t size) {
-    const char* utf8 = env->GetStringUTFChars(string, nullptr);
-    if (utf8 == nullptr) {
+    JavaUtf8 utf8(env, string);
+    if (!utf8.ok()) {
         dst[0] = 0;
         return dst;
     }
-    to_native(
-        dst, utf8, size,
+    return to_native(
+        dst, utf8.c_str(), size,
         "Failed to convert Java String to native codepage.  Will attempt to just use UTF-8 form: [%s]\n");
-    env->ReleaseStringUTFChars(string, utf8);
-    return dst;
 }
 
 QUILLON_API char* process_GetNativeStringFromArray(JNIEnv* env, char* dst, jbyteArray bytes, size_t size) {

@@ -1,133 +1,187 @@
-// The new process, from fork to execvp: context, descriptor sweep, environment, exec; or the failure
-// record over the exec-outcome channel and _exit(-1).
+// The new process, from its creation to execve: signals, context, descriptor sweep, exec; or the failure
+// record over the exec-outcome channel and exit status 255. Until its exec it shares the launcher's
+// memory, so it only makes raw system calls over the request and writes nothing but its own stack.
 #include <cerrno>
+#include <climits>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
-#include "quillon/boundary.h"
-#include "quillon/launch.h"
-#include "quillon/runtime.h"
-
-extern char** environ;
+#include "launch/launch_internal.h"
+#include "launch/raw_syscall.h"
 
 namespace {
-constexpr const char* kLabel = "SetupChildContext()";
+constexpr const char* kDefaultSearchPath = "/bin:/usr/bin";
 
-int exec_failure_result(int err) {
-    switch (err) {
-    case ENOENT:
-    case EACCES:
-    case ENOEXEC:
-    case EPERM:
-        return PROC_INVALID_EXECUTABLE;
-    case ENFILE:
-    case EMFILE:
-        return PROC_OUT_OF_FILE_HANDLES;
-    case ENOMEM:
-        return PROC_OUT_OF_MEMORY;
-    default:
-        return PROC_SYSTEM_ERR;
-    }
+// The JVM's signal handlers must never run in the new process: every caught signal goes back to its
+// default (ignored ones stay ignored, as exec would leave them).
+void reset_signal_handlers() {
+    for (int signal = 1; signal < NSIG; ++signal)
+        if (signal != SIGKILL && signal != SIGSTOP) sys_set_disposition(signal, SIG_DFL, true);
 }
 
-// Closes [first, last]; the kernel's close_range when it has one, else one close per number.
-void close_span(int first, int last) {
-    if (first > last) return;
-    if (syscall(SYS_close_range, static_cast<unsigned>(first), static_cast<unsigned>(last), 0u) == 0) return;
-    for (int fd = first; fd <= last; ++fd)
-        close(fd);
-}
-
-void dump_launch(const char* executable, char** cmdLine) {
-    process_log("New process will be created from executable: [%s]\n", executable);
-    process_log("Arguments to the binary are:\n");
-    for (int i = 0; cmdLine[i] != nullptr; ++i)
-        process_log("Executable argument [%d]: [%s]\n", i, cmdLine[i]);
-    if (environ == nullptr) return;
-    process_log("Environment the process sees:\n");
-    for (int i = 0; environ[i] != nullptr && environ[i][0] != 0; ++i)
-        process_log("Environment entry [%d]: [%s]\n", i, environ[i]);
-}
-
-[[noreturn]] void report_failure(int writeEnd, int result, int sysErr) {
-    process_err("Unable to launch process.  An error occurred.  Return value: [%d] errno: [%d] [%s]\n",
-                result, sysErr, strerror(sysErr));
-    ssize_t ignored = write(writeEnd, &sysErr, sizeof sysErr);
-    ignored = write(writeEnd, &result, sizeof result);
-    (void)ignored;
-    _exit(-1);
-}
-} // namespace
-
-void CloseDescriptorsExcept(int keep) {
-    int limit = static_cast<int>(sysconf(_SC_OPEN_MAX));
-    if (keep < 3 || keep >= limit) {
-        close_span(3, limit - 1);
+// The limit from sysconf, worked out by the launcher, where the kernel has no close_range.
+void close_descriptors_except(int keep, int openMax) {
+    auto close_span = [openMax](unsigned first, unsigned last) {
+        if (first > last) return;
+        if (sys_close_range(first, last) == 0) return;
+        for (unsigned fd = first; fd <= last && fd < static_cast<unsigned>(openMax); ++fd)
+            sys_close(static_cast<int>(fd));
+    };
+    if (keep < 3) {
+        close_span(3, ~0u);
         return;
     }
-    close_span(3, keep - 1);
-    close_span(keep + 1, limit - 1);
+    close_span(3, static_cast<unsigned>(keep) - 1);
+    close_span(static_cast<unsigned>(keep) + 1, ~0u);
 }
 
-int SetupChildContext(const char* workingDirectory, int64_t priority, char** stdFiles, int64_t fileMask,
-                      const char* groupName, const char* userName, int processGroup, int* sysErr) {
-    errno = 0;
-    int current = nice(0);
-    process_log_entry(kLabel);
-    const int wanted = static_cast<int>(priority);
-    process_log("Trying to set process priority to computed value of: [%d]\n", wanted - (current + 20));
-    if (current == -1 && errno != 0) {
-        *sysErr = errno;
-        process_err("Error getting the current priority\n");
-        return PROC_INVALID_PRIORITY;
-    }
-    // A change the system refuses or limits leaves the process where it is; that is no failure.
-    if (nice(wanted - current - 20) == -1) errno = 0;
-    umask(static_cast<mode_t>(fileMask));
+void dump_launch(const LaunchRequest& request, const ChildContext& context) {
+    child_log(context, "New process will be created from executable: [%s]\n", request.executable);
+    child_log(context, "Arguments to the binary are:\n");
+    for (int i = 0; request.cmdLine[i] != nullptr; ++i)
+        child_log(context, "Executable argument [%d]: [%s]\n", i, request.cmdLine[i]);
+    child_log(context, "Environment the process sees:\n");
+    for (int i = 0; request.envp[i] != nullptr && request.envp[i][0] != 0; ++i)
+        child_log(context, "Environment entry [%d]: [%s]\n", i, request.envp[i]);
+}
 
-    int result = SetProcessPrivilegeIDs(userName, groupName, sysErr);
-    if (result != PROC_SUCCESS) return result;
-    if (workingDirectory != nullptr && chdir(workingDirectory) < 0) {
-        *sysErr = errno;
-        process_err("Unable to change current working directory to: [%s]\n", workingDirectory);
-        return PROC_INVALID_DIRECTORY;
+// execve, and a program without a format the kernel knows run by /bin/sh as a script.
+long exec_file(const LaunchRequest& request, const char* path) {
+    long result = sys_execve(path, request.cmdLine, request.envp);
+    if (result == -ENOEXEC) {
+        request.scriptArgv[1] = const_cast<char*>(path);
+        sys_execve(request.scriptArgv[0], request.scriptArgv, request.envp);
     }
-    process_log("Trying to set process group to: [%d]\n", processGroup);
-    if (setpgid(0, processGroup) == -1) {
-        *sysErr = errno;
-        process_err("Failed setting of process group to PGID: [%d]\n", processGroup);
-        return PROC_INVALID_PROCESS_GROUP;
-    }
-    result = SetupChildStdHandles(workingDirectory, stdFiles, sysErr);
-    process_log_exit(kLabel);
     return result;
 }
 
-void RunChild(const ChildRequest& request) {
+// The program by its name: the name itself when it holds a slash, else each directory of the new
+// environment's PATH in turn, as execvp searches. The errno when nothing could be run.
+int exec_program(const LaunchRequest& request) {
+    const char* file = request.executable;
+    if (*file == 0) return ENOENT;
+    if (strchr(file, '/') != nullptr) return static_cast<int>(-exec_file(request, file));
+    size_t fileLength = strlen(file);
+    if (fileLength > NAME_MAX) return ENAMETOOLONG;
+    const char* path = request.searchPath != nullptr ? request.searchPath : kDefaultSearchPath;
+    char buffer[PATH_MAX + NAME_MAX + 2];
+    bool deniedSomewhere = false;
+    long result = -ENOENT;
+    for (const char* dir = path;; ++dir) {
+        const char* end = strchrnul(dir, ':');
+        size_t dirLength = static_cast<size_t>(end - dir);
+        if (dirLength < PATH_MAX) {
+            memcpy(buffer, dir, dirLength);
+            buffer[dirLength] = '/';
+            memcpy(buffer + dirLength + (dirLength > 0 ? 1 : 0), file, fileLength + 1); // empty: the current one
+            result = exec_file(request, buffer);
+            switch (-result) {
+            case EACCES:
+                deniedSomewhere = true;
+                break;
+            case ENOENT:
+            case ESTALE:
+            case ENOTDIR:
+            case ENODEV:
+            case ETIMEDOUT:
+                break;
+            default: // found, and it failed for another reason
+                return static_cast<int>(-result);
+            }
+        }
+        if (*end == 0) break;
+        dir = end;
+    }
+    return deniedSomewhere ? EACCES : static_cast<int>(-result);
+}
+
+[[noreturn]] void report_failure(const LaunchRequest& request, const ChildContext& context, int result,
+                                 int sysErr) {
+    char text[64];
+    child_err(context, "Unable to launch process.  An error occurred.  Return value: [%d] errno: [%d] [%s]\n",
+              result, sysErr, error_text(sysErr, text));
+    sys_write(request.writeEnd, &sysErr, sizeof sysErr);
+    sys_write(request.writeEnd, &result, sizeof result);
+    sys_exit(255);
+}
+} // namespace
+
+const char* error_text(int err, char (&buffer)[64]) {
+    const char* text = strerrordesc_np(err);
+    if (text != nullptr) return text;
+    snprintf(buffer, sizeof buffer, "Unknown error %d", err);
+    return buffer;
+}
+
+int SetupChildContext(const LaunchRequest& request, const ChildContext& context, int* sysErr) {
+    long reading = sys_getpriority();
+    long current = 20 - reading;
+    ChildTraceScope trace(context, "SetupChildContext()");
+    child_log(context, "Trying to set process priority to computed value of: [%d]\n",
+              static_cast<int>(request.priority - (current + 20)));
+    if (reading < 0) {
+        trace.skip_exit();
+        *sysErr = static_cast<int>(-reading);
+        child_err(context, "Error getting the current priority\n");
+        return PROC_INVALID_PRIORITY;
+    }
+    // A change the system refuses or limits leaves the process where it is; that is no failure.
+    sys_setpriority(static_cast<int>(request.priority - 20));
+    sys_umask(static_cast<mode_t>(request.fileMask));
+
+    int result = set_privilege_ids(context, request.privilege, sysErr);
+    if (result != PROC_SUCCESS) {
+        trace.skip_exit();
+        return result;
+    }
+    if (request.workingDirectory != nullptr) {
+        long changed = sys_chdir(request.workingDirectory);
+        if (changed < 0) {
+            trace.skip_exit();
+            *sysErr = static_cast<int>(-changed);
+            child_err(context, "Unable to change current working directory to: [%s]\n", request.workingDirectory);
+            return PROC_INVALID_DIRECTORY;
+        }
+    }
+    if (!request.keepProcessGroup) {
+        child_log(context, "Trying to set process group to: [%d]\n", request.processGroup);
+        long joined = sys_setpgid(0, request.processGroup);
+        if (joined < 0) {
+            trace.skip_exit();
+            *sysErr = static_cast<int>(-joined);
+            child_err(context, "Failed setting of process group to PGID: [%d]\n", request.processGroup);
+            return PROC_INVALID_PROCESS_GROUP;
+        }
+    }
+    return SetupChildStdHandles(request, context, sysErr);
+}
+
+void run_new_process(const LaunchRequest& request, bool attached) {
+    ChildContext context = request.context; // a copy of its own: the trace settings change below
+    reset_signal_handlers();
+    int pid = static_cast<int>(sys_getpid());
+    child_log(context, "Process ID being reset for Linux after FORK.  Pid is: %d\n", pid);
+    context.tracePid = pid;
+    context.debug = context.debugAfterReset;
+    context.entryExit = context.entryExitAfterReset;
+    sys_set_disposition(SIGTTOU, SIG_IGN, false);
+    sys_set_disposition(SIGTTIN, SIG_IGN, false);
+    sys_set_signal_mask(&request.signalMask);
+
     int sysErr = 0;
-    linux_reset_pid();
-    process_log("Process ID being reset for Linux after FORK.  Pid is: %d\n", linux_getpid());
-    process_log_init_dbg();
-    signal(SIGTTOU, SIG_IGN);
-    signal(SIGTTIN, SIG_IGN);
+    int result = SetupChildContext(request, context, &sysErr);
+    if (result != PROC_SUCCESS) report_failure(request, context, result, sysErr);
+    if (attached)
+        child_log(context, "Past SetupChildContext.  Return value was: [%d] and sysErr was: [%d]\n", result,
+                  sysErr);
+    sys_fcntl(request.writeEnd, F_SETFD, FD_CLOEXEC);
+    close_descriptors_except(request.writeEnd, request.openMax);
+    if (context.debug) dump_launch(request, context);
 
-    int result =
-        SetupChildContext(request.workingDirectory, request.priority, request.stdFiles, request.fileMask,
-                          request.groupName, request.userName, request.processGroup, &sysErr);
-    if (result != PROC_SUCCESS) report_failure(request.writeEnd, result, sysErr);
-    if (request.attached)
-        process_log("Past SetupChildContext.  Return value was: [%d] and sysErr was: [%d]\n", result, sysErr);
-
-    fcntl(request.writeEnd, F_SETFD, FD_CLOEXEC);
-    CloseDescriptorsExcept(request.writeEnd);
-    if (request.environment != nullptr) MergeEnvironment(request.environment);
-    if (process_log_is_dbg_enabled()) dump_launch(request.executable, request.cmdLine);
-
-    execvp(request.executable, request.cmdLine);
-    sysErr = errno;
-    report_failure(request.writeEnd, exec_failure_result(sysErr), sysErr);
+    sysErr = exec_program(request);
+    report_failure(request, context,
+                   result_for_errno(sysErr, {ENOENT, EACCES, ENOEXEC, EPERM}, PROC_INVALID_EXECUTABLE), sysErr);
 }

@@ -1,11 +1,11 @@
-// Keys of key=value entries, and the merge that puts a request's path-like value in front of the
-// inherited one.
+// Keys of key=value entries, the merge that puts a request's path-like value in front of the inherited
+// one, and the environment of a new process, built in the launching thread.
 #include <cstdlib>
 #include <cstring>
 #include <strings.h>
 
+#include "launch/launch_internal.h"
 #include "quillon/launch.h"
-#include "quillon/runtime.h"
 
 extern char** environ;
 
@@ -27,43 +27,30 @@ bool is_additive(const char* entry) {
     return false;
 }
 
-size_t key_length(const char* entry) {
-    return strcspn(entry, "=");
+size_t count_entries(char* const* list) {
+    size_t count = 0;
+    while (list != nullptr && list[count] != nullptr)
+        ++count;
+    return count;
 }
 
-// putenv without the environment lock, which another thread may have held at the fork: the child
-// owns a private copy of the vector, with room for every entry of the request.
-class ChildEnvironment {
+// An environment vector changed the way putenv changes environ: an entry replaces the one with the same
+// key (compared with case) or joins the end; an entry without '=' removes its key.
+class EnvironmentVector {
   public:
-    explicit ChildEnvironment(size_t additions) {
-        size_t count = 0;
-        while (environ != nullptr && environ[count] != nullptr)
-            ++count;
-        vector_ = static_cast<char**>(malloc((count + additions + 1) * sizeof(char*)));
-        if (vector_ == nullptr) return;
-        for (size_t i = 0; i < count; ++i)
-            vector_[i] = environ[i];
-        vector_[count] = nullptr;
-        length_ = count;
-        environ = vector_;
-    }
+    EnvironmentVector(char** vector, size_t length) : vector_(vector), length_(length) {}
 
     void put(char* entry) {
-        if (vector_ == nullptr) {
-            putenv(entry);
-            return;
-        }
-        size_t keyLength = key_length(entry);
+        size_t keyLength = strcspn(entry, "=");
         for (size_t i = 0; i < length_; ++i) {
-            if (strncmp(vector_[i], entry, keyLength) == 0 && vector_[i][keyLength] == '=') {
-                if (entry[keyLength] == '=') {
-                    vector_[i] = entry;
-                } else { // an entry without '=' removes the variable, as putenv does
-                    vector_[i] = vector_[--length_];
-                    vector_[length_] = nullptr;
-                }
-                return;
+            if (strncmp(vector_[i], entry, keyLength) != 0 || vector_[i][keyLength] != '=') continue;
+            if (entry[keyLength] == '=') {
+                vector_[i] = entry;
+            } else {
+                memmove(vector_ + i, vector_ + i + 1, (length_ - i) * sizeof(char*));
+                --length_;
             }
+            return;
         }
         if (entry[keyLength] != '=') return;
         vector_[length_++] = entry;
@@ -71,13 +58,19 @@ class ChildEnvironment {
     }
 
   private:
-    char** vector_ = nullptr;
-    size_t length_ = 0;
+    char** vector_;
+    size_t length_;
 };
+
+const char* search_path(char* const* envp) {
+    for (char* const* entry = envp; *entry != nullptr; ++entry)
+        if (strncmp(*entry, "PATH=", 5) == 0) return *entry + 5;
+    return nullptr;
+}
 } // namespace
 
 QUILLON_API void GetKey(const char* entry, char* key, uint64_t size) {
-    process_log_entry("GetKey");
+    TraceScope trace("GetKey");
     if (entry == nullptr) {
         process_log("Buffer array passed into GetKey was null.\n");
     } else if (size == 1) {
@@ -92,23 +85,16 @@ QUILLON_API void GetKey(const char* entry, char* key, uint64_t size) {
                     static_cast<int>(length));
         process_log("Key obtained was: [%s]\n", key);
     }
-    process_log_exit("GetKey");
 }
 
 QUILLON_API int TestKeys(const char* first, const char* second) {
-    process_log_entry("TestKeys");
-    int result;
-    if (first == nullptr || second == nullptr) {
-        result = first == nullptr ? (second == nullptr ? 0 : 1) : -1;
-    } else {
-        char firstKey[kTestKeySize];
-        char secondKey[kTestKeySize];
-        GetKey(first, firstKey, sizeof firstKey);
-        GetKey(second, secondKey, sizeof secondKey);
-        result = strcasecmp(firstKey, secondKey);
-    }
-    process_log_exit("TestKeys");
-    return result;
+    TraceScope trace("TestKeys");
+    if (first == nullptr || second == nullptr) return first == nullptr ? (second == nullptr ? 0 : 1) : -1;
+    char firstKey[kTestKeySize];
+    char secondKey[kTestKeySize];
+    GetKey(first, firstKey, sizeof firstKey);
+    GetKey(second, secondKey, sizeof secondKey);
+    return strcasecmp(firstKey, secondKey);
 }
 
 QUILLON_API int GenerateAdditiveString(const char* key, char** first, char** second, char** third,
@@ -141,20 +127,30 @@ QUILLON_API int GenerateAdditiveString(const char* key, char** first, char** sec
     return 1;
 }
 
-void MergeEnvironment(char** environment) {
-    size_t additions = 0;
-    while (environment[additions] != nullptr)
-        ++additions;
-    ChildEnvironment target(additions);
-    for (char** entry = environment; *entry != nullptr; ++entry) {
-        if (!is_additive(*entry)) {
-            target.put(*entry);
+bool build_environment(LaunchRequest* request) {
+    size_t additions = count_entries(request->environment);
+    char** inherited = request->replaceEnvironment ? nullptr : environ;
+    size_t length = count_entries(inherited);
+    char** envp = request->arena.allocate_array<char*>(length + additions + 1);
+    if (envp == nullptr) return false;
+    for (size_t i = 0; i < length; ++i)
+        envp[i] = inherited[i];
+    envp[length] = nullptr;
+    EnvironmentVector vector(envp, length);
+    for (size_t i = 0; i < additions; ++i) {
+        char* entry = request->environment[i];
+        if (request->replaceEnvironment || !is_additive(entry)) {
+            vector.put(entry);
             continue;
         }
         char key[kMergeKeySize];
         char* merged = nullptr;
-        GetKey(*entry, key, sizeof key);
-        if (GenerateAdditiveString(key, environment, environ, nullptr, &merged) == 0) continue;
-        target.put(merged != nullptr ? merged : *entry);
+        GetKey(entry, key, sizeof key);
+        if (GenerateAdditiveString(key, request->environment, envp, nullptr, &merged) == 0) return false;
+        if (merged != nullptr && !request->arena.adopt(merged)) return false;
+        vector.put(merged != nullptr ? merged : entry);
     }
+    request->envp = envp;
+    request->searchPath = search_path(envp);
+    return true;
 }

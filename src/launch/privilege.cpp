@@ -1,213 +1,208 @@
-// Group, supplementary groups and user of the new process. Group goes before user.
+// Group, supplementary groups and user of the new process. The registry is read in the launching thread
+// (a new process must not enter it: another thread may have held its locks); the new process makes the
+// changes, group before user, and reports in the order the steps come.
 #include <cerrno>
 #include <cstdlib>
 #include <grp.h>
 #include <pwd.h>
 #include <unistd.h>
 
-#include "quillon/boundary.h"
+#include "launch/launch_internal.h"
+#include "launch/raw_syscall.h"
 #include "quillon/launch.h"
-#include "quillon/runtime.h"
 
 namespace {
-constexpr const char* kLabel = "SetupChildPrivilegeIDs()";
-const RegistryAnswers* __registryAnswers = nullptr;
-
-struct GroupLookup {
-    bool found;
-    gid_t gid;
-};
-struct UserLookup {
-    bool found;
-    int err;
-    uid_t uid;
-    gid_t gid;
-};
-
-GroupLookup lookup_group(const char* groupName) {
-    if (__registryAnswers != nullptr) return {__registryAnswers->groupFound, __registryAnswers->groupGid};
-    const group* entry = getgrnam(groupName);
-    return entry == nullptr ? GroupLookup{false, 0} : GroupLookup{true, entry->gr_gid};
-}
-
-UserLookup lookup_user(const char* userName) {
-    if (__registryAnswers != nullptr)
-        return {__registryAnswers->userFound, __registryAnswers->userErrno, __registryAnswers->userUid,
-                __registryAnswers->userGid};
-    const passwd* entry = getpwnam(userName);
-    if (entry == nullptr) return {false, errno, 0, 0};
-    return {true, 0, entry->pw_uid, entry->pw_gid};
-}
-
-int load_supplementary(const char* userName, gid_t gid) {
-    if (__registryAnswers == nullptr || __registryAnswers->supplementaryCount < 0)
-        return initgroups(userName, gid);
-    if (__registryAnswers->supplementaryErrno != 0) {
-        errno = __registryAnswers->supplementaryErrno;
-        return -1;
-    }
-    return setgroups(static_cast<size_t>(__registryAnswers->supplementaryCount),
-                     __registryAnswers->supplementary);
-}
-
-bool force_group_disabled() {
-    return getenv("__JNI_PROCESS_DISABLE_FORCEGROUP") != nullptr;
-}
-bool initgroups_wanted() {
-    return getenv("__JNI_PROCESS_INITGROUPS") != nullptr;
-}
-
-// Reentrant lookups for the launching process, with a buffer that grows while the entry doesn't fit.
+// A reentrant registry lookup with a buffer that grows while the entry doesn't fit. ENOMEM when memory
+// ran out; else the entry or null, with the lookup's error.
 template <typename Entry, typename Lookup>
-Entry* lookup_reentrant(Lookup lookup, const char* name, Entry* entry, char** buffer, int* err) {
-    size_t size = 16384;
-    for (;;) {
-        *buffer = static_cast<char*>(malloc(size));
+Entry* lookup(Lookup call, const char* name, Entry* entry, MallocPtr<char>* buffer, int* err) {
+    for (size_t size = 16384;; size *= 2) {
+        buffer->reset(static_cast<char*>(malloc(size)));
         if (*buffer == nullptr) {
             *err = ENOMEM;
             return nullptr;
         }
         Entry* result = nullptr;
         errno = 0;
-        int failure = lookup(name, entry, *buffer, size, &result);
+        int failure = call(name, entry, buffer->get(), size, &result);
         if (failure != ERANGE) {
             *err = failure != 0 ? failure : errno;
             return result;
         }
-        free(*buffer);
-        size *= 2;
     }
+}
+
+// The list initgroups would load for the user and the group id. False when memory ran out.
+bool resolve_supplementary(PrivilegePlan* plan, gid_t base, Arena& arena) {
+    int count = static_cast<int>(sysconf(_SC_NGROUPS_MAX)) + 1;
+    plan->supplementary = arena.allocate_array<gid_t>(static_cast<size_t>(count));
+    if (plan->supplementary == nullptr) return false;
+    if (getgrouplist(plan->userName, base, plan->supplementary, &count) == -1) plan->supplementaryErrno = EINVAL;
+    plan->supplementaryCount = static_cast<size_t>(count);
+    return true;
+}
+
+// A change of credentials: in the new process for itself, in the host for every thread. 0 or -errno.
+long change_groups(const ChildContext& context, size_t count, const gid_t* groups) {
+    if (!context.inHost) return sys_setgroups(count, groups);
+    return setgroups(count, groups) == 0 ? 0 : -errno;
+}
+long change_gid(const ChildContext& context, gid_t gid) {
+    if (!context.inHost) return sys_setgid(gid);
+    return setgid(gid) == 0 ? 0 : -errno;
+}
+long change_uid(const ChildContext& context, uid_t uid) {
+    if (!context.inHost) return sys_setuid(uid);
+    return setuid(uid) == 0 ? 0 : -errno;
+}
+
+int clear_secondary_groups(const ChildContext& context, int* sysErr) {
+    ChildTraceScope trace(context, "ClearSecondaryGroups()");
+    child_log(context, "Trying to clear supplamental groups.\n");
+    long result = change_groups(context, 0, nullptr);
+    if (result != 0) {
+        trace.skip_exit();
+        *sysErr = static_cast<int>(-result);
+        child_err(context, "Failed to clear supplamental groups. err=[%d]\n", *sysErr);
+        return PROC_INVALID_GROUP;
+    }
+    return PROC_SUCCESS;
+}
+
+int init_secondary_groups(const ChildContext& context, const PrivilegePlan& plan, gid_t gid, int* sysErr) {
+    ChildTraceScope trace(context, "InitSecondaryGroups()");
+    if (!plan.loadSupplementary) return PROC_SUCCESS;
+    child_log(context, "Setting supplimentary groups for user: [%s] gid: [%d]\n", plan.userName,
+              static_cast<int>(gid));
+    long result = plan.supplementaryErrno != 0 ? -plan.supplementaryErrno
+                                               : change_groups(context, plan.supplementaryCount, plan.supplementary);
+    if (result != 0) {
+        trace.skip_exit();
+        *sysErr = static_cast<int>(-result);
+        child_err(context, "Failed to set supplimentary groups. err=[%d]\n", *sysErr);
+        return PROC_INVALID_GROUP;
+    }
+    return PROC_SUCCESS;
+}
+
+int user_not_found(const ChildContext& context, const PrivilegePlan& plan, int* sysErr) {
+    *sysErr = plan.userErrno;
+    child_err(context, "Failed user lookup of userid: [%s]\n", plan.userName);
+    return PROC_INVALID_USERNAME;
 }
 } // namespace
 
-QUILLON_API int ClearSecondaryGroups(int* sysErr) {
-    process_log_entry("ClearSecondaryGroups()");
-    process_log("Trying to clear supplamental groups.\n");
-    if (setgroups(0, nullptr) != 0) {
-        *sysErr = errno;
-        process_err("Failed to clear supplamental groups. err=[%d]\n", *sysErr);
-        return PROC_INVALID_GROUP;
-    }
-    process_log_exit("ClearSecondaryGroups()");
-    return PROC_SUCCESS;
-}
-
-QUILLON_API int InitSecondaryGroups(const char* userName, int gid, int* sysErr) {
-    process_log_entry("InitSecondaryGroups()");
-    if (initgroups_wanted()) {
-        process_log("Setting supplimentary groups for user: [%s] gid: [%d]\n", userName, gid);
-        if (load_supplementary(userName, static_cast<gid_t>(gid)) != 0) {
-            *sysErr = errno;
-            process_err("Failed to set supplimentary groups. err=[%d]\n", *sysErr);
-            return PROC_INVALID_GROUP;
-        }
-    }
-    process_log_exit("InitSecondaryGroups()");
-    return PROC_SUCCESS;
-}
-
-QUILLON_API int SetProcessPrivilegeIDs(const char* userName, const char* groupName, int* sysErr) {
-    process_log_entry(kLabel);
-    process_log("Process uid=[%d] euid=[%d] gid=[%d] egid=[%d]\n", getuid(), geteuid(), getgid(), getegid());
-    const uid_t euid = geteuid();
-    const bool root = euid == 0;
-    if (!root) process_log("Attempting to set privilege IDs when not root. euid=[%d]\n", euid);
-
-    int result;
-    if (groupName != nullptr) {
-        if (root && (result = ClearSecondaryGroups(sysErr)) != PROC_SUCCESS) return result;
-        process_log("Determining GID for group: [%s]\n", groupName);
-        GroupLookup group = lookup_group(groupName);
-        if (!group.found) {
-            *sysErr = 0;
-            process_err("Failed to look up group: [%s]\n", groupName);
-            return PROC_INVALID_GROUP;
-        }
-        if (root && userName != nullptr &&
-            (result = InitSecondaryGroups(userName, static_cast<int>(group.gid), sysErr)) != PROC_SUCCESS)
-            return result;
-        process_log("Configuring process GID to [%d]\n", group.gid);
-        if (setgid(group.gid) != 0) {
-            *sysErr = errno;
-            process_err("Failed to set the group to GID: [%d] errno=[%d]\n", group.gid, *sysErr);
-            return PROC_INVALID_GROUP;
-        }
-    } else if (userName != nullptr && !force_group_disabled()) {
-        if (root && (result = ClearSecondaryGroups(sysErr)) != PROC_SUCCESS) return result;
-        process_log("Determining primary GID for user: [%s]\n", userName);
-        UserLookup user = lookup_user(userName);
-        if (!user.found) {
-            *sysErr = user.err;
-            process_err("Failed user lookup of userid: [%s]\n", userName);
-            return PROC_INVALID_USERNAME;
-        }
-        if (root &&
-            (result = InitSecondaryGroups(userName, static_cast<int>(user.gid), sysErr)) != PROC_SUCCESS)
-            return result;
-        process_log("Configuring process GID to [%d], the primary group GID of user: [%s]\n", user.gid,
-                    userName);
-        if (setgid(user.gid) == -1) {
-            *sysErr = errno;
-            process_err("Failed to set the group to GID: [%d]\n", user.gid);
-            return PROC_INVALID_GROUP;
-        }
-    }
-    if (userName != nullptr) {
-        process_log("Trying to set user to: [%s]\n", userName);
-        UserLookup user = lookup_user(userName);
-        if (!user.found) {
-            *sysErr = user.err;
-            process_err("Failed user lookup of userid: [%s]\n", userName);
-            return PROC_INVALID_USERNAME;
-        }
-        if (setuid(user.uid) != 0) {
-            *sysErr = errno;
-            process_err("Failed to set the process user association to UID: [%d]\n", user.uid);
-            return PROC_INVALID_USERNAME;
-        }
-    }
-    process_log_exit(kLabel);
-    return PROC_SUCCESS;
-}
-
-void PrepareRegistryAnswers(RegistryAnswers* answers, const char* userName, const char* groupName) {
-    *answers = RegistryAnswers{};
-    answers->supplementaryCount = -1;
-    char* buffer = nullptr;
+bool resolve_privilege(PrivilegePlan* plan, const char* userName, const char* groupName, Arena& arena) {
+    plan->userName = userName;
+    plan->groupName = groupName;
+    plan->forceGroupDisabled = getenv("__JNI_PROCESS_DISABLE_FORCEGROUP") != nullptr;
+    plan->loadSupplementary = getenv("__JNI_PROCESS_INITGROUPS") != nullptr;
+    MallocPtr<char> buffer;
     int err = 0;
     if (groupName != nullptr) {
         group entry;
-        answers->groupFound = lookup_reentrant(getgrnam_r, groupName, &entry, &buffer, &err) != nullptr;
-        if (answers->groupFound) answers->groupGid = entry.gr_gid;
-        free(buffer);
+        plan->groupFound = lookup(getgrnam_r, groupName, &entry, &buffer, &err) != nullptr;
+        if (err == ENOMEM) return false;
+        if (plan->groupFound) plan->groupGid = entry.gr_gid;
     }
-    if (userName == nullptr) return;
+    if (userName == nullptr) return true;
     passwd entry;
-    answers->userFound = lookup_reentrant(getpwnam_r, userName, &entry, &buffer, &err) != nullptr;
-    answers->userErrno = answers->userFound ? 0 : err;
-    if (answers->userFound) {
-        answers->userUid = entry.pw_uid;
-        answers->userGid = entry.pw_gid;
+    plan->userFound = lookup(getpwnam_r, userName, &entry, &buffer, &err) != nullptr;
+    if (err == ENOMEM) return false;
+    plan->userErrno = plan->userFound ? 0 : err;
+    if (plan->userFound) {
+        plan->userUid = entry.pw_uid;
+        plan->userGid = entry.pw_gid;
     }
-    free(buffer);
-    if (!initgroups_wanted() || (groupName != nullptr && !answers->groupFound) ||
-        (groupName == nullptr && !answers->userFound))
-        return;
-    // The list initgroups would load, for the group the group stage will hand it.
-    gid_t base = groupName != nullptr ? answers->groupGid : answers->userGid;
-    int count = static_cast<int>(sysconf(_SC_NGROUPS_MAX)) + 1;
-    answers->supplementary = static_cast<gid_t*>(malloc(static_cast<size_t>(count) * sizeof(gid_t)));
-    if (answers->supplementary == nullptr) return;
-    if (getgrouplist(userName, base, answers->supplementary, &count) == -1)
-        answers->supplementaryErrno = EINVAL;
-    answers->supplementaryCount = count;
+    // The list for the group the group stage will hand to InitSecondaryGroups.
+    bool groupStage = groupName != nullptr ? plan->groupFound : plan->userFound && !plan->forceGroupDisabled;
+    if (!plan->loadSupplementary || !groupStage) return true;
+    return resolve_supplementary(plan, groupName != nullptr ? plan->groupGid : plan->userGid, arena);
 }
 
-void ReleaseRegistryAnswers(RegistryAnswers* answers) {
-    free(answers->supplementary);
-    answers->supplementary = nullptr;
+int set_privilege_ids(const ChildContext& context, const PrivilegePlan& plan, int* sysErr) {
+    ChildTraceScope trace(context, "SetupChildPrivilegeIDs()");
+    child_log(context, "Process uid=[%d] euid=[%d] gid=[%d] egid=[%d]\n", static_cast<int>(sys_getuid()),
+              static_cast<int>(sys_geteuid()), static_cast<int>(sys_getgid()), static_cast<int>(sys_getegid()));
+    const long euid = sys_geteuid();
+    const bool root = euid == 0;
+    if (!root) child_log(context, "Attempting to set privilege IDs when not root. euid=[%d]\n", static_cast<int>(euid));
+
+    int result = PROC_SUCCESS;
+    auto failed = [&](int outcome) {
+        trace.skip_exit();
+        return outcome;
+    };
+    if (plan.groupName != nullptr) {
+        if (root && (result = clear_secondary_groups(context, sysErr)) != PROC_SUCCESS) return failed(result);
+        child_log(context, "Determining GID for group: [%s]\n", plan.groupName);
+        if (!plan.groupFound) {
+            *sysErr = 0;
+            child_err(context, "Failed to look up group: [%s]\n", plan.groupName);
+            return failed(PROC_INVALID_GROUP);
+        }
+        if (root && plan.userName != nullptr &&
+            (result = init_secondary_groups(context, plan, plan.groupGid, sysErr)) != PROC_SUCCESS)
+            return failed(result);
+        child_log(context, "Configuring process GID to [%d]\n", static_cast<int>(plan.groupGid));
+        long changed = change_gid(context, plan.groupGid);
+        if (changed != 0) {
+            *sysErr = static_cast<int>(-changed);
+            child_err(context, "Failed to set the group to GID: [%d] errno=[%d]\n", static_cast<int>(plan.groupGid),
+                      *sysErr);
+            return failed(PROC_INVALID_GROUP);
+        }
+    } else if (plan.userName != nullptr && !plan.forceGroupDisabled) {
+        if (root && (result = clear_secondary_groups(context, sysErr)) != PROC_SUCCESS) return failed(result);
+        child_log(context, "Determining primary GID for user: [%s]\n", plan.userName);
+        if (!plan.userFound) return failed(user_not_found(context, plan, sysErr));
+        if (root && (result = init_secondary_groups(context, plan, plan.userGid, sysErr)) != PROC_SUCCESS)
+            return failed(result);
+        child_log(context, "Configuring process GID to [%d], the primary group GID of user: [%s]\n",
+                  static_cast<int>(plan.userGid), plan.userName);
+        long changed = change_gid(context, plan.userGid);
+        if (changed != 0) {
+            *sysErr = static_cast<int>(-changed);
+            child_err(context, "Failed to set the group to GID: [%d]\n", static_cast<int>(plan.userGid));
+            return failed(PROC_INVALID_GROUP);
+        }
+    }
+    if (plan.userName != nullptr) {
+        child_log(context, "Trying to set user to: [%s]\n", plan.userName);
+        if (!plan.userFound) return failed(user_not_found(context, plan, sysErr));
+        long changed = change_uid(context, plan.userUid);
+        if (changed != 0) {
+            *sysErr = static_cast<int>(-changed);
+            child_err(context, "Failed to set the process user association to UID: [%d]\n",
+                      static_cast<int>(plan.userUid));
+            return failed(PROC_INVALID_USERNAME);
+        }
+    }
+    return PROC_SUCCESS;
 }
 
-void UseRegistryAnswers(const RegistryAnswers* answers) {
-    __registryAnswers = answers;
+QUILLON_API int ClearSecondaryGroups(int* sysErr) {
+    return clear_secondary_groups(host_context(), sysErr);
+}
+
+QUILLON_API int InitSecondaryGroups(const char* userName, int gid, int* sysErr) {
+    PrivilegePlan plan;
+    Arena arena;
+    plan.userName = userName;
+    plan.loadSupplementary = getenv("__JNI_PROCESS_INITGROUPS") != nullptr;
+    if (plan.loadSupplementary && !resolve_supplementary(&plan, static_cast<gid_t>(gid), arena)) {
+        *sysErr = ENOMEM;
+        return PROC_OUT_OF_MEMORY;
+    }
+    return init_secondary_groups(host_context(), plan, static_cast<gid_t>(gid), sysErr);
+}
+
+QUILLON_API int SetProcessPrivilegeIDs(const char* userName, const char* groupName, int* sysErr) {
+    PrivilegePlan plan;
+    Arena arena;
+    if (!resolve_privilege(&plan, userName, groupName, arena)) {
+        *sysErr = ENOMEM;
+        return PROC_OUT_OF_MEMORY;
+    }
+    return set_privilege_ids(host_context(), plan, sysErr);
 }

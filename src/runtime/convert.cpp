@@ -4,6 +4,7 @@
 #include <langinfo.h>
 
 #include "quillon/runtime.h"
+#include "runtime/support.h"
 
 namespace {
 const char* native_codeset() {
@@ -30,11 +31,6 @@ int iconv_valid(iconv_t cd) {
     return cd == reinterpret_cast<iconv_t>(-1) ? 0 : 1;
 }
 } // namespace
-
-void copy_bounded(char* dst, const char* src, size_t size) {
-    strncpy(dst, src, size);
-    dst[size - 1] = 0;
-}
 
 QUILLON_API char* process_stringConverterToUTF8(char* dst, const char* src, size_t size) {
     const char* codeset = native_codeset();

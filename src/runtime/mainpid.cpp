@@ -7,12 +7,12 @@
 #include <unistd.h>
 
 #include "quillon/runtime.h"
-#include "runtime_internal.h"
+#include "runtime/runtime_internal.h"
 
-pthread_mutex_t __linux_pid_determine_mutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t main_pid_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 namespace {
-int __linux_QUILLON_mainpid = 0;
+int cached_main_pid = 0;
 
 // The value behind the tab of a "PPid:" line, if it is all digits. A line without a tab gives nothing.
 bool parse_ppid_value(const char* line, int* out) {
@@ -30,12 +30,12 @@ bool parse_ppid_value(const char* line, int* out) {
 // streams need nothing here: the C library gives the child of a multi-threaded process fresh stream
 // locks.)
 void fork_prepare() {
-    pthread_mutex_lock(&__proc_dbg_mutex);
-    pthread_mutex_lock(&__linux_pid_determine_mutex);
+    pthread_mutex_lock(&trace_switch_mutex);
+    pthread_mutex_lock(&main_pid_mutex);
 }
 void fork_release() {
-    pthread_mutex_unlock(&__linux_pid_determine_mutex);
-    pthread_mutex_unlock(&__proc_dbg_mutex);
+    pthread_mutex_unlock(&main_pid_mutex);
+    pthread_mutex_unlock(&trace_switch_mutex);
 }
 __attribute__((constructor)) void install_fork_handlers() {
     pthread_atfork(fork_prepare, fork_release, fork_release);
@@ -70,8 +70,8 @@ QUILLON_API void* linux_determine_mainpid(void* arg) {
 }
 
 QUILLON_API int linux_getpid(void) {
-    pthread_mutex_lock(&__linux_pid_determine_mutex);
-    int result = __linux_QUILLON_mainpid;
+    pthread_mutex_lock(&main_pid_mutex);
+    int result = cached_main_pid;
     if (result != 0) {
         process_log("DBG:  linux_getpid(): We already have PID in static storage.  Value is: %d\n", result);
     } else {
@@ -81,17 +81,17 @@ QUILLON_API int linux_getpid(void) {
         pthread_t probe;
         if (pthread_create(&probe, nullptr, linux_determine_mainpid, &pid) == 0) {
             pthread_join(probe, nullptr);
-            __linux_QUILLON_mainpid = pid;
+            cached_main_pid = pid;
         }
         process_log("DBG:  linux_getpid(): Determined main pid to be: %d\n", pid);
         result = pid;
     }
-    pthread_mutex_unlock(&__linux_pid_determine_mutex);
+    pthread_mutex_unlock(&main_pid_mutex);
     return result;
 }
 
 QUILLON_API void linux_reset_pid(void) {
-    pthread_mutex_lock(&__linux_pid_determine_mutex);
-    __linux_QUILLON_mainpid = getpid();
-    pthread_mutex_unlock(&__linux_pid_determine_mutex);
+    pthread_mutex_lock(&main_pid_mutex);
+    cached_main_pid = getpid();
+    pthread_mutex_unlock(&main_pid_mutex);
 }

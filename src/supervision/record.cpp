@@ -1,153 +1,110 @@
-// The record behind a handle, the liveness probe and adoption.
-#include <cerrno>
-#include <csignal>
-#include <cstdlib>
+// Records behind handles. A handle is a number that names one record for the life of the process: the
+// registry tells live handles from 0, from released ones and from any other number, and a record stays
+// until no call uses it, so `done` on one thread never pulls a record from under another.
 #include <cstring>
-#include <sys/wait.h>
 
-#include "quillon/boundary.h"
-#include "quillon/runtime.h"
-#include "quillon/supervision.h"
+#include "runtime/support.h"
+#include "supervision/id_table.h"
+#include "supervision/supervision_internal.h"
+#include "supervision/watcher.h"
 
 namespace {
-constexpr int32_t kHeldStatusTag = 0x10000;
+struct ManagedRecord {
+    UnixProcessData data; // first: the record's address is the block's
+    unsigned refs;        // calls using it, under registry_lock
+    bool retired;         // its handle was given to done
+};
 
-// How a collected status word changes the record; the caller holds stateMutex.
-void store_collected_status(UnixProcessData* data, int status) {
-    store_field(data->isAlive, StoreExitCode(data, status) ? 0 : 1);
+pthread_mutex_t registry_lock = PTHREAD_MUTEX_INITIALIZER;
+IdTable live_records;
+uint64_t handles_given = 0;
+
+ManagedRecord* managed(UnixProcessData* data) {
+    return reinterpret_cast<ManagedRecord*>(data);
 }
 
-void apply_held_status(UnixProcessData* data) {
-    int32_t held = std::atomic_ref<int32_t>(data->heldStatus).exchange(0);
-    if (held != 0) store_collected_status(data, held & ~kHeldStatusTag);
+// A bijection of the counter, so that handles are unique, never small numbers a caller might pass by
+// mistake, and never 0 or all ones (which the table keeps for itself).
+uint64_t scramble(uint64_t n) {
+    n ^= n >> 30;
+    n *= 0xBF58476D1CE4E5B9u;
+    n ^= n >> 27;
+    n *= 0x94D049BB133111EBu;
+    n ^= n >> 31;
+    return n;
 }
 
-bool try_lock_state(UnixProcessData* data) {
-    if (pthread_mutex_trylock(&data->stateMutex) != 0) return false;
-    apply_held_status(data);
-    return true;
-}
-
-// Not a child of ours (or already collected): kill with signal 0 decides.
-int ping_not_a_child(UnixProcessData* data, int pid, int waitResult, int* sysErr) {
-    errno = 0;
-    int result;
-    do {
-        result = kill(pid, 0);
-    } while (result == -1 && errno == EINTR);
-    int killErrno = errno;
-    process_log("In Ping NOEXIT Handler.  Kill [with sig 0] returned: [%d].  Errno: [%d]\n", result,
-                killErrno);
-    if (result == 0 || killErrno == ESRCH) {
-        if (try_lock_state(data)) {
-            store_field(data->isAlive, result == 0 ? 1 : 0);
-            *sysErr = 0;
-            unlock_state(data);
-        }
-        process_log("Exiting unix_PingProcess with PROC_SUCCESS, isAlive: %d\n", load_field(data->isAlive));
-        return PROC_SUCCESS;
-    }
-    *sysErr = killErrno;
-    process_log("Exiting unix_PingProcess with PROC_SYSTEM_ERR.  Errno: [%d].  waitResult: [%d]\n", *sysErr,
-                waitResult);
-    return PROC_SYSTEM_ERR;
+void release(UnixProcessData* data) {
+    pthread_mutex_lock(&registry_lock);
+    ManagedRecord* record = managed(data);
+    bool last = --record->refs == 0 && record->retired;
+    pthread_mutex_unlock(&registry_lock);
+    if (last) destroy_record(data);
 }
 } // namespace
 
-bool StoreExitCode(UnixProcessData* data, int status) {
-    int low = status & 0x7f;
-    if (low == 0)
-        store_field(data->exitCode, (status >> 8) & 0xff);
-    else if (low != 0x7f)
-        store_field(data->exitCode, low);
-    return low != 0x7f;
+UnixProcessData* new_record() {
+    auto* record = static_cast<ManagedRecord*>(malloc(sizeof(ManagedRecord)));
+    if (record == nullptr) return nullptr;
+    memset(record, 0, sizeof *record);
+    pthread_mutex_init(&record->data.stateMutex, nullptr);
+    pthread_mutex_init(&record->data.waiterMutex, nullptr);
+    pthread_cond_init(&record->data.waitersGone, nullptr);
+    return &record->data;
 }
 
-UnixProcessData* NewProcessData() {
-    auto* data = static_cast<UnixProcessData*>(malloc(sizeof(UnixProcessData)));
-    if (data == nullptr) return nullptr;
-    memset(data, 0, sizeof *data);
-    pthread_mutex_init(&data->stateMutex, nullptr);
-    pthread_mutex_init(&data->waiterMutex, nullptr);
-    return data;
+void destroy_record(UnixProcessData* data) {
+    unix_doneWithProcess(data, nullptr);
+    pthread_cond_destroy(&data->waitersGone);
+    free(managed(data));
 }
 
-void lock_state(UnixProcessData* data) {
-    pthread_mutex_lock(&data->stateMutex);
-    apply_held_status(data);
-}
-
-void unlock_state(UnixProcessData* data) {
-    apply_held_status(data);
-    pthread_mutex_unlock(&data->stateMutex);
-}
-
-QUILLON_API int unix_PingProcess(UnixProcessData* data, int* sysErr) {
-    process_log_entry("unix_PingProcess()");
-    int pid = record_pid(data);
-    int status = 0;
-    int waitResult;
-    int errnoStore;
+int64_t register_record(UnixProcessData* data) {
+    pthread_mutex_lock(&registry_lock);
+    uint64_t handle;
     do {
-        process_log("In ping, checking process: [%d]\n", pid);
-        waitResult = waitpid(pid, &status, WNOHANG);
-        errnoStore = errno;
-    } while (errnoStore == EINTR && waitResult == -1);
-    process_log("After waitpid, waitResult=[%d] errnoStore=[%d]\n", waitResult, errnoStore);
-    *sysErr = errnoStore;
-    if (*sysErr == 0 && waitResult == -1)
-        process_log("Screwball case on Linux.  No error, yet waitpid returned -1\n");
-
-    int result = PROC_SUCCESS;
-    if (waitResult == pid) {
-        if (try_lock_state(data)) {
-            store_collected_status(data, status);
-            *sysErr = 0;
-            unlock_state(data);
-        } else {
-            // The holder of the lock (or the next one) stores it: the exit status is never lost.
-            std::atomic_ref<int32_t>(data->heldStatus).store(status | kHeldStatusTag);
-        }
-    } else if (waitResult == 0) {
-        if (try_lock_state(data)) {
-            store_field(data->isAlive, 1);
-            *sysErr = 0;
-            unlock_state(data);
-        }
-    } else if (*sysErr == ECHILD || (waitResult == -1 && *sysErr == 0)) {
-        errno = 0;
-        result = ping_not_a_child(data, pid, waitResult, sysErr);
-    } else {
-        process_log("Exiting unix_PingProcess with PROC_SYSTEM_ERR with no conditions met.  Errno: [%d].  "
-                    "waitResult: [%d]\n",
-                    *sysErr, waitResult);
-        result = PROC_SYSTEM_ERR;
-    }
-    process_log_exit("unix_PingProcess()");
-    return result;
+        handle = scramble(++handles_given);
+    } while (handle == 0 || handle == ~uint64_t{0});
+    bool stored = live_records.insert(handle, data);
+    pthread_mutex_unlock(&registry_lock);
+    return stored ? static_cast<int64_t>(handle) : 0;
 }
 
-QUILLON_API int unix_AdoptProcess(UnixProcessData* data, int* sysErr) {
-    process_log_entry("unix_AdoptProcess()");
-    process_log("In AdoptProcess, calling existance check on Process (PID): [%s]\n", data->pid);
-    int result = unix_PingProcess(data, sysErr);
-    if (result == PROC_SUCCESS) {
-        *sysErr = 0;
-        lock_state(data);
-        result = data->isAlive == 1 ? PROC_SUCCESS : PROC_HAS_EXITED;
-        unlock_state(data);
-    }
-    process_log("Adopt request for pid [%s] results: %d\n", data->pid, result);
-    process_log_exit("unix_AdoptProcess()");
-    return result;
-}
-
-QUILLON_API void unix_doneWithProcess(UnixProcessData* data, int*) {
-    process_log_entry("unix_doneWithProcess()");
+bool retire_record(int64_t handle) {
+    forget_watches(handle);
+    pthread_mutex_lock(&registry_lock);
+    auto* data = static_cast<UnixProcessData*>(live_records.erase(static_cast<uint64_t>(handle)));
+    bool destroy = false;
     if (data != nullptr) {
-        process_log("Destroying mutex for process (PID): [%s]\n", data->pid);
-        pthread_mutex_destroy(&data->stateMutex);
-        pthread_mutex_destroy(&data->waiterMutex);
+        managed(data)->retired = true;
+        destroy = managed(data)->refs == 0;
     }
-    process_log_exit("unix_doneWithProcess()");
+    pthread_mutex_unlock(&registry_lock);
+    if (destroy) destroy_record(data);
+    return data != nullptr;
+}
+
+RecordRef::RecordRef(int64_t handle) {
+    pthread_mutex_lock(&registry_lock);
+    data_ = static_cast<UnixProcessData*>(live_records.find(static_cast<uint64_t>(handle)));
+    if (data_ != nullptr) ++managed(data_)->refs;
+    pthread_mutex_unlock(&registry_lock);
+}
+
+RecordRef::~RecordRef() {
+    if (data_ != nullptr) release(data_);
+}
+
+void change_waiters(UnixProcessData* data, int delta) {
+    pthread_mutex_lock(&data->waiterMutex);
+    store_field(data->waiterCount, load_field(data->waiterCount) + delta);
+    if (data->waiterCount == 0) pthread_cond_broadcast(&data->waitersGone);
+    pthread_mutex_unlock(&data->waiterMutex);
+}
+
+void await_no_waiters(UnixProcessData* data) {
+    pthread_mutex_lock(&data->waiterMutex);
+    while (data->waiterCount != 0)
+        pthread_cond_wait(&data->waitersGone, &data->waiterMutex);
+    pthread_mutex_unlock(&data->waiterMutex);
 }

@@ -1,153 +1,93 @@
-// Waiting for the end of a process, with and without a time limit, and reading its exit code.
+// Waiting for the end of a process, with and without a time limit, and reading its exit code. Waits
+// wake when the process ends: a child through waitid, anything else through its pidfd.
 #include <cerrno>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <ctime>
 
-#include "com_norvane_quillon_process_UnixProcessGlue.h"
-#include "quillon/boundary.h"
-#include "quillon/runtime.h"
-#include "quillon/supervision.h"
+#include "quillon/result_codes.h"
+#include "runtime/support.h"
+#include "supervision/supervision_internal.h"
 
 namespace {
 constexpr uint32_t kNoTimeLimit = 0xFFFFFFFFu;
 
-UnixProcessData* record_of(jlong handle) {
-    return static_cast<UnixProcessData*>(process_ConvertJlongToPointer(handle));
-}
-
-void change_waiters(UnixProcessData* data, int delta) {
-    pthread_mutex_lock(&data->waiterMutex);
-    store_field(data->waiterCount, load_field(data->waiterCount) + delta);
-    pthread_mutex_unlock(&data->waiterMutex);
-}
-
-// The body both wait natives share; `wait` is the wait function with its time-out bound in.
-template <typename Wait> void wait_native(JNIEnv* env, jlong handle, const char* selfMessage, Wait wait) {
-    process_log_entry("UnixProcessGlue_waitForTermination()");
-    UnixProcessData* data = record_of(handle);
-    int sysErr = 0;
-    if (record_pid(data) == linux_getpid()) {
-        ThrowWithMessage(env, PROC_WAIT_FOR_SELF, selfMessage, 0);
-    } else if (load_field(data->isAlive) != 0) {
-        change_waiters(data, +1);
-        int result = wait(data, &sysErr);
-        change_waiters(data, -1);
-        if (result != PROC_SUCCESS)
-            ThrowWithMessage(env, result, "Error waiting for process to terminate. ", sysErr);
-        else
-            process_log("Process [%s] had return code [%d]\n", data->pid, load_field(data->exitCode));
-    }
-    process_log_exit("UnixProcessGlue_waitForTermination()");
+int64_t now_millis() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1000 + now.tv_nsec / 1000000;
 }
 } // namespace
 
 QUILLON_API int unix_WaitForProcessTermination(UnixProcessData* data, int* sysErr) {
-    process_log_entry("unix_WaitForTermination()");
+    TraceScope trace("unix_WaitForTermination()");
     int pid = record_pid(data);
     process_log("In wait for termination, check process (PID):  [%d]\n", pid);
-    int status = 0;
-    int waitResult;
-    int waitErrno;
-    do {
-        errno = 0;
-        waitResult = waitpid(pid, &status, 0);
-        waitErrno = errno;
-        process_log(
-            "In wait for termination.  Wait over for process (PID): [%d].  Errno: [%d].  WaitResult: [%d]\n",
-            pid, waitErrno, waitResult);
-    } while (waitResult == -1 && waitErrno == EINTR);
-
-    int result = PROC_SYSTEM_ERR;
-    if (waitResult == pid) {
-        lock_state(data);
-        StoreExitCode(data, status);
+    int result = ensure_entry(data, sysErr);
+    if (result != PROC_SUCCESS) return result;
+    Collection collected = await_and_collect_child(data->process);
+    process_log(
+        "In wait for termination.  Wait over for process (PID): [%d].  Errno: [%d].  WaitResult: [%d]\n", pid,
+        collected.err, collected.waitResult);
+    if (collected.waitResult == pid) {
+        pthread_mutex_lock(&data->stateMutex);
+        store_field(data->exitCode, entry_exit_code(data->process));
         *sysErr = 0;
         store_field(data->isAlive, 0);
-        unlock_state(data);
-        result = PROC_SUCCESS;
-    } else if (waitErrno == ECHILD) {
+        pthread_mutex_unlock(&data->stateMutex);
+        return PROC_SUCCESS;
+    }
+    if (collected.err == ECHILD) {
         process_log("In ECHILD Handler for wait for termination.  Recieved ECHILD for process (PID): [%d]\n",
                     pid);
-        result = unix_WaitForProcessTerminationWithTimeout(data, kNoTimeLimit, sysErr);
+        return wait_with_timeout(data, kForever, sysErr);
     }
-    process_log_exit("unix_WaitForTermination()");
-    return result;
+    return PROC_SYSTEM_ERR;
+}
+
+int wait_with_timeout(UnixProcessData* data, int64_t millis, int* sysErr) {
+    TraceScope trace("unix_WaitForTerminationWithTimeout()");
+    *sysErr = 0;
+    process_log("In wait for termination with timeout, check process (PID):  [%s]\n", data->pid);
+    const int64_t deadline = millis == kForever ? 0 : now_millis() + millis;
+    const unsigned timeoutSeconds = millis == kForever ? kNoTimeLimit : static_cast<unsigned>((millis + 999) / 1000);
+    for (;;) {
+        int probe = unix_PingProcess(data, sysErr);
+        if (probe != PROC_SUCCESS) {
+            process_log("unix_PingProcess no longer returning PROC_SUCCESS.  Exiting with Ping Status: [%d]\n",
+                        probe);
+            return probe;
+        }
+        pthread_mutex_lock(&data->stateMutex);
+        int alive = data->isAlive;
+        pthread_mutex_unlock(&data->stateMutex);
+        if (alive == 0) return PROC_SUCCESS;
+        // A nap lasts SLEEP_INTERVAL at most and ends early when the process ends; the last look comes
+        // at the deadline itself.
+        int64_t nap = SLEEP_INTERVAL * 1000;
+        if (millis != kForever) {
+            int64_t left = deadline - now_millis();
+            if (left <= 0) return PROC_STILL_ACTIVE;
+            if (left < nap) nap = left;
+        }
+        process_log("Time to sleep: [%u].  Timeout seconds is: [%u].  SLEEP_INTERVAL is: [%u]\n",
+                    static_cast<unsigned>((nap + 999) / 1000), timeoutSeconds, SLEEP_INTERVAL);
+        await_end(data->process, nap);
+    }
 }
 
 QUILLON_API int unix_WaitForProcessTerminationWithTimeout(UnixProcessData* data, uint32_t timeoutSeconds,
                                                           int* sysErr) {
-    process_log_entry("unix_WaitForTerminationWithTimeout()");
-    *sysErr = 0;
-    process_log("In wait for termination with timeout, check process (PID):  [%s]\n", data->pid);
-    int alive = 1;
-    uint32_t waited = 0;
-    while (alive != 0 && (timeoutSeconds == kNoTimeLimit || waited < timeoutSeconds)) {
-        int probe = unix_PingProcess(data, sysErr);
-        if (probe != PROC_SUCCESS) {
-            process_log(
-                "unix_PingProcess no longer returning PROC_SUCCESS.  Exiting with Ping Status: [%d]\n",
-                probe);
-            process_log_exit("unix_WaitForTerminationWithTimeout()");
-            return probe;
-        }
-        lock_state(data);
-        alive = data->isAlive;
-        unlock_state(data);
-        if (alive == 0) continue;
-        uint32_t nap = SLEEP_INTERVAL;
-        if (timeoutSeconds != kNoTimeLimit && timeoutSeconds - waited <= 1) nap = timeoutSeconds - waited;
-        process_log("Time to sleep: [%u].  Timeout seconds is: [%u].  SLEEP_INTERVAL is: [%u]\n", nap,
-                    timeoutSeconds, SLEEP_INTERVAL);
-        sleep(nap);
-        waited += nap;
-    }
-    process_log_exit("unix_WaitForTerminationWithTimeout()");
-    return alive != 0 ? PROC_STILL_ACTIVE : PROC_SUCCESS;
+    return wait_with_timeout(data, timeoutSeconds == kNoTimeLimit ? kForever : int64_t{timeoutSeconds} * 1000,
+                             sysErr);
 }
 
 QUILLON_API int unix_GetProcessExitCode(UnixProcessData* data, int* sysErr) {
-    process_log_entry("unix_GetProcessExitCode()");
+    TraceScope trace("unix_GetProcessExitCode()");
     *sysErr = 0;
     int result = unix_PingProcess(data, sysErr);
     if (result == PROC_SUCCESS) {
-        lock_state(data);
+        pthread_mutex_lock(&data->stateMutex);
         result = data->isAlive == 0 ? PROC_SUCCESS : PROC_STILL_ACTIVE;
-        unlock_state(data);
+        pthread_mutex_unlock(&data->stateMutex);
     }
-    process_log_exit("unix_GetProcessExitCode()");
     return result;
-}
-
-JNIEXPORT void JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_waitForTermination(JNIEnv* env,
-                                                                                           jobject,
-                                                                                           jlong handle) {
-    wait_native(env, handle, "Attempt to wait for self to terminate", unix_WaitForProcessTermination);
-}
-
-JNIEXPORT void JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_waitForTerminationWithTimeout(
-    JNIEnv* env, jobject, jlong handle, jint timeoutSeconds) {
-    wait_native(
-        env, handle, "Attempt to wait for self to terminate. ", [timeoutSeconds](UnixProcessData* d, int* e) {
-            return unix_WaitForProcessTerminationWithTimeout(d, static_cast<uint32_t>(timeoutSeconds), e);
-        });
-}
-
-JNIEXPORT jint JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_getExitCode(JNIEnv* env, jobject,
-                                                                                    jlong handle) {
-    process_log_entry("UnixProcessGlue_getExitCode()");
-    UnixProcessData* data = record_of(handle);
-    int sysErr = 0;
-    if (load_field(data->isAlive) != 0) {
-        int result = unix_GetProcessExitCode(data, &sysErr);
-        if (result != PROC_SUCCESS) {
-            ThrowWithMessage(env, result, "Error getting exitcode. ", sysErr);
-            process_log_exit("UnixProcessGlue_getExitCode()");
-            return 0;
-        }
-    }
-    // A waiter may have collected the status and not stored it yet; its count falls once it has.
-    while (load_field(data->waiterCount) != 0)
-        sleep(SLEEP_INTERVAL);
-    process_log_exit("UnixProcessGlue_getExitCode()");
-    return load_field(data->exitCode);
 }

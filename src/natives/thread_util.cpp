@@ -1,4 +1,5 @@
-// Native mutexes held by Java handles, and which threading model the process runs on.
+// Natives of ThreadUtil: native mutexes held by Java handles, and which threading model the process
+// runs on.
 #include <cerrno>
 #include <cstdlib>
 #include <pthread.h>
@@ -6,18 +7,18 @@
 
 #include "com_norvane_quillon_process_linuxutil_ThreadUtil.h"
 #include "quillon/boundary.h"
-#include "quillon/runtime.h"
+#include "runtime/support.h"
 
 namespace {
-int __isNPTL = -1;
-pthread_mutex_t __nptl_check_mutex = PTHREAD_MUTEX_INITIALIZER;
+int posix_threading = -1; // -1 not determined yet, 1 threads share a process id, 0 they don't
+pthread_mutex_t threading_check_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 pthread_mutex_t* mutex_of(jlong handle) {
     return static_cast<pthread_mutex_t*>(process_ConvertJlongToPointer(handle));
 }
 
-void* __get_child_thread_pid(void* arg) {
-    *static_cast<int*>(arg) = getpid();
+void* store_thread_pid(void* pid) {
+    *static_cast<int*>(pid) = getpid();
     return nullptr;
 }
 
@@ -27,22 +28,21 @@ bool report_model(bool shared) {
 }
 } // namespace
 
-JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_linuxutil_ThreadUtil_createMutex(JNIEnv* env,
-                                                                                          jobject) {
-    auto* mutex = static_cast<pthread_mutex_t*>(malloc(sizeof(pthread_mutex_t)));
+JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_linuxutil_ThreadUtil_createMutex(JNIEnv* env, jobject) {
+    MallocPtr<pthread_mutex_t> mutex(static_cast<pthread_mutex_t*>(malloc(sizeof(pthread_mutex_t))));
     if (mutex == nullptr) {
-        ThrowWithMessage(env, PROC_OUT_OF_MEMORY,
-                         "Unrecoverable error.  Could not allocate memory for a new pthreads mutex", 0);
+        ThrowException(env, PROC_OUT_OF_MEMORY, "Unrecoverable error.  Could not allocate memory for a new pthreads mutex",
+                       0);
         return 0;
     }
-    process_log("Trying to init the mutex: [0x%x]\n", trace_ptr(mutex));
-    int result = pthread_mutex_init(mutex, nullptr);
+    process_log("Trying to init the mutex: [0x%x]\n", trace_ptr(mutex.get()));
+    int result = pthread_mutex_init(mutex.get(), nullptr);
     if (result != 0) {
         process_err("Could not initialize the new pthreads mutex. error=[%d] errno=[%d]\n", result, errno);
-        ThrowWithMessage(env, PROC_SYSTEM_ERR,
-                         "Unrecoverable error.  Could not initialize the new pthreads mutex", result);
+        ThrowException(env, PROC_SYSTEM_ERR, "Unrecoverable error.  Could not initialize the new pthreads mutex", result);
+        return 0;
     }
-    return process_ConvertPointerTo64(mutex);
+    return process_ConvertPointerTo64(mutex.release());
 }
 
 JNIEXPORT jint JNICALL Java_com_norvane_quillon_process_linuxutil_ThreadUtil_mutexTrylock(JNIEnv*, jobject,
@@ -85,20 +85,20 @@ JNIEXPORT jboolean JNICALL Java_com_norvane_quillon_process_linuxutil_ThreadUtil
     process_log_init_dbg();
     process_log("Trying to determine if the threading mode is NPTL.\n");
     int mainPid = getpid();
-    pthread_mutex_lock(&__nptl_check_mutex);
+    pthread_mutex_lock(&threading_check_mutex);
     bool shared;
-    if (__isNPTL == -1) {
+    if (posix_threading == -1) {
         int childPid = 0;
         pthread_t probe;
-        int created = pthread_create(&probe, nullptr, __get_child_thread_pid, &childPid);
+        int created = pthread_create(&probe, nullptr, store_thread_pid, &childPid);
         if (created == 0) pthread_join(probe, nullptr);
-        process_log("Thread created? ( 0 == created): [%d].  Main pid: [%d].  Child pid: [%d]\n", created,
-                    mainPid, childPid);
+        process_log("Thread created? ( 0 == created): [%d].  Main pid: [%d].  Child pid: [%d]\n", created, mainPid,
+                    childPid);
         shared = report_model(created == 0 && mainPid == childPid);
-        __isNPTL = shared ? 1 : 0;
+        posix_threading = shared ? 1 : 0;
     } else {
-        shared = report_model(__isNPTL == 1);
+        shared = report_model(posix_threading == 1);
     }
-    pthread_mutex_unlock(&__nptl_check_mutex);
+    pthread_mutex_unlock(&threading_check_mutex);
     return shared ? JNI_TRUE : JNI_FALSE;
 }

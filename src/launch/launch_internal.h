@@ -1,0 +1,185 @@
+// A launch, inside the library: one request, resolved in the launching thread before the new process is
+// made, and the new process's sequence, which only makes system calls over what the request holds.
+#pragma once
+
+#include <csignal>
+#include <cstdint>
+#include <sys/types.h>
+
+#include "quillon/supervision.h"
+#include "runtime/arena.h"
+#include "runtime/support.h"
+
+// How a standard descriptor of the new process is asked for. The first seven are those of the Java API.
+enum StdMode : int {
+    kStdInherit = 0,
+    kStdPipe = 1,
+    kStdNull = 2,
+    kStdRead = 3,
+    kStdWrite = 4,
+    kStdAppend = 5,
+    kStdAsStdout = 6,
+    kStdNamed = 7, // a redirection name of `create`: a leading '!' truncates, anything else appends
+};
+
+struct StdRequest {
+    int mode = kStdInherit;
+    const char* path = nullptr;
+};
+
+// One standard descriptor as the new process sets it up.
+struct StdPlan {
+    enum class Kind { Inherit, DevNullStdin, File, Pipe, AsStdout };
+    Kind kind = Kind::Inherit;
+    // File: the name as given (behind a '!'), the flags, and how the name was built, for the trace.
+    const char* name = nullptr;
+    int flags = 0;
+    bool relative = false;      // joined to the working directory
+    bool tooLong = false;
+    bool slashAppended = false;
+    int freeSpace[2] = {0, 0};  // the free space of the name buffer before and after the '/'
+    char* path = nullptr;
+    // Pipe: the new process's end.
+    int pipeEnd = -1;
+};
+
+// The group, supplementary groups and user of the new process, as the registry gave them beforehand.
+struct PrivilegePlan {
+    const char* userName = nullptr;
+    const char* groupName = nullptr;
+    bool groupFound = false;
+    gid_t groupGid = 0;
+    bool userFound = false;
+    int userErrno = 0;
+    uid_t userUid = 0;
+    gid_t userGid = 0;
+    bool forceGroupDisabled = false;
+    bool loadSupplementary = false;
+    int supplementaryErrno = 0;
+    size_t supplementaryCount = 0;
+    gid_t* supplementary = nullptr;
+};
+
+// Where a step of the new process's sequence writes its trace, and how it changes credentials.
+struct ChildContext {
+    int tracePid = 0;
+    bool debug = false;
+    bool entryExit = false;
+    // The switches once the new process has read the host's trace variables again.
+    bool debugAfterReset = false;
+    bool entryExitAfterReset = false;
+    // A step called outside a launch, in the host: it traces through the host's streams, and a change of
+    // identity reaches every thread.
+    bool inHost = false;
+};
+
+// The host's trace state now, for a step that runs in the host.
+ChildContext host_context();
+
+struct LaunchRequest {
+    // What the caller asks for, in native text; the caller keeps what the pointers point to.
+    const char* executable = nullptr;
+    char** arguments = nullptr;
+    char** environment = nullptr;
+    bool replaceEnvironment = false;
+    const char* workingDirectory = nullptr;
+    int64_t priority = 20;
+    StdRequest std[3];
+    int64_t fileMask = 022;
+    const char* groupName = nullptr;
+    const char* userName = nullptr;
+    int processGroup = 0;
+    bool keepProcessGroup = false;
+    bool detached = false;
+
+    // Resolved by resolve_request.
+    Arena arena;
+    char** cmdLine = nullptr;    // from GenerateCmdLine, released by FreeCmdLine
+    char** scriptArgv = nullptr; // /bin/sh, the program, its arguments: for a program without a format
+    char** envp = nullptr;
+    const char* searchPath = nullptr;
+    PrivilegePlan privilege;
+    StdPlan plans[3];
+    UniqueFd hostPipeEnds[3];    // the launcher's end of each pipe
+    UniqueFd childPipeEnds[3];
+    ChildContext context;
+    int openMax = 0;
+    // Filled in by the launch.
+    sigset_t signalMask;         // the launching thread's, for the new process to restore
+    int writeEnd = -1;           // the exec-outcome channel's
+
+    LaunchRequest() = default;
+    LaunchRequest(const LaunchRequest&) = delete;
+    LaunchRequest& operator=(const LaunchRequest&) = delete;
+    ~LaunchRequest();
+};
+
+// The spawn data of a record, or the arguments of the exported launches, as a request.
+void request_from_arguments(LaunchRequest* request, const char* executable, char** arguments,
+                            char** environment, const char* workingDirectory, int64_t priority,
+                            char** stdFiles, int64_t fileMask, const char* groupName, const char* userName,
+                            int processGroup);
+
+// Everything the new process will need, worked out here: command line, environment, identity, standard
+// descriptors, trace switches. A result code; on failure sysErr says why.
+int resolve_request(LaunchRequest* request, int* sysErr);
+
+// The launches: a result code; the record's pid and isAlive are written as the launch goes.
+int launch_attached(LaunchRequest* request, UnixProcessData* data, int* sysErr);
+int launch_detached(LaunchRequest* request, UnixProcessData* data, int* sysErr);
+// The dispatch of unix_spawnProcess, for any request.
+int spawn_request(LaunchRequest* request, UnixProcessData* data, int* sysErr);
+
+// ---- The exec-outcome channel, in the launching process ----
+int InitializePipe(int channel[2], int* sysErr);
+int WaitForExecOutcome(int channel[2], int* sysErr);
+int64_t unix_getStartProcessTimeout();
+// Moves a descriptor the launch opened for itself above 2, so that it never stands in for a closed
+// standard descriptor of the host. Returns the descriptor to use.
+int keep_above_standard(int fd, bool closeOnExec);
+
+// Reads one native int: the count read, or -1.
+int read_int(int fd, int* out);
+
+// ---- Command line ----
+char** GenerateCmdLine(char** arguments, const char* executable);
+void FreeCmdLine(char** cmdLine);
+
+// ---- Environment ----
+// The environment of the new process: the inherited one with the request's entries applied (path-like
+// keys merged), or the request's entries alone. False when memory ran out.
+bool build_environment(LaunchRequest* request);
+
+// ---- Identity ----
+// The registry's answers for the request's names. False when memory ran out.
+bool resolve_privilege(PrivilegePlan* plan, const char* userName, const char* groupName, Arena& arena);
+int set_privilege_ids(const ChildContext& context, const PrivilegePlan& plan, int* sysErr);
+
+// ---- Standard descriptors ----
+// Names and pipes for the three descriptors: a result code.
+int plan_std_handles(LaunchRequest* request, int* sysErr);
+
+// ---- The new process ----
+// The system's text for an error, without the C library's locale machinery.
+const char* error_text(int err, char (&buffer)[64]);
+void child_log(const ChildContext& context, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void child_err(const ChildContext& context, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+// Entry and exit lines of a step of the new process.
+class ChildTraceScope {
+  public:
+    ChildTraceScope(const ChildContext& context, const char* label);
+    ChildTraceScope(const ChildTraceScope&) = delete;
+    ChildTraceScope& operator=(const ChildTraceScope&) = delete;
+    ~ChildTraceScope();
+    void skip_exit() { label_ = nullptr; }
+
+  private:
+    const ChildContext& context_;
+    const char* label_;
+};
+
+int SetupChildStdHandles(const LaunchRequest& request, const ChildContext& context, int* sysErr);
+int SetupChildContext(const LaunchRequest& request, const ChildContext& context, int* sysErr);
+// The new process's whole sequence: it execs the program, or reports over the channel and exits.
+[[noreturn]] void run_new_process(const LaunchRequest& request, bool attached);

@@ -1,0 +1,443 @@
+// Natives of UnixProcessGlue: launch, adoption, supervision, signals, and the identity of the running
+// process. A handle is checked before use: 0, a handle given to done and any other number give
+// ProcessOpException with EINVAL.
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <unistd.h>
+
+#include "boundary/jni_support.h"
+#include "com_norvane_quillon_process_UnixProcessGlue.h"
+#include "natives/launch_from_java.h"
+#include "quillon/boundary.h"
+#include "quillon/identity.h"
+#include "quillon/launch.h"
+#include "supervision/supervision_internal.h"
+
+namespace {
+constexpr size_t kNameSize = 1024;
+
+void refuse_handle(JNIEnv* env, const char* message) {
+    ThrowException(env, PROC_SYSTEM_ERR, message, EINVAL);
+}
+
+// A Java string's native text in a fixed buffer, cut to its size. False when it holds a NUL or memory
+// ran out (then with sysErr set).
+bool bounded_text(JNIEnv* env, jstring string, char* dst, size_t size, int* sysErr) {
+    Arena arena;
+    char* text = nullptr;
+    bool hasNul = false;
+    if (!native_text(env, string, arena, &text, &hasNul)) {
+        *sysErr = ENOMEM;
+        return false;
+    }
+    copy_bounded(dst, text, size);
+    *sysErr = hasNul ? EINVAL : 0;
+    return !hasNul;
+}
+
+template <typename Wait> void wait_native(JNIEnv* env, jlong handle, const char* selfMessage, Wait wait) {
+    TraceScope trace("UnixProcessGlue_waitForTermination()");
+    RecordRef record(handle);
+    if (!record) return refuse_handle(env, "Error waiting for process to terminate. ");
+    UnixProcessData* data = record.get();
+    if (record_pid(data) == linux_getpid()) return ThrowException(env, PROC_WAIT_FOR_SELF, selfMessage, 0);
+    if (load_field(data->isAlive) == 0) return;
+    int sysErr = 0;
+    change_waiters(data, +1);
+    int result = wait(data, &sysErr);
+    change_waiters(data, -1);
+    if (result != PROC_SUCCESS)
+        ThrowException(env, result, "Error waiting for process to terminate. ", sysErr);
+    else
+        process_log("Process [%s] had return code [%d]\n", data->pid, load_field(data->exitCode));
+}
+
+template <typename Operation>
+void signal_native(JNIEnv* env, jlong handle, const char* label, const char* message, Operation operation) {
+    TraceScope trace(label);
+    RecordRef record(handle);
+    if (!record) return refuse_handle(env, message);
+    int sysErr = 0;
+    int result = operation(record.get(), &sysErr);
+    if (result != PROC_SUCCESS) ThrowException(env, result, message, sysErr);
+}
+
+// An exception text per result code of an identity native, with the text for every other code last.
+struct MessageRow {
+    int result;
+    const char* message;
+};
+constexpr int kOther = -1;
+
+const char* message_for(const MessageRow* rows, int result) {
+    for (; rows->result != kOther; ++rows)
+        if (rows->result == result) return rows->message;
+    return rows->message;
+}
+
+const MessageRow kUserGetter[] = {
+    {PROC_OUT_OF_MEMORY, "Failed to allocate enough memory to return the username string."},
+    {PROC_INVALID_USERNAME, "An invalid passwd structure was obtained from the OS."},
+    {PROC_OUT_OF_FILE_HANDLES, "Too many file handles are currently open.  Cannot access OS user registry."},
+    {PROC_NOT_SUPPORTED, "Getting of the current process effective user is not supported on this operating system."},
+    {kOther, "An error occurred during the retrieval of the current effective user id.  Refer to the OS ERRNO table."},
+};
+const MessageRow kGroupGetter[] = {
+    {PROC_OUT_OF_MEMORY, "Failed to allocate enough memory to return the username string."},
+    {PROC_INVALID_GROUP, "An invalid group structure was obtained from the OS."},
+    {PROC_OUT_OF_FILE_HANDLES, "Too many file handles are currently open.  Cannot access OS group registry."},
+    {PROC_NOT_SUPPORTED, "Getting of the current process effective group is not supported on this operating system."},
+    {kOther, "An error occurred during the retrieval of the current effective user id.  Refer to the OS ERRNO table."},
+};
+const MessageRow kHomeGetter[] = {
+    {PROC_OUT_OF_MEMORY, "Failed to allocate enough memory to return the username string."},
+    {PROC_INVALID_USERNAME, "An invalid passwd structure was obtained from the OS."},
+    {PROC_OUT_OF_FILE_HANDLES, "Too many file handles are currently open.  Cannot access OS user registry."},
+    {PROC_NOT_SUPPORTED,
+     "Getting of the current process effective home directory is not supported on this operating system."},
+    {kOther, "An error occurred during the retrieval of the current effective user id, so home directory could "
+             "not be obtained.  Refer to the OS ERRNO table."},
+};
+const MessageRow kUserSetter[] = {
+    {PROC_ACCESS_DENIED,
+     "The operating system would not allow assignment of the process to user: [%s].  Access Denied.\n"},
+    {PROC_OUT_OF_MEMORY, "Failed to allocate enough memory to obtain the passwd structure."},
+    {PROC_INVALID_USERNAME, "The operating system would not allow assignment of the process to user: [%s].  The "
+                            "user does not exist in the OS group registry\n"},
+    {PROC_OUT_OF_FILE_HANDLES, "Too many file handles are currently open.  Cannot access OS group registry."},
+    {PROC_NOT_SUPPORTED, "Setting of the current process effective user is not supported on this operating system."},
+    {kOther, "An error occurred during the setting of the current effective group id.  Refer to the OS ERRNO table."},
+};
+const MessageRow kGroupSetter[] = {
+    {PROC_ACCESS_DENIED,
+     "The operating system would not allow assignment of the process to group: [%s].  Access Denied.\n"},
+    {PROC_OUT_OF_MEMORY, "Failed to allocate enough memory to obtain the group structure."},
+    {PROC_INVALID_GROUP, "The operating system would not allow assignment of the process to group: [%s].  The "
+                         "group does not exist in the OS group registry\n"},
+    {PROC_OUT_OF_FILE_HANDLES, "Too many file handles are currently open.  Cannot access OS group registry."},
+    {PROC_NOT_SUPPORTED,
+     "Setting of the current process effective group is not supported on this operating system."},
+    {kOther, "An error occurred during the setting of the current effective group id.  Refer to the OS ERRNO table."},
+};
+
+// A getter's text, or the exception of its result with the row's message. The caller traces.
+template <size_t Size>
+jstring get_identity(JNIEnv* env, int (*get)(char*, size_t, int*), const MessageRow* messages, int* result,
+                     int* sysErr, char (&text)[Size]) {
+    memset(text, 0, Size);
+    *result = get(text, Size, sysErr);
+    if (*result == PROC_SUCCESS) return java_string_from_utf8(env, text);
+    ThrowException(env, *result, message_for(messages, *result), *sysErr);
+    return nullptr;
+}
+
+// A setter's change, or its exception with the row's message (those that name the user or group carry
+// it). A name with a NUL inside names no one and is refused as an invalid argument.
+int set_identity(JNIEnv* env, jstring name, int (*set)(const char*, int*), const MessageRow* messages,
+                 char (&text)[kNameSize], int* sysErr) {
+    memset(text, 0, sizeof text);
+    int result = PROC_SUCCESS;
+    if (bounded_text(env, name, text, sizeof text, sysErr))
+        result = set(text, sysErr);
+    else
+        result = *sysErr == ENOMEM ? PROC_OUT_OF_MEMORY : PROC_SYSTEM_ERR;
+    if (result == PROC_SUCCESS) return result;
+    char message[kNameSize];
+    snprintf(message, sizeof message, message_for(messages, result), text);
+    ThrowException(env, result, message, *sysErr);
+    return result;
+}
+} // namespace
+
+JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_create(
+    JNIEnv* env, jobject, jstring executable, jobjectArray arguments, jobjectArray environment,
+    jstring workingDirectory, jint priority, jobjectArray stdFiles, jlong fileMask, jstring groupName,
+    jstring userName, jint processGroup, jstring extraName, jboolean ignoreStdFiles, jboolean detached) {
+    TraceScope trace("UnixProcessGlue_create()");
+    const bool ignoreFiles = ignoreStdFiles == 1;
+    if (executable == nullptr) {
+        ThrowException(env, PROC_INVALID_EXECUTABLE, "Invalid executable.", 0);
+        return 0;
+    }
+    LaunchRequest request;
+    JavaTexts texts(env, request.arena);
+    // The three redirections are read by index: a shorter array is refused before anything is made.
+    if (!ignoreFiles && stdFiles != nullptr && env->GetArrayLength(stdFiles) < 3)
+        texts.refuse(PROC_SYSTEM_ERR, EINVAL);
+    request.executable = texts.text(executable);
+    request.arguments = texts.array(arguments);
+    request.environment = texts.array(environment);
+    request.workingDirectory = texts.text(workingDirectory);
+    request.priority = priority;
+    char** files = ignoreFiles ? nullptr : texts.array(stdFiles);
+    for (int i = 0; files != nullptr && i < 3; ++i)
+        request.std[i] = {kStdNamed, files[i]};
+    request.fileMask = fileMask;
+    request.groupName = texts.text(groupName);
+    request.userName = texts.text(userName);
+    request.processGroup = processGroup;
+    texts.text(extraName); // carried by the request form, used by nothing
+    if (!texts.ok()) {
+        texts.raise("Error creating new process.");
+        return 0;
+    }
+    return launch_handle(env, &request, detached == 1);
+}
+
+JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_createSelf(JNIEnv* env, jobject) {
+    TraceScope trace("UnixProcessGlue_createSelf()");
+    UnixProcessData* data = new_record();
+    if (data == nullptr) {
+        ThrowException(env, PROC_OUT_OF_MEMORY, "Error in createSelf. ", ENOMEM);
+        return 0;
+    }
+    snprintf(data->pid, kPidTextSize, "%d", linux_getpid());
+    int sysErr = 0;
+    int result = unix_AdoptProcess(data, &sysErr);
+    jlong handle = result == PROC_SUCCESS ? register_record(data) : 0;
+    if (result == PROC_SUCCESS && handle == 0) {
+        result = PROC_OUT_OF_MEMORY;
+        sysErr = ENOMEM;
+    }
+    if (result != PROC_SUCCESS) {
+        process_log("Recreation of self failure.  Therefore deallocating process structure at: [0x%x]\n",
+                    trace_ptr(data));
+        destroy_record(data);
+        ThrowException(env, result, "Error in createSelf. ", sysErr);
+    }
+    return handle;
+}
+
+JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_recreate(JNIEnv* env, jobject,
+                                                                                  jstring pidText) {
+    TraceScope trace("UnixProcessGlue_recreate()");
+    int result = PROC_SUCCESS;
+    int sysErr = 0;
+    UnixProcessData* data = nullptr;
+    char text[kPidTextSize] = {};
+    jlong handle = 0;
+    if (pidText == nullptr) {
+        result = PROC_SYSTEM_ERR;
+    } else if (!bounded_text(env, pidText, text, sizeof text, &sysErr)) {
+        result = sysErr == ENOMEM ? PROC_OUT_OF_MEMORY : PROC_SYSTEM_ERR;
+    } else if (atoi(text) <= 0) { // 0 and negative numbers name process groups to waitpid and kill
+        result = PROC_SYSTEM_ERR;
+        sysErr = EINVAL;
+    } else if ((data = new_record()) == nullptr) {
+        result = PROC_OUT_OF_MEMORY;
+        sysErr = ENOMEM;
+    } else {
+        copy_bounded(data->pid, text, kPidTextSize);
+        result = unix_AdoptProcess(data, &sysErr);
+        if (result == PROC_SUCCESS && (handle = register_record(data)) == 0) {
+            result = PROC_OUT_OF_MEMORY;
+            sysErr = ENOMEM;
+        }
+    }
+    if (result == PROC_SUCCESS) {
+        process_log("Successfully recreated process [%s]\n", data->pid);
+        return handle;
+    }
+    if (data != nullptr) {
+        process_log("Recreation failure.  Therefore deallocating process structure at: [0x%x]\n", trace_ptr(data));
+        destroy_record(data);
+    }
+    ThrowException(env, result, "Error recreating process object. ", sysErr);
+    return 0;
+}
+
+JNIEXPORT jstring JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_id(JNIEnv* env, jobject,
+                                                                              jlong handle) {
+    TraceScope trace("UnixProcessGlue_id()");
+    RecordRef record(handle);
+    if (!record) {
+        refuse_handle(env, "Error getting process id. ");
+        return nullptr;
+    }
+    return java_string(env, record->pid);
+}
+
+JNIEXPORT jint JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_ping(JNIEnv* env, jobject,
+                                                                             jlong handle) {
+    TraceScope trace("UnixProcessGlue_ping()");
+    RecordRef record(handle);
+    if (!record) {
+        refuse_handle(env, "Error pinging process. ");
+        return 0;
+    }
+    int sysErr = 0;
+    if (load_field(record->isAlive) != 0) {
+        int result = unix_PingProcess(record.get(), &sysErr);
+        if (result != PROC_SUCCESS) {
+            ThrowException(env, result, "Error pinging process. ", sysErr);
+            return 0;
+        }
+    }
+    return load_field(record->isAlive);
+}
+
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_done(JNIEnv*, jobject, jlong handle) {
+    TraceScope trace("UnixProcessGlue_done()");
+    {
+        RecordRef record(handle);
+        if (!record) return; // 0, a handle given to done already, or none of ours: nothing to release
+        process_log("Deallocating data at: [0x%x], for process: [%s]\n", trace_ptr(record.get()), record->pid);
+    }
+    retire_record(handle);
+}
+
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_waitForTermination(JNIEnv* env,
+                                                                                           jobject,
+                                                                                           jlong handle) {
+    wait_native(env, handle, "Attempt to wait for self to terminate", unix_WaitForProcessTermination);
+}
+
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_waitForTerminationWithTimeout(
+    JNIEnv* env, jobject, jlong handle, jint timeoutSeconds) {
+    wait_native(env, handle, "Attempt to wait for self to terminate. ", [timeoutSeconds](UnixProcessData* d, int* e) {
+        return unix_WaitForProcessTerminationWithTimeout(d, static_cast<uint32_t>(timeoutSeconds), e);
+    });
+}
+
+JNIEXPORT jint JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_getExitCode(JNIEnv* env, jobject,
+                                                                                    jlong handle) {
+    TraceScope trace("UnixProcessGlue_getExitCode()");
+    RecordRef record(handle);
+    if (!record) {
+        refuse_handle(env, "Error getting exitcode. ");
+        return 0;
+    }
+    int sysErr = 0;
+    if (load_field(record->isAlive) != 0) {
+        int result = unix_GetProcessExitCode(record.get(), &sysErr);
+        if (result != PROC_SUCCESS) {
+            ThrowException(env, result, "Error getting exitcode. ", sysErr);
+            return 0;
+        }
+    }
+    // A waiter may have seen the end before storing it; the code is final once no wait is in progress.
+    await_no_waiters(record.get());
+    return load_field(record->exitCode);
+}
+
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_stop(JNIEnv* env, jobject, jlong handle) {
+    signal_native(env, handle, "UnixProcessGlue_stop()", "Error stopping process. ", [](UnixProcessData* d, int* e) {
+        int alive = load_field(d->isAlive);
+        process_log("Trying to stop process (PID): [%s].  Process state is: [%d]\n", d->pid, alive);
+        return alive == 0 ? PROC_SUCCESS : unix_StopProcess(d, e);
+    });
+}
+
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_kill(JNIEnv* env, jobject, jlong handle) {
+    signal_native(env, handle, "UnixProcessGlue_kill()", "Error terminating process. ", [](UnixProcessData* d, int* e) {
+        process_log("Trying to kill process (PID): [%s].  Process state is: [%d]\n", d->pid, load_field(d->isAlive));
+        return unix_KillProcess(d, e);
+    });
+}
+
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_pokeVMThreadDump(JNIEnv* env, jobject,
+                                                                                         jlong handle) {
+    signal_native(env, handle, "UnixProcessGlue_pokeVMThreadDump()", "Error causing JVM dump. ",
+                  unix_GenerateJVMThreadDump);
+}
+
+JNIEXPORT jboolean JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_isUserPrivileged(JNIEnv*, jobject) {
+    TraceScope trace("UnixProcessGlue_isUserPrivileged()");
+    return getuid() == 0 ? JNI_TRUE : JNI_FALSE;
+}
+
+JNIEXPORT jstring JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_getCurrentProcessUser(JNIEnv* env,
+                                                                                                 jobject) {
+    TraceScope trace("UnixProcessGlue_getCurrentProcessUser()");
+    char text[1024];
+    int result, sysErr = 0;
+    jstring value = get_identity(env, unix_getUser, kUserGetter, &result, &sysErr, text);
+    if (result == PROC_SUCCESS)
+        process_log("Successfully obtained the username as a UTF-8 string.  String contents: [%s]\n", text);
+    else
+        process_err("Failed to obtain the process current effective user as a string.  Result was: [%d].  "
+                    "sysErr was: [%d]\n",
+                    result, sysErr);
+    return value;
+}
+
+JNIEXPORT jstring JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_getCurrentProcessGroup(JNIEnv* env,
+                                                                                                  jobject) {
+    TraceScope trace("UnixProcessGlue_getCurrentProcessGroup()");
+    char text[1024];
+    int result, sysErr = 0;
+    jstring value = get_identity(env, unix_getGroup, kGroupGetter, &result, &sysErr, text);
+    if (result == PROC_SUCCESS)
+        process_log("Successfully obtained the username as a UTF-8 string.  String contents: [%s]\n", text);
+    else
+        process_err("Failed to obtain the process current effective group as a string.  Result was: [%d].  "
+                    "sysErr was: [%d]\n",
+                    result, sysErr);
+    return value;
+}
+
+JNIEXPORT jstring JNICALL
+Java_com_norvane_quillon_process_UnixProcessGlue_getCurrentProcessUserOSHomeDir(JNIEnv* env, jobject) {
+    TraceScope trace("UnixProcessGlue_getCurrentProcessUserOSHomeDir()");
+    char text[12288];
+    int result, sysErr = 0;
+    jstring value = get_identity(env, unix_getUserHomeDirectory, kHomeGetter, &result, &sysErr, text);
+    if (result == PROC_SUCCESS)
+        process_log("Successfully obtained the home directory the process current user as directory (in UTF-8): "
+                    "[%s]\n",
+                    text);
+    else
+        process_err("Failed to obtain the process current effective user's home directory as a string.  Result "
+                    "was: [%d].  sysErr was: [%d]\n",
+                    result, sysErr);
+    return value;
+}
+
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_setCurrentProcessUser(JNIEnv* env, jobject,
+                                                                                              jstring userName) {
+    TraceScope trace("UnixProcessGlue_setCurrentProcessUser()");
+    if (userName == nullptr)
+        return ThrowException(env, PROC_SYSTEM_ERR, "A NULL java string was passed in for user name.  This is invalid.",
+                              0);
+    char text[kNameSize];
+    int sysErr = 0;
+    int result = set_identity(env, userName, unix_setUser, kUserSetter, text, &sysErr);
+    if (result == PROC_SUCCESS)
+        process_log("Successfully set the process user to: [%s]\n", text);
+    else
+        process_err("Failed to set the process current effective user to [%s].  Result was: [%d].  sysErr was: "
+                    "[%d]\n",
+                    text, result, sysErr);
+}
+
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_setCurrentProcessGroup(JNIEnv* env, jobject,
+                                                                                               jstring groupName) {
+    TraceScope trace("UnixProcessGlue_setCurrentProcessGroup()");
+    if (groupName == nullptr)
+        return ThrowException(env, PROC_SYSTEM_ERR,
+                              "A NULL java string was passed in for group name.  This is invalid.", 0);
+    char text[kNameSize];
+    int sysErr = 0;
+    int result = set_identity(env, groupName, unix_setGroup, kGroupSetter, text, &sysErr);
+    if (result == PROC_SUCCESS)
+        process_log("Successfully set the process group to: [%s]\n", text);
+    else
+        process_err("Failed to set the process current effective group to [%s].  Result was: [%d].  sysErr was: "
+                    "[%d]\n",
+                    text, result, sysErr);
+}
+
+QUILLON_API void unix_DeallocateProcessSpawnData(UnixProcessData* data, int*) {
+    TraceScope trace("unix_DeallocateProcessSpawnData()");
+    if (data == nullptr) return;
+    for (char** text : {&data->executable, &data->workingDirectory, &data->userName, &data->groupName,
+                        &data->extraName}) {
+        free(*text);
+        *text = nullptr;
+    }
+    for (char*** array : {&data->arguments, &data->environment, &data->stdFiles}) {
+        ReleaseCStrArray(*array);
+        *array = nullptr;
+    }
+}

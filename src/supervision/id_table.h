@@ -1,0 +1,33 @@
+// A map from 64-bit keys (never 0 or all ones) to pointers: open addressing with linear probing, grown
+// with malloc; a growth that finds no memory is reported, not thrown.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+class IdTable {
+  public:
+    IdTable() = default;
+    IdTable(const IdTable&) = delete;
+    IdTable& operator=(const IdTable&) = delete;
+    ~IdTable();
+
+    void* find(uint64_t key) const;
+    // False when memory ran out; the key must not be in the table.
+    bool insert(uint64_t key, void* value);
+    // The value that was there, or null.
+    void* erase(uint64_t key);
+
+  private:
+    struct Slot {
+        uint64_t key;
+        void* value;
+    };
+    size_t index_of(uint64_t key) const;
+    bool grow();
+
+    Slot* slots_ = nullptr;
+    size_t capacity_ = 0; // a power of two
+    size_t used_ = 0;     // live and erased slots
+    size_t live_ = 0;
+};

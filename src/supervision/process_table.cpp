@@ -1,0 +1,236 @@
+// One entry per followed process, shared by all its records: its pidfd, and how it ended once that has
+// been seen. Entries of processes whose end is not yet seen are indexed by PID, so that adopting a PID
+// finds the entry the launch made.
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+#include <new>
+#include <poll.h>
+#include <sys/wait.h>
+
+#include "runtime/support.h"
+#include "supervision/id_table.h"
+#include "supervision/pidfd.h"
+#include "supervision/supervision_internal.h"
+
+struct ProcessEntry {
+    int pid;
+    int pidfd;            // -1: followed by its PID alone
+    pthread_mutex_t lock; // reaping the child and storing its status are one step under it
+    std::atomic<bool> ended;
+    int exitCode;   // exit status, or the number of the ending signal
+    int signal;     // the ending signal; 0 after an exit or when the end was only seen, not collected
+    unsigned refs;  // under table_lock
+    bool indexed;   // under table_lock: live_entries holds it
+};
+
+namespace {
+pthread_mutex_t table_lock = PTHREAD_MUTEX_INITIALIZER;
+IdTable live_entries; // PID -> the entry of the process that has it, until its end is seen
+
+void unindex(ProcessEntry* entry) {
+    pthread_mutex_lock(&table_lock);
+    if (entry->indexed && live_entries.find(static_cast<uint64_t>(entry->pid)) == entry)
+        live_entries.erase(static_cast<uint64_t>(entry->pid));
+    entry->indexed = false;
+    pthread_mutex_unlock(&table_lock);
+}
+
+// The caller holds entry->lock.
+void mark_ended(ProcessEntry* entry, int exitCode, int signal) {
+    if (entry->ended) return;
+    entry->exitCode = exitCode;
+    entry->signal = signal;
+    entry->ended = true;
+    unindex(entry);
+}
+
+void mark_seen_gone(ProcessEntry* entry) {
+    pthread_mutex_lock(&entry->lock);
+    mark_ended(entry, 0, 0);
+    pthread_mutex_unlock(&entry->lock);
+}
+
+// An entry with the pidfd given, or with one of its own for -1.
+ProcessEntry* make_entry(int pid, int pidfd = -1) {
+    void* block = malloc(sizeof(ProcessEntry));
+    if (block == nullptr) {
+        if (pidfd >= 0) close(pidfd);
+        return nullptr;
+    }
+    auto* entry = new (block) ProcessEntry{};
+    entry->pid = pid;
+    entry->refs = 1;
+    pthread_mutex_init(&entry->lock, nullptr);
+    entry->pidfd = pidfd >= 0 ? pidfd : quillon_pidfd_open(pid);
+    if (entry->pidfd == -1) {
+        int err = errno;
+        if (err == ESRCH)
+            entry->ended = true; // gone already, reaped by its parent
+        else
+            process_log("No pidfd for process [%d], errno [%d]: following it by its PID\n", pid, err);
+    }
+    return entry;
+}
+
+void destroy_entry(ProcessEntry* entry) {
+    if (entry->pidfd >= 0) close(entry->pidfd);
+    pthread_mutex_destroy(&entry->lock);
+    entry->~ProcessEntry();
+    free(entry);
+}
+
+// waitid on the process of the entry, by pidfd where the kernel takes one (5.4 and later).
+int wait_for(const ProcessEntry* entry, siginfo_t* info, int options) {
+    if (entry->pidfd >= 0) {
+        int result = retry_on_eintr([&] { return waitid(P_PIDFD, static_cast<id_t>(entry->pidfd), info, options); });
+        if (result == 0 || errno != EINVAL) return result;
+    }
+    return retry_on_eintr([&] { return waitid(P_PID, static_cast<id_t>(entry->pid), info, options); });
+}
+
+// False when the entry's process is known to have ended, so that its PID may name another by now.
+bool still_the_process(const ProcessEntry* entry) {
+    if (entry->ended) return false;
+    if (entry->pidfd < 0) return true;
+    siginfo_t info = {};
+    if (wait_for(entry, &info, WEXITED | WNOHANG | WNOWAIT) == 0) return true; // our child, not reaped
+    pollfd ready = {entry->pidfd, POLLIN, 0};
+    return poll(&ready, 1, 0) == 0;
+}
+} // namespace
+
+bool attach_launched_entry(UnixProcessData* data, int pid, int pidfd) {
+    ProcessEntry* entry = make_entry(pid, pidfd);
+    if (entry == nullptr) return false;
+    if (!entry->ended) {
+        pthread_mutex_lock(&table_lock);
+        // An indexed entry under this PID names a process that ended unseen: ours has the PID now.
+        if (auto* old = static_cast<ProcessEntry*>(live_entries.erase(static_cast<uint64_t>(pid))))
+            old->indexed = false;
+        entry->indexed = live_entries.insert(static_cast<uint64_t>(pid), entry);
+        pthread_mutex_unlock(&table_lock);
+    }
+    data->process = entry;
+    return true;
+}
+
+ProcessEntry* entry_for_adoption(int pid) {
+    pthread_mutex_lock(&table_lock);
+    auto* found = static_cast<ProcessEntry*>(live_entries.find(static_cast<uint64_t>(pid)));
+    if (found != nullptr) ++found->refs;
+    pthread_mutex_unlock(&table_lock);
+    if (found != nullptr) {
+        if (still_the_process(found)) return found;
+        mark_seen_gone(found);
+        release_entry(found);
+    }
+    ProcessEntry* entry = make_entry(pid);
+    if (entry == nullptr || entry->ended) return entry;
+    pthread_mutex_lock(&table_lock);
+    auto* raced = static_cast<ProcessEntry*>(live_entries.find(static_cast<uint64_t>(pid)));
+    if (raced != nullptr) {
+        ++raced->refs;
+    } else {
+        entry->indexed = live_entries.insert(static_cast<uint64_t>(pid), entry);
+    }
+    pthread_mutex_unlock(&table_lock);
+    if (raced == nullptr) return entry;
+    destroy_entry(entry);
+    return raced;
+}
+
+void release_entry(ProcessEntry* entry) {
+    if (entry == nullptr) return;
+    pthread_mutex_lock(&table_lock);
+    bool last = --entry->refs == 0;
+    if (last && entry->indexed && live_entries.find(static_cast<uint64_t>(entry->pid)) == entry)
+        live_entries.erase(static_cast<uint64_t>(entry->pid));
+    pthread_mutex_unlock(&table_lock);
+    if (last) destroy_entry(entry);
+}
+
+void retain_entry(ProcessEntry* entry) {
+    pthread_mutex_lock(&table_lock);
+    ++entry->refs;
+    pthread_mutex_unlock(&table_lock);
+}
+
+Collection collect_child(ProcessEntry* entry) {
+    pthread_mutex_lock(&entry->lock);
+    Collection collection = {entry->pid, 0};
+    if (!entry->ended) {
+        siginfo_t info = {};
+        if (wait_for(entry, &info, WEXITED | WNOHANG) == -1) {
+            collection = {-1, errno};
+        } else if (info.si_pid == 0) {
+            collection = {0, 0};
+        } else if (info.si_code == CLD_EXITED) {
+            mark_ended(entry, info.si_status & 0xff, 0);
+        } else {
+            mark_ended(entry, info.si_status & 0x7f, info.si_status & 0x7f);
+        }
+    }
+    pthread_mutex_unlock(&entry->lock);
+    return collection;
+}
+
+Collection await_and_collect_child(ProcessEntry* entry) {
+    siginfo_t info = {};
+    if (!entry->ended && wait_for(entry, &info, WEXITED | WNOWAIT) == -1 && errno != ECHILD)
+        return {-1, errno};
+    return collect_child(entry);
+}
+
+Observation observe_non_child(ProcessEntry* entry) {
+    if (entry->ended) return {-1, ESRCH};
+    int result;
+    if (entry->pidfd >= 0) {
+        pollfd ready = {entry->pidfd, POLLIN, 0};
+        if (poll(&ready, 1, 0) == 1) { // ended, perhaps not yet reaped by its parent
+            mark_seen_gone(entry);
+            return {-1, ESRCH};
+        }
+        result = retry_on_eintr([&] { return pidfd_signal(entry->pidfd, 0); });
+    } else {
+        result = retry_on_eintr([&] { return kill(entry->pid, 0); });
+    }
+    int err = result == 0 ? 0 : errno;
+    if (err == ESRCH) mark_seen_gone(entry);
+    return {result, err};
+}
+
+bool entry_ended(const ProcessEntry* entry) {
+    return entry->ended;
+}
+
+int entry_exit_code(const ProcessEntry* entry) {
+    return entry->exitCode;
+}
+
+int entry_signal(const ProcessEntry* entry) {
+    return entry->signal;
+}
+
+int entry_pidfd(const ProcessEntry* entry) {
+    return entry->pidfd;
+}
+
+void await_end(ProcessEntry* entry, int64_t millis) {
+    if (entry->pidfd >= 0) {
+        pollfd ready = {entry->pidfd, POLLIN, 0};
+        poll(&ready, 1, millis == kForever ? -1 : static_cast<int>(millis));
+        return;
+    }
+    if (millis == kForever) millis = SLEEP_INTERVAL * 1000;
+    timespec nap = {static_cast<time_t>(millis / 1000), static_cast<long>(millis % 1000) * 1000000};
+    nanosleep(&nap, nullptr);
+}
+
+int signal_process(ProcessEntry* entry, int pid, int signal) {
+    if (entry != nullptr && entry->ended) return ESRCH; // its PID may name another process by now
+    int result = retry_on_eintr([&] {
+        return entry != nullptr && entry->pidfd >= 0 ? pidfd_signal(entry->pidfd, signal) : kill(pid, signal);
+    });
+    return result == 0 ? 0 : errno;
+}

@@ -1,0 +1,117 @@
+// Killing a whole tree of processes: the root and everything below it are stopped first, so that none
+// of them can fork while the tree is read from /proc, and then killed together.
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+
+#include "quillon/result_codes.h"
+#include "runtime/support.h"
+#include "supervision/supervision_internal.h"
+#include "supervision/tree.h"
+
+namespace {
+constexpr int kMaxRounds = 16;
+
+struct Pids {
+    int* pids = nullptr;
+    size_t count = 0;
+    size_t capacity = 0;
+    ~Pids() { free(pids); }
+    bool contains(int pid) const {
+        for (size_t i = 0; i < count; ++i)
+            if (pids[i] == pid) return true;
+        return false;
+    }
+    bool add(int pid) {
+        if (count == capacity) {
+            size_t bigger = capacity == 0 ? 64 : capacity * 2;
+            auto* grown = static_cast<int*>(realloc(pids, bigger * sizeof(int)));
+            if (grown == nullptr) return false;
+            pids = grown;
+            capacity = bigger;
+        }
+        pids[count++] = pid;
+        return true;
+    }
+};
+
+// The parent of a process, from /proc/<pid>/stat; 0 when it can't be read.
+int parent_of(int pid) {
+    char path[64];
+    snprintf(path, sizeof path, "/proc/%d/stat", pid);
+    FILE* stat = fopen(path, "re");
+    if (stat == nullptr) return 0;
+    char line[1024];
+    int parent = 0;
+    if (fgets(line, sizeof line, stat) != nullptr) {
+        const char* afterName = strrchr(line, ')'); // the command name may hold anything, ')' too
+        if (afterName != nullptr) sscanf(afterName + 1, " %*c %d", &parent);
+    }
+    fclose(stat);
+    return parent;
+}
+
+// Adds every process below `root` that is not in `known` yet. False when memory ran out.
+bool find_descendants(int root, Pids& known, bool* grew) {
+    Pids all, parents;
+    DIR* proc = opendir("/proc");
+    if (proc == nullptr) return true;
+    while (dirent* entry = readdir(proc)) {
+        int pid = atoi(entry->d_name);
+        if (pid <= 0) continue;
+        if (!all.add(pid) || !parents.add(parent_of(pid))) {
+            closedir(proc);
+            return false;
+        }
+    }
+    closedir(proc);
+    *grew = false;
+    bool added = true;
+    while (added) { // a process belongs to the tree when its parent does
+        added = false;
+        for (size_t i = 0; i < all.count; ++i) {
+            if (all.pids[i] == root || known.contains(all.pids[i])) continue;
+            if (parents.pids[i] != root && !known.contains(parents.pids[i])) continue;
+            if (!known.add(all.pids[i])) return false;
+            added = *grew = true;
+        }
+    }
+    return true;
+}
+} // namespace
+
+int kill_tree(UnixProcessData* data, int* sysErr) {
+    TraceScope trace("killTree()");
+    int root = record_pid(data);
+    *sysErr = 0;
+    int result = ensure_entry(data, sysErr);
+    if (result != PROC_SUCCESS) return result;
+    bool leader = !entry_ended(data->process) && getpgid(root) == root;
+    int err = signal_process(data->process, root, SIGSTOP);
+    if (err != 0 && err != ESRCH) {
+        *sysErr = err;
+        return err == EPERM ? PROC_ACCESS_DENIED : PROC_SYSTEM_ERR;
+    }
+    if (leader) kill(-root, SIGSTOP);
+    Pids tree;
+    for (int round = 0; round < kMaxRounds; ++round) {
+        bool grew = false;
+        size_t before = tree.count;
+        if (!find_descendants(root, tree, &grew)) {
+            *sysErr = ENOMEM;
+            return PROC_OUT_OF_MEMORY;
+        }
+        for (size_t i = before; i < tree.count; ++i)
+            kill(tree.pids[i], SIGSTOP);
+        if (!grew) break;
+    }
+    if (leader) kill(-root, SIGKILL);
+    signal_process(data->process, root, SIGKILL);
+    for (size_t i = 0; i < tree.count; ++i)
+        kill(tree.pids[i], SIGKILL);
+    process_log("Killed process [%d] and %d processes below it\n", root, static_cast<int>(tree.count));
+    return PROC_SUCCESS;
+}
