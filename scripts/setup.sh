@@ -2,7 +2,7 @@
 # Installs what the build and the tests need (Debian packages, as root), or says exactly what is missing.
 set -eu
 
-packages="g++ cmake make openjdk-17-jdk-headless junit5 libgtest-dev libgmock-dev binutils util-linux"
+packages="g++ cmake make openjdk-17-jdk-headless junit5 libgtest-dev libgmock-dev binutils util-linux dpkg-dev file"
 missing=""
 for package in $packages; do
     dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" || missing="$missing $package"
