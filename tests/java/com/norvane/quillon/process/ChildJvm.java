@@ -1,11 +1,18 @@
 package com.norvane.quillon.process;
 
+import java.io.File;
 import java.io.IOException;
+import java.io.UncheckedIOException;
 import java.nio.charset.StandardCharsets;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.nio.file.attribute.PosixFilePermissions;
 import java.util.ArrayList;
+import java.util.Comparator;
 import java.util.List;
 import java.util.Map;
 import java.util.concurrent.TimeUnit;
+import java.util.stream.Stream;
 
 /** Runs a main class of the tests in a JVM of its own, under -Xcheck:jni, optionally as user nobody. */
 final class ChildJvm {
@@ -20,11 +27,59 @@ final class ChildJvm {
         if (asNobody) {
             command.addAll(List.of("setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"));
         }
+        String[] paths = asNobody ? NobodyCopies.PATHS
+                : new String[] {System.getProperty("quillon.classpath"), System.getProperty("java.library.path")};
         command.addAll(List.of(System.getProperty("java.home") + "/bin/java", "-Xcheck:jni",
-                "-Djava.library.path=" + System.getProperty("java.library.path"),
-                "-cp", System.getProperty("quillon.classpath"), main.getName()));
+                "-Djava.library.path=" + paths[1], "-cp", paths[0], main.getName()));
         command.addAll(List.of(args));
         return command;
+    }
+
+    /**
+     * The class path and the library as copies nobody can read: a build folder in a private directory is
+     * out of its reach. Made once, in a fresh directory (0755, files 0644) removed at exit.
+     */
+    private static final class NobodyCopies {
+        static final String[] PATHS = stage();
+
+        private static String[] stage() {
+            try {
+                Path dir = Files.createTempDirectory("quillon-nobody-");
+                Runtime.getRuntime().addShutdownHook(new Thread(() -> removeAll(dir)));
+                Files.setPosixFilePermissions(dir, PosixFilePermissions.fromString("rwxr-xr-x"));
+                List<String> classpath = new ArrayList<>();
+                for (String entry : System.getProperty("quillon.classpath").split(File.pathSeparator)) {
+                    classpath.add(readable(Path.of(entry), dir.resolve(classpath.size() + "-"
+                            + Path.of(entry).getFileName())).toString());
+                }
+                String library = System.mapLibraryName(NativeLibrary.NAME);
+                for (String libraryDir : System.getProperty("java.library.path").split(File.pathSeparator)) {
+                    if (Files.exists(Path.of(libraryDir, library))) {
+                        readable(Path.of(libraryDir, library), dir.resolve(library));
+                        break;
+                    }
+                }
+                return new String[] {String.join(File.pathSeparator, classpath), dir.toString()};
+            } catch (IOException e) {
+                throw new UncheckedIOException("cannot stage the class path for nobody", e);
+            }
+        }
+
+        private static Path readable(Path from, Path to) throws IOException {
+            Files.copy(from, to);
+            Files.setPosixFilePermissions(to, PosixFilePermissions.fromString("rw-r--r--"));
+            return to;
+        }
+
+        private static void removeAll(Path dir) {
+            try (Stream<Path> paths = Files.walk(dir)) {
+                for (Path path : paths.sorted(Comparator.reverseOrder()).toList()) {
+                    Files.deleteIfExists(path);
+                }
+            } catch (IOException e) {
+                // Left in the temporary directory.
+            }
+        }
     }
 
     /** Runs it to its end and returns what it wrote to stdout and stderr. */
