@@ -44,6 +44,7 @@ public final class NativeProcess extends Process implements AutoCloseable {
     });
     private static final UnixProcessGlue UNIX = UnixProcessGlue.get();
     private static final NativeProcessGlue NATIVE = NativeProcessGlue.get();
+    private static final long NATIVE_WAIT_MILLIS = 5;
 
     private final OwnedHandle owner;
     private final Cleaner.Cleanable cleanable;
@@ -234,12 +235,22 @@ public final class NativeProcess extends Process implements AutoCloseable {
         if (owner.self) {
             throw new IllegalStateException("the running JVM cannot wait for its own end");
         }
+        // A program whose output has just ended usually ends within a moment. A short native wait sees that
+        // without the thread switch through the watcher; it can't be interrupted, hence short.
+        boolean forever = nanos < 0;
+        long nativeMillis = forever ? NATIVE_WAIT_MILLIS : Math.min(NATIVE_WAIT_MILLIS, nanos / 1_000_000);
+        if (owner.endsWithin(nativeMillis)) {
+            return true;
+        }
+        if (Thread.interrupted()) {
+            throw new InterruptedException();
+        }
         owner.ensureWatched();
         try {
-            if (nanos < 0) {
+            if (forever) {
                 owner.ended.get();
             } else {
-                owner.ended.get(nanos, TimeUnit.NANOSECONDS);
+                owner.ended.get(nanos - nativeMillis * 1_000_000, TimeUnit.NANOSECONDS);
             }
             return true;
         } catch (TimeoutException e) {

@@ -120,6 +120,22 @@ final class OwnedHandle implements Runnable {
         }
     }
 
+    /**
+     * Waits natively, which the end of the process wakes at once, but not an interrupt: for short times only.
+     *
+     * @return whether the process ended within {@code millis}
+     */
+    boolean endsWithin(long millis) {
+        acquire();
+        try {
+            return end != null || (NATIVE.waitFor(handle, millis) && recordEnd());
+        } catch (ProcessOpException e) {
+            throw failure(e);
+        } finally {
+            release();
+        }
+    }
+
     /** Reads the end of an ended process; the caller holds a use. */
     private boolean recordEnd() throws ProcessOpException {
         End known = new End(UNIX.getExitCode(handle), NATIVE.terminationSignal(handle));
