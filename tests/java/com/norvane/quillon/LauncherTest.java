@@ -1,0 +1,177 @@
+package com.norvane.quillon;
+
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertThrows;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+import static org.junit.jupiter.api.Assumptions.assumeTrue;
+
+import java.io.IOException;
+import java.lang.ProcessBuilder.Redirect;
+import java.nio.charset.StandardCharsets;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.time.Duration;
+import java.util.HashMap;
+import java.util.List;
+import java.util.Map;
+import java.util.concurrent.TimeUnit;
+import java.util.stream.Collectors;
+import java.util.stream.Stream;
+import org.junit.jupiter.api.Test;
+import org.junit.jupiter.params.ParameterizedTest;
+import org.junit.jupiter.params.provider.Arguments;
+import org.junit.jupiter.params.provider.CsvSource;
+import org.junit.jupiter.params.provider.MethodSource;
+
+/** What Launcher and NativeProcess do beyond ProcessBuilder. */
+class LauncherTest {
+    static boolean isRoot() {
+        return "root".equals(System.getProperty("user.name"));
+    }
+
+    /** Runs a shell script to its end and returns its stdout. */
+    static String output(Launcher launcher) throws Exception {
+        try (NativeProcess process = launcher.start()) {
+            String out = new String(process.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
+            assertEquals(0, process.waitFor(), out);
+            return out;
+        }
+    }
+
+    static Launcher shell(String script) {
+        return new Launcher("/bin/sh", "-c", script);
+    }
+
+    /** Whether a PID names no running process any more (gone, or a zombie waiting for its parent). */
+    static boolean ended(long pid) {
+        try {
+            String stat = Files.readString(Path.of("/proc/" + pid + "/stat"));
+            return stat.charAt(stat.lastIndexOf(')') + 2) == 'Z';
+        } catch (IOException e) {
+            return true;
+        }
+    }
+
+    @Test
+    void theProgramRunsWithTheNiceValueUmaskAndProcessGroupAskedFor() throws Exception {
+        String script = "cut -d' ' -f19 /proc/$$/stat; umask; test $(cut -d' ' -f5 /proc/$$/stat) = $$ && echo leader";
+        assertEquals("7\n0027\nleader\n", output(shell(script).nice(7).umask(027).newProcessGroup()));
+        String jvmGroup = Files.readString(Path.of("/proc/self/stat")).replaceFirst(".*\\) ", "").split(" ")[2];
+        assertEquals(jvmGroup + "\n", output(shell("cut -d' ' -f5 /proc/$$/stat")), "by default in the JVM's group");
+    }
+
+    @ParameterizedTest(name = "user {0}, group {1}: {2}")
+    @CsvSource(nullValues = "-", value = {"nobody, -, 65534 65534", "-, nogroup, 0 65534", "nobody, nogroup, 65534 65534"})
+    void theProgramRunsAsTheUserAndGroupAskedFor(String user, String group, String ids) throws Exception {
+        assumeTrue(isRoot(), "needs root to start a program as another user or group");
+        assertEquals(ids + "\n", output(shell("echo $(id -u) $(id -g)").user(user).group(group)));
+    }
+
+    static Stream<Arguments> environments() {
+        String inherited = System.getenv("PATH");
+        return Stream.of(
+                Arguments.of("added to the inherited one", null,
+                        Map.of("PATH", "/first:" + inherited, "QUILLON_X", "x", "HOME", System.getenv("HOME"))),
+                Arguments.of("added to a replacement", Map.of("PATH", "/bin:/usr/bin", "QUILLON_X", "old", "ONLY", "1"),
+                        Map.of("PATH", "/first:/bin:/usr/bin", "QUILLON_X", "x", "ONLY", "1")));
+    }
+
+    @ParameterizedTest(name = "{0}")
+    @MethodSource("environments")
+    void additionsPutPathLikeValuesInFrontAndReplaceOthers(String name, Map<String, String> replacement,
+            Map<String, String> expected) throws Exception {
+        Launcher launcher = new Launcher("/usr/bin/env").environment(replacement).addEnvironment("PATH", "/first")
+                .addEnvironment("QUILLON_X", "x");
+        Map<String, String> seen = output(launcher).lines().map(line -> line.split("=", 2))
+                .collect(Collectors.toMap(kv -> kv[0], kv -> kv[1]));
+        if (replacement != null) {
+            assertEquals(expected, seen);
+        } else {
+            assertEquals(expected, Map.of("PATH", seen.get("PATH"), "QUILLON_X", seen.get("QUILLON_X"), "HOME",
+                    seen.get("HOME")));
+        }
+    }
+
+    @ParameterizedTest(name = "{0}")
+    @CsvSource({"program that ends on SIGTERM, exec sleep 30, 15, 0",
+            "program that ignores SIGTERM, trap '' TERM; exec sleep 30, 9, 400"})
+    void stopEndsTheProgramWithSigkillOnlyAfterTheGrace(String name, String script, int signal, long atLeastMillis)
+            throws Exception {
+        try (NativeProcess process = shell(script).start()) {
+            Thread.sleep(100); // lets the trap be set
+            long begin = System.nanoTime();
+            assertEquals(128 + signal, process.stop(Duration.ofMillis(400)));
+            long took = (System.nanoTime() - begin) / 1_000_000;
+            assertTrue(took >= atLeastMillis && took < atLeastMillis + 2000, "took " + took + " ms");
+            assertEquals(signal, process.exitSignal());
+        }
+    }
+
+    @Test
+    void killTreeKillsThreeGenerationsAtOnceAlsoThoseThatLeftTheGroup() throws Exception {
+        try (NativeProcess root = shell("sh -c 'setsid sleep 60 & sleep 60' & sleep 60").newProcessGroup().start()) {
+            List<ProcessHandle> tree = List.of();
+            for (int i = 0; i < 100 && tree.size() < 4; i++) {
+                Thread.sleep(50);
+                tree = root.toHandle().descendants().collect(Collectors.toList());
+            }
+            assertEquals(4, tree.size(), "two children and two grandchildren: " + tree);
+            root.killTree();
+            assertTrue(root.waitFor(10, TimeUnit.SECONDS));
+            assertEquals(9, root.exitSignal());
+            for (ProcessHandle process : tree) {
+                for (int i = 0; i < 100 && !ended(process.pid()); i++) {
+                    Thread.sleep(20);
+                }
+                assertTrue(ended(process.pid()), process + " still runs");
+            }
+        }
+    }
+
+    /** Starts its arguments as a detached program with no streams and prints the program's PID. */
+    public static final class DetachedStart {
+        public static void main(String[] args) throws Exception {
+            try (NativeProcess process = new Launcher(args).detached(true).redirectInput(Redirect.from(new java.io.File(
+                    "/dev/null"))).redirectOutput(Redirect.DISCARD).redirectError(Redirect.DISCARD).start()) {
+                System.out.println(process.pid());
+            }
+        }
+    }
+
+    @Test
+    void aDetachedProgramOutlivesItsJvmAndCanBeAdoptedAndStopped() throws Exception {
+        Process jvm = new ProcessBuilder(System.getProperty("java.home") + "/bin/java", "-Xcheck:jni",
+                "-Djava.library.path=" + System.getProperty("java.library.path"), "-cp",
+                System.getProperty("quillon.classpath"), DetachedStart.class.getName(), "sleep", "30")
+                .redirectErrorStream(true).start();
+        String out = new String(jvm.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
+        assertTrue(jvm.waitFor(60, TimeUnit.SECONDS));
+        assertEquals(0, jvm.exitValue(), out);
+        long pid = Long.parseLong(out.strip().lines().reduce((first, last) -> last).orElseThrow());
+        assertFalse(ended(pid), "the program outlived the JVM that started it");
+        try (NativeProcess adopted = NativeProcess.adopt(pid)) {
+            assertTrue(adopted.isAlive());
+            assertEquals(pid, adopted.toHandle().pid());
+            assertTrue(ProcessHandle.current().children().noneMatch(child -> child.pid() == pid), "no child of ours");
+            assertEquals(-1, adopted.getInputStream().read());
+            assertThrows(IOException.class, () -> adopted.getOutputStream().write(1));
+            assertEquals(0, adopted.stop(Duration.ofSeconds(10)), "the status of a process that is no child is unknown");
+            assertEquals(0, adopted.exitSignal());
+            assertFalse(adopted.isAlive());
+        }
+    }
+
+    @Test
+    void theRunningJvmIsAliveAndRefusesToEndOrAwaitItself() throws Exception {
+        try (NativeProcess self = NativeProcess.self()) {
+            assertEquals(ProcessHandle.current().pid(), self.pid());
+            assertTrue(self.isAlive());
+            assertThrows(IllegalThreadStateException.class, self::exitValue);
+            assertThrows(IllegalStateException.class, self::waitFor);
+            assertThrows(IllegalStateException.class, self::onExit);
+            assertThrows(IllegalStateException.class, self::destroy);
+            assertThrows(IllegalStateException.class, self::killTree);
+        }
+    }
+}

@@ -1,0 +1,187 @@
+package com.norvane.quillon;
+
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertInstanceOf;
+import static org.junit.jupiter.api.Assertions.assertThrows;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+import static org.junit.jupiter.api.Assertions.fail;
+
+import java.io.IOException;
+import java.lang.ProcessBuilder.Redirect;
+import java.nio.charset.StandardCharsets;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.ArrayList;
+import java.util.LinkedHashMap;
+import java.util.List;
+import java.util.Map;
+import java.util.concurrent.Callable;
+import java.util.concurrent.CompletableFuture;
+import java.util.concurrent.ExecutionException;
+import java.util.concurrent.ExecutorService;
+import java.util.concurrent.Executors;
+import java.util.concurrent.Future;
+import java.util.concurrent.TimeUnit;
+import java.util.stream.Stream;
+import org.junit.jupiter.api.Test;
+import org.junit.jupiter.api.function.Executable;
+
+/** The process object owns its native handle and pipes: closes, garbage collection and waits may race. */
+class OwnershipTest {
+    private static boolean gone(long pid) {
+        return !Files.exists(Path.of("/proc/" + pid));
+    }
+
+    @Test
+    void afterCloseEveryCallButCloseIsRefusedAndTheChildIsStillCollected() throws Exception {
+        NativeProcess process = new Launcher("sleep", "30").start();
+        long pid = process.pid();
+        ProcessHandle handle = process.toHandle();
+        process.close();
+        process.close();
+        Map<String, Executable> calls = new LinkedHashMap<>();
+        calls.put("pid", process::pid);
+        calls.put("isAlive", process::isAlive);
+        calls.put("exitValue", process::exitValue);
+        calls.put("exitSignal", process::exitSignal);
+        calls.put("waitFor", process::waitFor);
+        calls.put("timed waitFor", () -> process.waitFor(1, TimeUnit.SECONDS));
+        calls.put("onExit", process::onExit);
+        calls.put("toHandle", process::toHandle);
+        calls.put("getInputStream", process::getInputStream);
+        calls.put("destroy", process::destroy);
+        calls.put("stop", () -> process.stop(java.time.Duration.ZERO));
+        calls.put("killTree", process::killTree);
+        calls.put("requestThreadDump", process::requestThreadDump);
+        calls.forEach((name, call) -> assertThrows(IllegalStateException.class, call, name));
+        assertTrue(handle.destroyForcibly());
+        for (int i = 0; i < 100 && !gone(pid); i++) {
+            Thread.sleep(20);
+        }
+        assertTrue(gone(pid), "the closed object's child was collected, no zombie");
+    }
+
+    @Test
+    void closeEndsWaitsInOtherThreads() throws Exception {
+        ExecutorService pool = Executors.newCachedThreadPool();
+        try (NativeProcess process = new Launcher("sleep", "30").start()) {
+            CompletableFuture<Process> exit = process.onExit();
+            Future<Integer> waiter = pool.submit(() -> process.waitFor());
+            Future<Boolean> timedWaiter = pool.submit(() -> process.waitFor(20, TimeUnit.SECONDS));
+            Thread.sleep(200);
+            process.toHandle().destroyForcibly(); // the close below must not stop the collection of the end
+            process.close();
+            for (Future<?> wait : List.of(waiter, timedWaiter, exit)) {
+                ExecutionException e = assertThrows(ExecutionException.class, () -> wait.get(5, TimeUnit.SECONDS));
+                assertInstanceOf(IllegalStateException.class, e.getCause());
+            }
+        } finally {
+            pool.shutdown();
+        }
+    }
+
+    /** Each racer either completes or meets the close; nothing else, nothing hangs. */
+    @Test
+    void closeWaitsAndOnExitRacingOnManyProcesses() throws Exception {
+        ExecutorService pool = Executors.newFixedThreadPool(6);
+        try {
+            for (int i = 0; i < 300; i++) {
+                NativeProcess process = new Launcher("/bin/sh", "-c", i % 2 == 0 ? "exit 3" : "sleep 0.01")
+                        .redirectOutput(Redirect.DISCARD).start();
+                List<Callable<Object>> racers = List.of(process::waitFor, () -> process.waitFor(5, TimeUnit.MILLISECONDS),
+                        () -> process.onExit().get(), process::isAlive, () -> {
+                            process.close();
+                            return null;
+                        }, () -> process.getInputStream().read());
+                List<Future<Object>> outcomes = new ArrayList<>();
+                for (Callable<Object> racer : racers) {
+                    outcomes.add(pool.submit(racer));
+                }
+                for (Future<Object> outcome : outcomes) {
+                    try {
+                        outcome.get(10, TimeUnit.SECONDS);
+                    } catch (ExecutionException e) {
+                        Throwable cause = e.getCause() instanceof ExecutionException inner ? inner.getCause() : e.getCause();
+                        if (!(cause instanceof IllegalStateException) && !(cause instanceof IOException
+                                && "Stream closed".equals(cause.getMessage()))) {
+                            fail("unexpected outcome", cause);
+                        }
+                    }
+                }
+            }
+        } finally {
+            pool.shutdown();
+        }
+    }
+
+    private static long descriptors() throws IOException {
+        try (Stream<Path> fds = Files.list(Path.of("/proc/self/fd"))) {
+            return fds.count();
+        }
+    }
+
+    private static long zombieChildren() throws IOException {
+        String self = Long.toString(ProcessHandle.current().pid());
+        try (Stream<Path> all = Files.list(Path.of("/proc"))) {
+            return all.filter(p -> p.getFileName().toString().matches("\\d+")).filter(p -> {
+                try {
+                    String[] fields = Files.readString(p.resolve("stat")).replaceFirst(".*\\) ", "").split(" ");
+                    return fields[0].equals("Z") && fields[1].equals(self);
+                } catch (IOException gone) {
+                    return false;
+                }
+            }).count();
+        }
+    }
+
+    /** Launches echo from eight threads; every tenth process is dropped unread, unwaited and unclosed. */
+    private static void launchMany(int count) throws Exception {
+        ExecutorService pool = Executors.newFixedThreadPool(8);
+        List<Future<?>> runs = new ArrayList<>();
+        for (int t = 0; t < 8; t++) {
+            final int thread = t;
+            runs.add(pool.submit(() -> {
+                for (int n = thread; n < count; n += 8) {
+                    NativeProcess process = new Launcher("/bin/echo", "hi", Integer.toString(n)).start();
+                    if (n % 10 == 0) {
+                        continue; // left to the watcher and the garbage collector
+                    }
+                    try (process) {
+                        assertEquals("hi " + n + "\n",
+                                new String(process.getInputStream().readAllBytes(), StandardCharsets.UTF_8));
+                        assertEquals(0, process.waitFor());
+                    }
+                }
+                return null;
+            }));
+        }
+        for (Future<?> run : runs) {
+            run.get();
+        }
+        pool.shutdown();
+        assertTrue(pool.awaitTermination(10, TimeUnit.SECONDS));
+    }
+
+    @Test
+    void tenThousandLaunchesFromEightThreadsLeaveNoDescriptorThreadOrZombieBehind() throws Exception {
+        launchMany(200); // starts the watcher and cleaner threads, opens what the JVM opens lazily
+        System.gc();
+        Thread.sleep(500);
+        long fds = descriptors();
+        int threads = Thread.getAllStackTraces().size();
+        long zombies = zombieChildren();
+        launchMany(10_000);
+        boolean settled = false;
+        for (int i = 0; i < 100 && !settled; i++) { // the dropped ones go with the garbage
+            System.gc();
+            Thread.sleep(100);
+            settled = descriptors() <= fds && Thread.getAllStackTraces().size() <= threads && zombieChildren() <= zombies;
+        }
+        assertEquals(fds, Math.max(fds, descriptors()), "descriptors");
+        assertEquals(threads, Math.max(threads, Thread.getAllStackTraces().size()),
+                () -> "threads: " + Thread.getAllStackTraces().keySet());
+        assertEquals(zombies, Math.max(zombies, zombieChildren()), "zombie children");
+        assertFalse(zombies > 0, "zombie children before");
+    }
+}
