@@ -11,8 +11,9 @@ namespace {
 // A native string array remembers its length in a hidden slot in front of the vector it hands out,
 // so that ReleaseCStrArray also frees the strings behind a null entry.
 char** allocate_string_array(size_t count) {
-    auto* block = static_cast<char**>(calloc(count + 2, sizeof(char*)));
+    auto* block = static_cast<char**>(malloc((count + 2) * sizeof(char*)));
     if (block == nullptr) return nullptr;
+    memset(block, 0, (count + 2) * sizeof(char*));
     block[0] = reinterpret_cast<char*>(static_cast<uintptr_t>(count));
     return block + 1;
 }

@@ -9,7 +9,7 @@
 #include <unistd.h>
 
 #include "quillon/boundary.h"
-#include "quillon/launch.h"
+#include "launch/launch_internal.h"
 #include "support/child.h"
 #include "support/seams.h"
 

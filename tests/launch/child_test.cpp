@@ -121,9 +121,8 @@ TEST(StdHandles, AppendOrTruncateJoinedToTheWorkingDirectoryUnderTheMask) {
         std::string base_copy = base;
         RunInChild([&] {
             umask(027);
-            const char* files[] = {nullptr, "out.log", nullptr};
             int err = 0;
-            SetupChildStdHandles(base_copy.c_str(), const_cast<char**>(files), &err);
+            SetUpStdHandles(base_copy.c_str(), {nullptr, "out.log", nullptr}, &err);
             fputs("appended\n", stdout);
             return std::string();
         });
@@ -132,9 +131,8 @@ TEST(StdHandles, AppendOrTruncateJoinedToTheWorkingDirectoryUnderTheMask) {
     unlink(out.c_str());
     RunInChild([&] {
         umask(027);
-        const char* files[] = {nullptr, "!out.log", nullptr};
         int err = 0;
-        SetupChildStdHandles(dir, const_cast<char**>(files), &err);
+        SetUpStdHandles(dir, {nullptr, "!out.log", nullptr}, &err);
         fputs("fresh\n", stdout);
         return std::string();
     });
@@ -159,9 +157,8 @@ class StdHandleName : public testing::TestWithParam<NameCase> {};
 TEST_P(StdHandleName, LimitsAndOpenFailures) {
     const NameCase& c = GetParam();
     ChildOutcome outcome = RunInChild([&] {
-        const char* files[] = {nullptr, c.file.c_str(), nullptr};
         int err = 0;
-        int result = SetupChildStdHandles(c.workingDirectory, const_cast<char**>(files), &err);
+        int result = SetUpStdHandles(c.workingDirectory, {nullptr, c.file.c_str(), nullptr}, &err);
         return std::to_string(result) + "/" + std::to_string(err);
     });
     EXPECT_EQ(outcome.report, expected(c.result, c.sysErr));
@@ -193,10 +190,9 @@ class StdHandleDupFailure : public testing::TestWithParam<Dup2Case> {};
 TEST_P(StdHandleDupFailure, MapsTheErrno) {
     const Dup2Case& c = GetParam();
     ChildOutcome outcome = RunInChild([&] {
-        const char* files[] = {c.file, nullptr, nullptr};
         int err = 0;
         seams::dup2 = {1, c.err};
-        int result = SetupChildStdHandles(nullptr, const_cast<char**>(files), &err);
+        int result = SetUpStdHandles(nullptr, {c.file, nullptr, nullptr}, &err);
         return std::to_string(result) + "/" + std::to_string(err);
     });
     EXPECT_EQ(outcome.report, expected(c.result, c.err));
@@ -232,7 +228,7 @@ TEST(LaunchingSideFailures, ForkAndPipeFailuresMapAndCloseEverything) {
     struct Case {
         const char* name;
         bool detached;
-        seams::Fault forkFault, pipeFault;
+        seams::Fault cloneFault, pipeFault;
         int result, sysErr;
     };
     const Case cases[] = {
@@ -246,16 +242,16 @@ TEST(LaunchingSideFailures, ForkAndPipeFailuresMapAndCloseEverything) {
     for (const Case& c : cases) {
         ChildOutcome outcome = RunInChild([&] {
             int before = OpenDescriptorCount();
-            seams::fork = c.forkFault;
+            seams::clone = c.cloneFault;
             seams::pipe = c.pipeFault;
             Launched l = Launch(Request{}, c.detached);
-            seams::fork = {};
+            seams::clone = {};
             seams::pipe = {};
             return outcome_text(l) + " pid:" + std::to_string(l.pid) +
                    " fds:" + std::to_string(OpenDescriptorCount() - before) +
                    " children:" + (no_children_left() ? "none" : "some");
         });
-        std::string pid = c.detached ? "0" : (c.forkFault.at != 0 ? "-1" : "0");
+        std::string pid = c.detached ? "0" : (c.cloneFault.at != 0 ? "-1" : "0");
         EXPECT_EQ(outcome.report, expected(c.result, c.sysErr) + " pid:" + pid + " fds:0 children:none")
             << c.name;
     }

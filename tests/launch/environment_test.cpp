@@ -4,8 +4,10 @@
 #include <string>
 #include <vector>
 
+extern char** environ;
+
+#include "launch/launch_internal.h"
 #include "quillon/launch.h"
-#include "support/child.h"
 #include "support/seams.h"
 
 namespace {
@@ -90,32 +92,43 @@ TEST(Merge, RefusesANullOutParameterAndReportsAFailedAllocation) {
     EXPECT_EQ(merged, nullptr);
 }
 
-// The merge into environ runs in a child, as it does in a launch.
-std::string merged_environment(std::vector<const char*> request, int mallocFailAt = 0) {
-    return RunInChild([&] {
-               clearenv();
-               setenv("PATH", "/b", 1);
-               setenv("KEEP", "1", 1);
-               setenv("GONE", "1", 1);
-               request.push_back(nullptr);
-               seams::malloc = {mallocFailAt, ENOMEM};
-               MergeEnvironment(const_cast<char**>(request.data()));
-               seams::malloc = {};
-               std::string all;
-               for (char** e = environ; *e != nullptr; ++e)
-                   all += std::string(*e) + ";";
-               return all;
-           })
-        .report;
+// The environment of a new process, built from a small inherited one.
+struct Built {
+    bool ok;
+    std::string entries;
+};
+
+Built built_environment(std::vector<const char*> request) {
+    char* inherited[] = {const_cast<char*>("PATH=/b"), const_cast<char*>("KEEP=1"), const_cast<char*>("GONE=1"),
+                         nullptr};
+    char** saved = environ;
+    environ = inherited;
+    request.push_back(nullptr);
+    LaunchRequest launch;
+    launch.environment = const_cast<char**>(request.data());
+    Built out{build_environment(&launch), ""};
+    environ = saved;
+    for (char** e = launch.envp; out.ok && *e != nullptr; ++e)
+        out.entries += std::string(*e) + ";";
+    return out;
 }
 
 TEST(Merge, AppliesEntriesInOrderOverTheInheritedEnvironment) {
-    EXPECT_EQ(merged_environment({"NEW=x", "PATH=/a", "KEEP=2", "GONE"}), "PATH=/a:/b;KEEP=2;NEW=x;");
-    EXPECT_EQ(merged_environment({"path=/a"}), "PATH=/b;KEEP=1;GONE=1;path=/a:/b;");
+    EXPECT_EQ(built_environment({"NEW=x", "PATH=/a", "KEEP=2", "GONE"}).entries, "PATH=/a:/b;KEEP=2;NEW=x;");
+    EXPECT_EQ(built_environment({"path=/a"}).entries, "PATH=/b;KEEP=1;GONE=1;path=/a:/b;");
 }
 
-TEST(Merge, AFailedMergeKeepsTheInheritedValueAndGoesOn) {
-    // Allocation 1 is the child's copy of the environment vector, 2 the merged PATH.
-    EXPECT_EQ(merged_environment({"PATH=/a", "NEW=x"}, 2), "PATH=/b;KEEP=1;GONE=1;NEW=x;");
+TEST(Merge, AnyFailedAllocationFailsTheWholeEnvironment) {
+    for (int at = 1;; ++at) {
+        seams::malloc = {at, ENOMEM};
+        Built built = built_environment({"PATH=/a", "NEW=x"});
+        bool faulted = seams::malloc.at == 0;
+        seams::malloc = {};
+        if (!faulted) {
+            EXPECT_EQ(built.entries, "PATH=/a:/b;KEEP=1;GONE=1;NEW=x;");
+            break;
+        }
+        EXPECT_FALSE(built.ok) << "allocation " << at << " failed, yet the environment was built";
+    }
 }
 } // namespace

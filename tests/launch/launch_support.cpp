@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <dirent.h>
 
-#include "quillon/runtime.h"
+#include "supervision/supervision_internal.h"
 
 namespace {
 std::vector<char*> vector_of(std::vector<std::string>& texts) {
@@ -20,21 +20,28 @@ Launched Launch(const Request& request, bool detached) {
     std::vector<char*> arguments = vector_of(r.arguments);
     std::vector<char*> environment = vector_of(r.environment);
     std::vector<char*> files;
-    for (const char* f : r.stdFiles)
-        files.push_back(const_cast<char*>(f));
-    UnixProcessData* data = NewProcessData();
+    for (const char* file : r.stdFiles)
+        files.push_back(const_cast<char*>(file));
+    UnixProcessData* data = new_record();
     copy_bounded(data->pid, "0", sizeof data->pid);
     data->isAlive = 1;
     auto launch = detached ? unix_CreateDetachedProcess : unix_CreateProcess;
     Launched out;
-    out.result =
-        launch(r.executable.c_str(), arguments.data(), r.environment.empty() ? nullptr : environment.data(),
-               r.workingDirectory, r.priority, files.empty() ? nullptr : files.data(), r.fileMask, r.group,
-               r.user, r.processGroup, data, &out.sysErr);
+    out.result = launch(r.executable.c_str(), arguments.data(), r.environment.empty() ? nullptr : environment.data(),
+                        r.workingDirectory, r.priority, files.empty() ? nullptr : files.data(), r.fileMask, r.group,
+                        r.user, r.processGroup, data, &out.sysErr);
     out.pid = atoi(data->pid);
-    unix_doneWithProcess(data, nullptr);
-    free(data);
+    destroy_record(data);
     return out;
+}
+
+int SetUpStdHandles(const char* workingDirectory, std::vector<const char*> stdFiles, int* sysErr) {
+    LaunchRequest request;
+    request.workingDirectory = workingDirectory;
+    for (size_t i = 0; i < stdFiles.size(); ++i)
+        request.std[i] = {kStdNamed, stdFiles[i]};
+    int result = plan_std_handles(&request, sysErr);
+    return result != PROC_SUCCESS ? result : SetupChildStdHandles(request, host_context(), sysErr);
 }
 
 int OpenDescriptorCount() {

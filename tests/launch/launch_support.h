@@ -1,9 +1,11 @@
-// Launch requests for native tests: build a record and run an attached or detached launch.
+// Launch requests for native tests: a record and an attached or detached launch, and the standard
+// descriptors of a new process set up in the calling one.
 #pragma once
 
 #include <string>
 #include <vector>
 
+#include "launch/launch_internal.h"
 #include "quillon/launch.h"
 
 struct Request {
@@ -26,5 +28,7 @@ struct Launched {
 };
 
 Launched Launch(const Request& request, bool detached = false);
+// The redirections of `create` set up in this process, as the new process does: a result code.
+int SetUpStdHandles(const char* workingDirectory, std::vector<const char*> stdFiles, int* sysErr);
 // Descriptors open in this process now.
 int OpenDescriptorCount();

@@ -10,15 +10,13 @@
 
 #include "quillon/boundary.h"
 #include "quillon/supervision.h"
+#include "supervision/supervision_internal.h"
 
 namespace {
 struct Record {
     UnixProcessData* data;
-    explicit Record(int pid) : data(NewProcessData()) { snprintf(data->pid, kPidTextSize, "%d", pid); }
-    ~Record() {
-        unix_doneWithProcess(data, nullptr);
-        free(data);
-    }
+    explicit Record(int pid) : data(new_record()) { snprintf(data->pid, kPidTextSize, "%d", pid); }
+    ~Record() { destroy_record(data); }
 };
 
 pid_t child_exiting_with(int code) {
@@ -70,21 +68,5 @@ INSTANTIATE_TEST_SUITE_P(Ends, ProbeSeesTheEnd,
                                          EndCase{"killed", -1, SIGKILL, 9},
                                          EndCase{"terminated", -1, SIGTERM, 15}),
                          [](const auto& info) { return std::string(info.param.name); });
-
-// A status collected while another thread holds stateMutex is stored by the next holder, not lost.
-TEST(Probe, AStatusCollectedWhileTheLockIsBusyIsHeldOver) {
-    pid_t pid = child_exiting_with(42);
-    Record record(pid);
-    record.data->isAlive = 1;
-    siginfo_t info;
-    waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT); // ended, still to be collected
-    pthread_mutex_lock(&record.data->stateMutex);
-    int sysErr = 0;
-    std::thread([&] { EXPECT_EQ(unix_PingProcess(record.data, &sysErr), PROC_SUCCESS); }).join();
-    EXPECT_EQ(load_field(record.data->isAlive), 1) << "busy lock: the record is not changed";
-    unlock_state(record.data);
-    EXPECT_EQ(record.data->isAlive, 0);
-    EXPECT_EQ(record.data->exitCode, 42);
-}
 
 } // namespace

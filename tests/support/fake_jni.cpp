@@ -4,7 +4,7 @@
 
 namespace {
 struct FakeString {
-    std::string text;
+    std::u16string units;
 };
 struct FakeBytes {
     std::string raw;
@@ -22,6 +22,26 @@ std::deque<FakeBytes> byteArrays;
 std::deque<FakeArray> arrays;
 std::deque<FakeClass> classes;
 
+// UTF-8 as the tests write it, into the UTF-16 units a Java string holds.
+std::u16string units_of(const std::string& text) {
+    std::u16string units;
+    for (size_t i = 0; i < text.size();) {
+        auto byte = static_cast<unsigned char>(text[i]);
+        int length = byte < 0x80 ? 1 : byte < 0xE0 ? 2 : byte < 0xF0 ? 3 : 4;
+        char32_t cp = length == 1 ? byte : byte & (0x3F >> (length - 1));
+        for (int k = 1; k < length; ++k)
+            cp = (cp << 6) | (static_cast<unsigned char>(text[i + k]) & 0x3F);
+        if (cp >= 0x10000) {
+            units.push_back(static_cast<char16_t>(0xD800 + ((cp - 0x10000) >> 10)));
+            units.push_back(static_cast<char16_t>(0xDC00 + ((cp - 0x10000) & 0x3FF)));
+        } else {
+            units.push_back(static_cast<char16_t>(cp));
+        }
+        i += static_cast<size_t>(length);
+    }
+    return units;
+}
+
 jclass JNICALL find_class(JNIEnv*, const char* name) {
     if (current->missingClasses.count(name) != 0) return nullptr;
     classes.push_back({name});
@@ -31,12 +51,18 @@ jint JNICALL throw_new(JNIEnv*, jclass cls, const char* message) {
     current->thrown.push_back({reinterpret_cast<FakeClass*>(cls)->name, message});
     return 0;
 }
-const char* JNICALL get_string_utf_chars(JNIEnv*, jstring s, jboolean*) {
+jboolean JNICALL exception_check(JNIEnv*) {
+    return JNI_FALSE;
+}
+jsize JNICALL get_string_length(JNIEnv*, jstring s) {
+    return static_cast<jsize>(reinterpret_cast<FakeString*>(s)->units.size());
+}
+const jchar* JNICALL get_string_critical(JNIEnv*, jstring s, jboolean*) {
     if (current->failStringChars) return nullptr;
     ++current->outstandingChars;
-    return reinterpret_cast<FakeString*>(s)->text.c_str();
+    return reinterpret_cast<const jchar*>(reinterpret_cast<FakeString*>(s)->units.data());
 }
-void JNICALL release_string_utf_chars(JNIEnv*, jstring, const char*) {
+void JNICALL release_string_critical(JNIEnv*, jstring, const jchar*) {
     --current->outstandingChars;
 }
 jsize JNICALL get_array_length(JNIEnv*, jarray a) {
@@ -48,6 +74,7 @@ jsize JNICALL get_array_length(JNIEnv*, jarray a) {
 jobject JNICALL get_object_array_element(JNIEnv*, jobjectArray a, jsize i) {
     return reinterpret_cast<FakeArray*>(a)->elements.at(static_cast<size_t>(i));
 }
+void JNICALL delete_local_ref(JNIEnv*, jobject) {}
 jbyte* JNICALL get_byte_array_elements(JNIEnv*, jbyteArray a, jboolean*) {
     if (current->failStringChars) return nullptr;
     ++current->outstandingChars;
@@ -62,10 +89,13 @@ FakeJni::FakeJni() {
     current = this;
     table_.FindClass = find_class;
     table_.ThrowNew = throw_new;
-    table_.GetStringUTFChars = get_string_utf_chars;
-    table_.ReleaseStringUTFChars = release_string_utf_chars;
+    table_.ExceptionCheck = exception_check;
+    table_.GetStringLength = get_string_length;
+    table_.GetStringCritical = get_string_critical;
+    table_.ReleaseStringCritical = release_string_critical;
     table_.GetArrayLength = get_array_length;
     table_.GetObjectArrayElement = get_object_array_element;
+    table_.DeleteLocalRef = delete_local_ref;
     table_.GetByteArrayElements = get_byte_array_elements;
     table_.ReleaseByteArrayElements = release_byte_array_elements;
     env_.functions = &table_;
@@ -80,7 +110,12 @@ FakeJni::~FakeJni() {
 }
 
 jstring FakeJni::string(const std::string& text) {
-    strings.push_back({text});
+    strings.push_back({units_of(text)});
+    return reinterpret_cast<jstring>(&strings.back());
+}
+
+jstring FakeJni::utf16(const std::u16string& units) {
+    strings.push_back({units});
     return reinterpret_cast<jstring>(&strings.back());
 }
 

@@ -18,7 +18,8 @@ struct FakeJni {
     JNIEnv* env() { return &env_; }
 
     // Java values backed by this fake.
-    jstring string(const std::string& text);
+    jstring string(const std::string& text); // from UTF-8
+    jstring utf16(const std::u16string& units);
     jbyteArray bytes(const std::string& raw);
     jobjectArray array(const std::vector<jobject>& elements);
 

@@ -1,14 +1,17 @@
 #include "support/seams.h"
 
 #include <cstddef>
+#include <pthread.h>
 #include <sys/select.h>
 #include <unistd.h>
 
 namespace seams {
 thread_local Fault malloc;
 thread_local Fault dup2;
-thread_local Fault fork;
+thread_local Fault clone;
 thread_local Fault pipe;
+thread_local Fault pidfd;
+thread_local Fault mutexInit;
 thread_local SelectFake select;
 } // namespace seams
 
@@ -22,24 +25,36 @@ bool due(seams::Fault& fault) {
 
 extern "C" {
 void* __real_malloc(size_t size);
-int __real_dup2(int from, int to);
+void* __real_calloc(size_t count, size_t size);
+long __real_sys_dup2(int from, int to);
 int __real_select(int n, fd_set* r, fd_set* w, fd_set* e, struct timeval* t);
-pid_t __real_fork(void);
+int __real_clone(int (*main)(void*), void* stack, int flags, void* argument, ...);
 int __real_pipe(int fds[2]);
+int __real_quillon_pidfd_open(int pid);
+int __real_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes);
 
 void* __wrap_malloc(size_t size) {
     return due(seams::malloc) ? nullptr : __real_malloc(size);
 }
-int __wrap_dup2(int from, int to) {
-    return due(seams::dup2) ? -1 : __real_dup2(from, to);
+// The compiler turns malloc and a zero fill into calloc: both are the heap.
+void* __wrap_calloc(size_t count, size_t size) {
+    return due(seams::malloc) ? nullptr : __real_calloc(count, size);
 }
-pid_t __wrap_fork(void) {
-    return due(seams::fork) ? -1 : __real_fork();
+long __wrap_sys_dup2(int from, int to) {
+    return due(seams::dup2) ? -seams::dup2.err : __real_sys_dup2(from, to);
+}
+int __wrap_clone(int (*main)(void*), void* stack, int flags, void* argument, ...) {
+    return due(seams::clone) ? -1 : __real_clone(main, stack, flags, argument);
 }
 int __wrap_pipe(int fds[2]) {
     return due(seams::pipe) ? -1 : __real_pipe(fds);
 }
-
+int __wrap_quillon_pidfd_open(int pid) {
+    return due(seams::pidfd) ? -1 : __real_quillon_pidfd_open(pid);
+}
+int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) {
+    return due(seams::mutexInit) ? seams::mutexInit.err : __real_pthread_mutex_init(mutex, attributes);
+}
 int __wrap_select(int n, fd_set* r, fd_set* w, fd_set* e, struct timeval* t) {
     if (!seams::select.armed) return __real_select(n, r, w, e, t);
     seams::select.armed = false;
