@@ -1,62 +1,89 @@
+import com.norvane.quillon.Launcher;
+import com.norvane.quillon.NativeProcess;
 import com.norvane.quillon.process.UnixProcessGlue;
-import com.norvane.quillon.process.exception.ProcessOpException;
-import java.nio.file.Files;
-import java.nio.file.Path;
+import java.io.IOException;
+import java.nio.charset.StandardCharsets;
+import java.time.Duration;
+import java.util.concurrent.TimeUnit;
 
-/** The library's main job: launch real programs with a full context, supervise them, read how they ended. */
+/** The library at work: launch real programs with a full context, supervise them, read how they ended. */
 public final class Demo {
     private Demo() {}
 
-    public static void main(String[] args) throws Exception {
-        UnixProcessGlue glue = UnixProcessGlue.get();
-        Path dir = Files.createTempDirectory("quillon-demo");
-        Path out = dir.resolve("out.log");
+    private static String output(NativeProcess process) throws IOException {
+        return new String(process.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
+    }
 
-        // Attached: arguments, an added variable, PATH put in front, a working directory, nice 5, umask 027,
-        // stdout and stderr to a file, stdin on /dev/null.
-        long attached = glue.create("/bin/sh",
-                new String[] {"-c", "echo \"hello from $$ in $(pwd), GREETING=$GREETING, nice $(cut -d' ' -f19 "
-                        + "/proc/$$/stat), umask $(umask)\"; echo \"PATH starts ${PATH%%:*}\"; exit 3"},
-                new String[] {"GREETING=hi", "PATH=/opt/demo/bin"}, dir.toString(), 25,
-                new String[] {null, "!out.log", "out.log"}, 027, null, null, 0, null, false, false);
-        System.out.printf("attached pid %s alive %d%n", glue.id(attached), glue.ping(attached));
-        glue.waitForTermination(attached);
-        System.out.printf("attached exited with %d; its output:%n%s", glue.getExitCode(attached),
-                Files.readString(out));
-        glue.done(attached);
-
-        // Killed: a long sleeper, stopped by a signal.
-        long sleeper = glue.create("/bin/sleep", new String[] {"60"}, null, null, 20, null, 022, null, null, 0, null,
-                true, false);
-        glue.kill(sleeper);
-        glue.waitForTermination(sleeper);
-        System.out.printf("sleeper %s ended by signal %d%n", glue.id(sleeper), glue.getExitCode(sleeper));
-        glue.done(sleeper);
-
-        // Detached: not a child of this JVM; watched through its PID until it ends.
-        long detached = glue.create("/bin/sleep", new String[] {"1"}, null, null, 20, null, 022, null, null, 0, null,
-                true, true);
-        long pid = Long.parseLong(glue.id(detached));
-        System.out.printf("detached pid %d alive %d, child of this JVM: %b%n", pid, glue.ping(detached),
-                ProcessHandle.current().children().anyMatch(p -> p.pid() == pid));
-        glue.waitForTerminationWithTimeout(detached, 10);
-        System.out.printf("detached ended, alive %d%n", glue.ping(detached));
-        glue.done(detached);
-
-        // A failed launch arrives as its own exception class with the system's error.
+    /** Whether a process runs: it exists and is no zombie waiting for its parent to collect it. */
+    private static boolean running(ProcessHandle process) {
         try {
-            glue.create("/no/such/program", null, null, null, 20, null, 022, null, null, 0, null, true, false);
-        } catch (ProcessOpException e) {
-            System.out.printf("failed launch: %s: %s%n", e.getClass().getSimpleName(), e.getMessage());
+            String stat = java.nio.file.Files.readString(java.nio.file.Path.of("/proc/" + process.pid() + "/stat"));
+            return stat.charAt(stat.lastIndexOf(')') + 2) != 'Z';
+        } catch (IOException gone) {
+            return false;
+        }
+    }
+
+    public static void main(String[] args) throws Exception {
+        // Output capture: stdout and stderr through one pipe, PATH put in front of the inherited one, nice 5,
+        // umask 027, a working directory.
+        try (NativeProcess hello = new Launcher("/bin/sh", "-c", "echo \"hello from $$ in $(pwd): nice $(cut -d' ' "
+                + "-f19 /proc/$$/stat), umask $(umask), PATH starts ${PATH%%:*}\"; echo to stderr >&2; exit 3")
+                .directory(new java.io.File("/tmp")).addEnvironment("PATH", "/opt/demo/bin").nice(5).umask(027)
+                .redirectErrorStream(true).start()) {
+            System.out.print(output(hello));
+            System.out.printf("pid %d exited with %d%n", hello.pid(), hello.waitFor());
         }
 
-        // Adoption of a process the library did not start: this JVM itself.
-        long self = glue.createSelf();
-        System.out.printf("this JVM: pid %s alive %d, user %s%n", glue.id(self), glue.ping(self),
-                glue.getCurrentProcessUser());
-        glue.done(self);
+        // A time limit: wait a second, then SIGTERM, and SIGKILL if it is still running two seconds later.
+        try (NativeProcess sleeper = new Launcher("sleep", "60").start()) {
+            boolean ended = sleeper.waitFor(1, TimeUnit.SECONDS);
+            System.out.printf("sleeper ended within a second: %b; stopped with exit value %d (signal %d)%n", ended,
+                    sleeper.stop(Duration.ofSeconds(2)), sleeper.exitSignal());
+        }
 
-        Files.delete(out);
-        Files.delete(dir);
+        // Another user, which needs root.
+        if (UnixProcessGlue.get().isUserPrivileged()) {
+            try (NativeProcess nobody = new Launcher("id").user("nobody").group("nogroup").start()) {
+                System.out.printf("as another user: %s", output(nobody));
+                nobody.waitFor();
+            }
+        } else {
+            System.out.println("not root: no run as another user");
+        }
+
+        // Detached: no child of this JVM; it would outlive it. Its exit status is unknown and reads 0.
+        try (NativeProcess detached = new Launcher("sleep", "1").detached(true).start()) {
+            long pid = detached.pid();
+            System.out.printf("detached pid %d alive %b, child of this JVM: %b%n", pid, detached.isAlive(),
+                    ProcessHandle.current().children().anyMatch(p -> p.pid() == pid));
+            System.out.printf("detached ended: %b, exit value %d%n", detached.onExit().get(10, TimeUnit.SECONDS)
+                    .waitFor(0, TimeUnit.SECONDS), detached.exitValue());
+        }
+
+        // A tree of three generations, one of which left the process group, killed at once.
+        try (NativeProcess tree = new Launcher("/bin/sh", "-c", "sh -c 'setsid sleep 60 & sleep 60' & sleep 60")
+                .newProcessGroup().start()) {
+            Thread.sleep(300);
+            java.util.List<ProcessHandle> below = tree.descendants().toList();
+            tree.killTree();
+            tree.waitFor();
+            Thread.sleep(100);
+            System.out.printf("tree: %d processes below the root; killed: root ended by signal %d, %d of them still "
+                    + "alive%n", below.size(), tree.exitSignal(), below.stream().filter(Demo::running).count());
+        }
+
+        // A failed launch arrives as an IOException whose cause is the library's exception for it.
+        try {
+            new Launcher("/no/such/program").start();
+        } catch (IOException e) {
+            System.out.printf("failed launch: %s%n  cause %s%n", e.getMessage(), e.getCause().getClass().getSimpleName());
+        }
+
+        // This JVM itself, and the original glue beneath the API.
+        try (NativeProcess self = NativeProcess.self()) {
+            System.out.printf("this JVM: pid %d alive %b, user %s%n", self.pid(), self.isAlive(),
+                    UnixProcessGlue.get().getCurrentProcessUser());
+        }
     }
 }

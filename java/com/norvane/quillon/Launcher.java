@@ -82,6 +82,7 @@ public final class Launcher {
      * Sets where stdin comes from: {@link Redirect#PIPE} (the default, written through
      * {@link NativeProcess#getOutputStream()}), {@link Redirect#INHERIT} or {@link Redirect#from(File)}.
      *
+     * @param source where stdin comes from
      * @return this launcher
      * @throws IllegalArgumentException for a redirect that writes
      */
@@ -98,6 +99,7 @@ public final class Launcher {
      * {@link NativeProcess#getInputStream()}), {@link Redirect#INHERIT}, {@link Redirect#DISCARD},
      * {@link Redirect#to(File)} or {@link Redirect#appendTo(File)}.
      *
+     * @param destination where stdout goes
      * @return this launcher
      * @throws IllegalArgumentException for a redirect that reads
      */
@@ -110,6 +112,7 @@ public final class Launcher {
      * Sets where stderr goes, as {@link #redirectOutput} does for stdout; unused while
      * {@link #redirectErrorStream(boolean)} is on.
      *
+     * @param destination where stderr goes
      * @return this launcher
      * @throws IllegalArgumentException for a redirect that reads
      */
@@ -128,6 +131,7 @@ public final class Launcher {
     /**
      * Sends stderr wherever stdout goes; {@link NativeProcess#getErrorStream()} is then empty.
      *
+     * @param redirectErrorStream true to merge stderr into stdout
      * @return this launcher
      */
     public Launcher redirectErrorStream(boolean redirectErrorStream) {
@@ -141,6 +145,8 @@ public final class Launcher {
      * any other key replaces the inherited value. Adding a key again replaces what was added before.
      * Additions apply in the same way to an environment set with {@link #environment(Map)}.
      *
+     * @param key the variable's name
+     * @param value its value, or the part to put in front of a path-like one
      * @return this launcher
      * @throws IllegalArgumentException for an empty key, or one holding '=' or NUL, or a value holding NUL
      */
@@ -187,6 +193,7 @@ public final class Launcher {
      * Sets the program's nice value; by default it has the JVM's. Values outside -20..19 are clamped, and a
      * value the system refuses (a lower one without privilege) leaves the program at the JVM's.
      *
+     * @param nice the nice value, from -20 (first) to 19 (last)
      * @return this launcher
      */
     public Launcher nice(int nice) {
@@ -258,6 +265,7 @@ public final class Launcher {
      * Starts the program detached: it is no child of the JVM, is adopted by init, and runs on when the JVM
      * ends. Its exit status can't be known: its exit value reads 0.
      *
+     * @param detached true for a detached start
      * @return this launcher
      */
     public Launcher detached(boolean detached) {
