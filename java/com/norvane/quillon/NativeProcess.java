@@ -430,13 +430,14 @@ public final class NativeProcess extends Process implements AutoCloseable {
     /**
      * Kills the process and everything below it at once with SIGKILL: the process group it leads (see
      * {@link Launcher#newProcessGroup()}) and every descendant, also those that left the group. The tree
-     * is frozen first, so that no process can escape by forking meanwhile.
+     * is frozen first, so that no process can escape by forking meanwhile. Nothing is sent once the process
+     * has ended: its orphans have passed to init and can no longer be told from unrelated processes.
      *
      * @throws IOException when the signal is refused; the cause is the library's {@link ProcessOpException}
      * @throws IllegalStateException after {@link #close()}, and for the running JVM
      */
     public void killTree() throws IOException {
-        send(NATIVE::killTree);
+        send(handle -> owner.killTree());
     }
 
     /**

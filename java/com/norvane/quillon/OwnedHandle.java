@@ -6,6 +6,7 @@ import com.norvane.quillon.process.exception.ProcessOpException;
 import java.io.IOException;
 import java.io.UncheckedIOException;
 import java.util.concurrent.CompletableFuture;
+import java.util.concurrent.locks.ReentrantReadWriteLock;
 
 /**
  * The native handle of one {@link NativeProcess}, given back with {@code done} exactly once.
@@ -34,6 +35,11 @@ final class OwnedHandle implements Runnable {
     /** Completed when the end is known, or exceptionally by close. */
     final CompletableFuture<Void> ended = new CompletableFuture<>();
 
+    /**
+     * Looks that may collect a child's end hold it shared; a tree kill holds it alone, so that the PID it
+     * walks /proc for can't be collected and given to another process meanwhile.
+     */
+    private final ReentrantReadWriteLock collection = new ReentrantReadWriteLock();
     private int users;         // native calls in progress, the watcher's use of a child included
     private boolean closed;    // no new calls
     private boolean watched;   // handed to the watcher
@@ -110,9 +116,19 @@ final class OwnedHandle implements Runnable {
      * @throws IllegalStateException after close
      */
     boolean hasEnded() {
+        return endsWithin(0);
+    }
+
+    /**
+     * Waits natively, which the end of the process wakes at once, but not an interrupt: for short times only.
+     *
+     * @return whether the process ended within {@code millis}
+     * @throws IllegalStateException after close
+     */
+    boolean endsWithin(long millis) {
         acquire();
         try {
-            return end != null || (!self && NATIVE.waitFor(handle, 0) && recordEnd());
+            return end != null || (!self && look(millis));
         } catch (ProcessOpException e) {
             throw failure(e);
         } finally {
@@ -120,18 +136,29 @@ final class OwnedHandle implements Runnable {
         }
     }
 
-    /**
-     * Waits natively, which the end of the process wakes at once, but not an interrupt: for short times only.
-     *
-     * @return whether the process ended within {@code millis}
-     */
-    boolean endsWithin(long millis) {
-        acquire();
+    /** Waits natively for up to {@code millis}, collecting a child's end; the caller holds a use. */
+    private boolean look(long millis) throws ProcessOpException {
+        collection.readLock().lock();
         try {
-            return end != null || (NATIVE.waitFor(handle, millis) && recordEnd());
-        } catch (ProcessOpException e) {
-            throw failure(e);
+            return NATIVE.waitFor(handle, millis) && recordEnd();
         } finally {
+            collection.readLock().unlock();
+        }
+    }
+
+    /**
+     * Kills the process, its group and its descendants, unless it has ended: then its children have passed
+     * to init and its PID may name another process, whose children the native walk would take for its own.
+     */
+    void killTree() throws ProcessOpException {
+        acquire();
+        collection.writeLock().lock();
+        try {
+            if (end == null && !look(0)) {
+                NATIVE.killTree(handle);
+            }
+        } finally {
+            collection.writeLock().unlock();
             release();
         }
     }
@@ -194,7 +221,7 @@ final class OwnedHandle implements Runnable {
         }
         boolean again = false;
         try {
-            again = !NATIVE.waitFor(handle, 0) || !recordEnd();
+            again = !look(0);
         } catch (ProcessOpException e) {
             ended.completeExceptionally(failure(e));
         } finally {

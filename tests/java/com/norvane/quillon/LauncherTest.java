@@ -18,6 +18,9 @@ import java.util.Map;
 import java.util.concurrent.TimeUnit;
 import java.util.stream.Collectors;
 import java.util.stream.Stream;
+import com.norvane.quillon.process.NativeProcessGlue;
+import com.norvane.quillon.process.UnixProcessGlue;
+import org.junit.jupiter.api.Disabled;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.Arguments;
@@ -127,6 +130,41 @@ class LauncherTest {
                 assertTrue(ended(process.pid()), process + " still runs");
             }
         }
+    }
+
+    // NativeProcess.killTree never calls the native once the end is known, and keeps the end of a child from
+    // being collected while the native runs; a process that is no child may still end unseen just before.
+    @Disabled("native defect in src/supervision/tree.cpp: kill_tree goes on after the root's SIGSTOP failed with "
+            + "ESRCH and SIGKILLs whatever /proc lists as children of the PID, which may name another process by now")
+    @Test
+    void theNativeTreeKillOfAnEndedProcessSparesTheProcessThatReusedItsPid() throws Exception {
+        assumeTrue(isRoot(), "needs root to choose the next PID");
+        UnixProcessGlue glue = UnixProcessGlue.get();
+        for (int attempt = 0; attempt < 10; attempt++) {
+            long ended = glue.create("/bin/sleep", new String[] {"30"}, null, null, 20, null, 022, null, null, 0, null,
+                    true, false);
+            int pid = Integer.parseInt(glue.id(ended));
+            glue.kill(ended);
+            glue.waitForTermination(ended);
+            Files.writeString(Path.of("/proc/sys/kernel/ns_last_pid"), Integer.toString(pid - 1));
+            long other = glue.create("/bin/sh", new String[] {"-c", "sleep 30 & wait"}, null, null, 20, null, 022,
+                    null, null, 0, null, true, false);
+            try {
+                if (Integer.parseInt(glue.id(other)) == pid) {
+                    Thread.sleep(200);
+                    NativeProcessGlue.get().killTree(ended);
+                    Thread.sleep(200);
+                    assertEquals(1, glue.ping(other), "the process that has the PID now was hit through its child");
+                    return;
+                }
+            } finally {
+                glue.kill(other);
+                glue.waitForTermination(other);
+                glue.done(other);
+                glue.done(ended);
+            }
+        }
+        assumeTrue(false, "another process took the PID each time");
     }
 
     /** Starts its arguments as a detached program with no streams and prints the program's PID. */
