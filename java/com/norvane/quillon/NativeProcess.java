@@ -40,6 +40,7 @@ public final class NativeProcess extends Process implements AutoCloseable {
     static final Cleaner CLEANER = Cleaner.create(action -> {
         Thread thread = new Thread(null, action, "quillon-cleaner", 0, false);
         thread.setDaemon(true);
+        thread.setContextClassLoader(null);
         return thread;
     });
     private static final UnixProcessGlue UNIX = UnixProcessGlue.get();

@@ -39,6 +39,7 @@ final class ProcessWatcher {
         if (thread == null) {
             thread = new Thread(null, ProcessWatcher::run, "quillon-process-watcher", 0, false);
             thread.setDaemon(true);
+            thread.setContextClassLoader(null); // holds no application's class loader for the life of the JVM
             thread.start();
         }
     }
