@@ -42,11 +42,9 @@ void throw_java(JNIEnv* env, const char* className, const char* message);
 
 // A local reference, deleted when its owner goes: loops over many elements stay within the JVM's
 // local reference capacity.
-template <typename T> class LocalRef {
+template <typename T> class LocalRef : NoCopy {
   public:
     LocalRef(JNIEnv* env, T ref) : env_(env), ref_(ref) {}
-    LocalRef(const LocalRef&) = delete;
-    LocalRef& operator=(const LocalRef&) = delete;
     ~LocalRef() {
         if (ref_ != nullptr) env_->DeleteLocalRef(ref_);
     }

@@ -1,185 +1,179 @@
-// Reading and changing the user and group of the running process through the reentrant registry.
+// Reading and changing the user and group of the running process through the reentrant registry. The
+// getters and the setters are each one family; a constexpr table of texts tells the members apart (the
+// compiler checks its formats where they are used).
 #include <cerrno>
 #include <cstring>
 #include <grp.h>
 #include <pwd.h>
 #include <unistd.h>
 
+#include "identity/registry.h"
 #include "quillon/identity.h"
 #include "runtime/support.h"
 
 namespace {
 constexpr size_t kScratch = 8196;
 
-// One registry lookup into a zero-filled entry and scratch buffer, repeated while interrupted. The entry
-// found, or null with the errno noted.
-template <typename Entry, typename Key, typename Lookup>
-Entry* lookup(Lookup call, Key key, Entry* entry, char (&scratch)[kScratch], int* err) {
-    memset(entry, 0, sizeof *entry);
-    memset(scratch, 0, sizeof scratch);
-    Entry* result = nullptr;
-    int returned;
-    do {
-        returned = call(key, entry, scratch, kScratch, &result);
-        *err = errno;
-    } while (returned != 0 && *err == EINTR);
-    return result;
-}
-
 int failure_result(int err, int invalid) {
     if (err == ERANGE) return PROC_OUT_OF_MEMORY;
     return result_for_errno(err, {0, ENOENT, ESRCH, EBADF, EPERM}, invalid);
 }
 
-void deliver_utf8(char* destination, const char* text, size_t size) {
-    if (process_stringConverterToUTF8(destination, text, size) == nullptr) strncpy(destination, text, size);
-    destination[size - 1] = 0;
+// One lookup in the registry for the running process: the entry found, or the result code of the
+// failure with sysErr set.
+template <typename Entry> struct Lookup {
+    template <typename Key>
+    Lookup(int (*call)(Key, Entry*, char*, size_t, Entry**), Key key, int invalid, int* sysErr) {
+        int err = 0;
+        found = registry_lookup(call, key, &entry, scratch, sizeof scratch, &err);
+        if (found != nullptr) return;
+        *sysErr = err;
+        result = failure_result(err, invalid);
+    }
+    Entry entry;
+    char scratch[kScratch];
+    Entry* found = nullptr;
+    int result = PROC_SUCCESS;
+};
+
+struct GetterTexts {
+    const char* label;
+    const char* nullBuffer;
+    const char* obtained;
+    int invalid; // the result when the registry has no such entry, and its text:
+    const char* failure;
+    const char* mapped;
+    const char* nullField; // a record without the field
+    const char* fallback;  // what a record without the field delivers; null: it is invalid
+};
+
+constexpr GetterTexts kUserGetter = {
+    "unix_getUser()", "The buffer for name storage passed in was NULL\n", "Obtained UID: [%d]\n", PROC_INVALID_USERNAME,
+    "A failure was obtained while getting the current username as a utf8 string.  Return: [%d].  ERRNO: [%d].\n",
+    "Mapped UID: [%d] to username: [%s]\n", "A structure was obtained for UID: [%d] but the name was NULL inside it.\n",
+    nullptr};
+constexpr GetterTexts kGroupGetter = {
+    "unix_getGroup()", "The buffer for name storage passed in was NULL.\n", "Obtained GID: [%d]\n", PROC_INVALID_GROUP,
+    "A failure was obtained while getting the current groupname as a utf8 string.  Return: [%d].  ERRNO: [%d].\n",
+    "Mapped GID: [%d] to group: [%s]\n",
+    "A structure was obtained for GID: [%d] but the group name was NULL inside it.\n", nullptr};
+constexpr GetterTexts kHomeGetter = {"unix_getUserHomeDirectory()", "The buffer for name storage passed in was NULL\n",
+                                     "Obtained UID: [%d]\n", PROC_INVALID_USERNAME,
+                                     "A failure was obtained while getting the current user home directory as a utf8 "
+                                     "string.  Return: [%d].  ERRNO: [%d].\n",
+                                     "Mapped UID: [%d] home directory to: [%s]\n",
+                                     "A structure was obtained for UID: [%d] but the home directory name was NULL "
+                                     "inside it.  Therefore, setting home directory to: [/]\n",
+                                     "/"};
+
+// The field of the running process's registry entry, in UTF-8.
+template <const GetterTexts& Texts, typename Entry, typename Key>
+int get_identity(Key id, int (*call)(Key, Entry*, char*, size_t, Entry**), const char* (*field)(const Entry*),
+                 char* dst, size_t size, int* sysErr) {
+    TraceScope trace(Texts.label);
+    if (dst == nullptr) {
+        process_err(Texts.nullBuffer);
+        return PROC_SYSTEM_ERR;
+    }
+    process_log(Texts.obtained, id);
+    Lookup<Entry> lookup(call, id, Texts.invalid, sysErr);
+    if (lookup.found == nullptr) {
+        process_err(Texts.failure, lookup.result, *sysErr);
+        return lookup.result;
+    }
+    const char* text = field(lookup.found);
+    if (text == nullptr) {
+        *sysErr = 0;
+        if (Texts.fallback == nullptr) {
+            process_err(Texts.nullField, id);
+            return Texts.invalid;
+        }
+        copy_bounded(dst, Texts.fallback, size);
+        process_log(Texts.nullField, id);
+        return PROC_SUCCESS;
+    }
+    if (process_stringConverterToUTF8(dst, text, size) == nullptr) copy_bounded(dst, text, size);
+    dst[size - 1] = 0;
+    process_log(Texts.mapped, id, text);
+    return PROC_SUCCESS;
+}
+
+struct SetterTexts {
+    const char* label;
+    const char* attempting;
+    int invalid; // the result when the registry has no such entry, and its text:
+    const char* failure;
+    const char* obtained;
+    const char* refused;
+    const char* done;
+};
+
+constexpr SetterTexts kUserSetter = {
+    "unix_setUser()", "Attempting to set process to user: [%s]\n", PROC_INVALID_USERNAME,
+    "A failure occured while obtaining the passwd structure for username [%s].  Return: [%d].  ERRNO: [%d].\n",
+    "Obtained user: [%s] UID: [%d]\n", "Failed to set process to user: [%s] which has UID: [%d].  ERRNO: [%d]\n",
+    "setuid successful, uid=[%d] euid=[%d]\n"};
+constexpr SetterTexts kGroupSetter = {
+    "unix_setGroup()", "Attempting to set process to group: [%s]\n", PROC_INVALID_GROUP,
+    "A failure occured while obtaining the group structure for groupname [%s].  Return: [%d].  ERRNO: [%d].\n",
+    "Obtained group: [%s] UID: [%d]\n", "Failed to set process to group: [%s] which has GID: [%d].  ERRNO: [%d]\n",
+    "setgid successful, gid=[%d] egid=[%d]\n"};
+
+// Looks the name up and changes to its id; `now` gives the real and effective id after the change.
+template <const SetterTexts& Texts, typename Entry, typename Id>
+int set_identity(const char* name, int (*call)(const char*, Entry*, char*, size_t, Entry**), Id (*id)(const Entry*),
+                 int (*change)(Id), Id (*real)(), Id (*effective)(), int* sysErr) {
+    TraceScope trace(Texts.label);
+    process_log(Texts.attempting, name);
+    Lookup<Entry> lookup(call, name, Texts.invalid, sysErr);
+    if (lookup.found == nullptr) {
+        process_err(Texts.failure, name, lookup.result, *sysErr);
+        return lookup.result;
+    }
+    Id value = id(lookup.found);
+    process_log(Texts.obtained, name, value);
+    if (change(value) != 0) {
+        *sysErr = errno; // whatever it is, the change was refused
+        process_err(Texts.refused, name, value, *sysErr);
+        return PROC_ACCESS_DENIED;
+    }
+    process_log(Texts.done, real(), effective());
+    return PROC_SUCCESS;
+}
+
+const char* user_name(const passwd* entry) {
+    return entry->pw_name;
+}
+const char* group_name(const group* entry) {
+    return entry->gr_name;
+}
+const char* home_directory(const passwd* entry) {
+    return entry->pw_dir;
+}
+uid_t uid_of(const passwd* entry) {
+    return entry->pw_uid;
+}
+gid_t gid_of(const group* entry) {
+    return entry->gr_gid;
 }
 } // namespace
 
 QUILLON_API int unix_getUser(char* name, size_t size, int* sysErr) {
-    TraceScope trace("unix_getUser()");
-    if (name == nullptr) {
-        process_err("The buffer for name storage passed in was NULL\n");
-        return PROC_SYSTEM_ERR;
-    }
-    uid_t uid = getuid();
-    process_log("Obtained UID: [%d]\n", uid);
-    passwd entry;
-    char scratch[kScratch];
-    int err = 0;
-    passwd* found = lookup(getpwuid_r, uid, &entry, scratch, &err);
-    if (found == nullptr) {
-        *sysErr = err;
-        int result = failure_result(err, PROC_INVALID_USERNAME);
-        process_err("A failure was obtained while getting the current username as a utf8 string.  Return: [%d].  "
-                    "ERRNO: [%d].\n",
-                    result, err);
-        return result;
-    }
-    if (found->pw_name == nullptr) {
-        process_err("A structure was obtained for UID: [%d] but the name was NULL inside it.\n", uid);
-        *sysErr = 0;
-        return PROC_INVALID_USERNAME;
-    }
-    deliver_utf8(name, found->pw_name, size);
-    process_log("Mapped UID: [%d] to username: [%s]\n", uid, found->pw_name);
-    return PROC_SUCCESS;
+    return get_identity<kUserGetter>(getuid(), getpwuid_r, user_name, name, size, sysErr);
 }
 
 QUILLON_API int unix_getGroup(char* name, size_t size, int* sysErr) {
-    TraceScope trace("unix_getGroup()");
-    if (name == nullptr) {
-        process_err("The buffer for name storage passed in was NULL.\n");
-        return PROC_SYSTEM_ERR;
-    }
-    gid_t gid = getgid();
-    process_log("Obtained GID: [%d]\n", gid);
-    group entry;
-    char scratch[kScratch];
-    int err = 0;
-    group* found = lookup(getgrgid_r, gid, &entry, scratch, &err);
-    if (found == nullptr) {
-        *sysErr = err;
-        int result = failure_result(err, PROC_INVALID_GROUP);
-        process_err("A failure was obtained while getting the current groupname as a utf8 string.  Return: [%d].  "
-                    "ERRNO: [%d].\n",
-                    result, err);
-        return result;
-    }
-    if (found->gr_name == nullptr) {
-        process_err("A structure was obtained for GID: [%d] but the group name was NULL inside it.\n", gid);
-        *sysErr = 0;
-        return PROC_INVALID_GROUP;
-    }
-    deliver_utf8(name, found->gr_name, size);
-    process_log("Mapped GID: [%d] to group: [%s]\n", gid, found->gr_name);
-    return PROC_SUCCESS;
+    return get_identity<kGroupGetter>(getgid(), getgrgid_r, group_name, name, size, sysErr);
 }
 
 QUILLON_API int unix_getUserHomeDirectory(char* directory, size_t size, int* sysErr) {
-    TraceScope trace("unix_getUserHomeDirectory()");
-    if (directory == nullptr) {
-        process_err("The buffer for name storage passed in was NULL\n");
-        return PROC_SYSTEM_ERR;
-    }
-    uid_t uid = getuid();
-    process_log("Obtained UID: [%d]\n", uid);
-    passwd entry;
-    char scratch[kScratch];
-    int err = 0;
-    passwd* found = lookup(getpwuid_r, uid, &entry, scratch, &err);
-    if (found == nullptr) {
-        *sysErr = err;
-        int result = failure_result(err, PROC_INVALID_USERNAME);
-        process_err("A failure was obtained while getting the current user home directory as a utf8 string.  "
-                    "Return: [%d].  ERRNO: [%d].\n",
-                    result, err);
-        return result;
-    }
-    if (found->pw_dir == nullptr) {
-        copy_bounded(directory, "/", size);
-        process_log("A structure was obtained for UID: [%d] but the home directory name was NULL inside it.  "
-                    "Therefore, setting home directory to: [/]\n",
-                    uid);
-        *sysErr = 0;
-        return PROC_SUCCESS;
-    }
-    deliver_utf8(directory, found->pw_dir, size);
-    process_log("Mapped UID: [%d] home directory to: [%s]\n", uid, found->pw_dir);
-    return PROC_SUCCESS;
+    return get_identity<kHomeGetter>(getuid(), getpwuid_r, home_directory, directory, size, sysErr);
 }
 
 QUILLON_API int unix_setUser(const char* userName, int* sysErr) {
-    TraceScope trace("unix_setUser()");
-    process_log("Attempting to set process to user: [%s]\n", userName);
-    passwd entry;
-    char scratch[kScratch];
-    int err = 0;
-    passwd* found = lookup(getpwnam_r, userName, &entry, scratch, &err);
-    if (found == nullptr) {
-        *sysErr = err;
-        int result = failure_result(err, PROC_INVALID_USERNAME);
-        process_err("A failure occured while obtaining the passwd structure for username [%s].  Return: [%d].  "
-                    "ERRNO: [%d].\n",
-                    userName, result, err);
-        return result;
-    }
-    uid_t uid = found->pw_uid;
-    process_log("Obtained user: [%s] UID: [%d]\n", userName, uid);
-    if (setuid(uid) != 0) {
-        err = errno;
-        process_err("Failed to set process to user: [%s] which has UID: [%d].  ERRNO: [%d]\n", userName, uid, err);
-        *sysErr = err;
-        return PROC_ACCESS_DENIED;
-    }
-    process_log("setuid successful, uid=[%d] euid=[%d]\n", getuid(), geteuid());
-    return PROC_SUCCESS;
+    return set_identity<kUserSetter>(userName, getpwnam_r, uid_of, setuid, getuid, geteuid, sysErr);
 }
 
 QUILLON_API int unix_setGroup(const char* groupName, int* sysErr) {
-    TraceScope trace("unix_setGroup()");
-    process_log("Attempting to set process to group: [%s]\n", groupName);
-    group entry;
-    char scratch[kScratch];
-    int err = 0;
-    group* found = lookup(getgrnam_r, groupName, &entry, scratch, &err);
-    if (found == nullptr) {
-        *sysErr = err;
-        int result = failure_result(err, PROC_INVALID_GROUP);
-        process_err("A failure occured while obtaining the group structure for groupname [%s].  Return: [%d].  "
-                    "ERRNO: [%d].\n",
-                    groupName, result, err);
-        return result;
-    }
-    gid_t gid = found->gr_gid;
-    process_log("Obtained group: [%s] UID: [%d]\n", groupName, gid);
-    if (setgid(gid) != 0) {
-        err = errno;
-        process_err("Failed to set process to group: [%s] which has GID: [%d].  ERRNO: [%d]\n", groupName, gid, err);
-        *sysErr = err;
-        return PROC_ACCESS_DENIED;
-    }
-    process_log("setgid successful, gid=[%d] egid=[%d]\n", getgid(), getegid());
-    return PROC_SUCCESS;
+    return set_identity<kGroupSetter>(groupName, getgrnam_r, gid_of, setgid, getgid, getegid, sysErr);
 }

@@ -76,7 +76,7 @@ struct ChildContext {
 // The host's trace state now, for a step that runs in the host.
 ChildContext host_context();
 
-struct LaunchRequest {
+struct LaunchRequest : NoCopy {
     // What the caller asks for, in native text; the caller keeps what the pointers point to.
     const char* executable = nullptr;
     char** arguments = nullptr;
@@ -108,9 +108,6 @@ struct LaunchRequest {
     sigset_t signalMask;         // the launching thread's, for the new process to restore
     int writeEnd = -1;           // the exec-outcome channel's
 
-    LaunchRequest() = default;
-    LaunchRequest(const LaunchRequest&) = delete;
-    LaunchRequest& operator=(const LaunchRequest&) = delete;
     ~LaunchRequest();
 };
 
@@ -166,11 +163,9 @@ void child_log(const ChildContext& context, const char* format, ...) __attribute
 void child_err(const ChildContext& context, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 // Entry and exit lines of a step of the new process.
-class ChildTraceScope {
+class ChildTraceScope : NoCopy {
   public:
     ChildTraceScope(const ChildContext& context, const char* label);
-    ChildTraceScope(const ChildTraceScope&) = delete;
-    ChildTraceScope& operator=(const ChildTraceScope&) = delete;
     ~ChildTraceScope();
     void skip_exit() { label_ = nullptr; }
 

@@ -7,28 +7,25 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include "identity/registry.h"
 #include "launch/launch_internal.h"
 #include "launch/raw_syscall.h"
 #include "quillon/launch.h"
 
 namespace {
-// A reentrant registry lookup with a buffer that grows while the entry doesn't fit. ENOMEM when memory
-// ran out; else the entry or null, with the lookup's error.
-template <typename Entry, typename Lookup>
-Entry* lookup(Lookup call, const char* name, Entry* entry, MallocPtr<char>* buffer, int* err) {
+// A registry lookup with a buffer that grows while the entry doesn't fit. ENOMEM when memory ran out;
+// else the entry or null, with the lookup's error.
+template <typename Entry>
+Entry* lookup(int (*call)(const char*, Entry*, char*, size_t, Entry**), const char* name, Entry* entry,
+              MallocPtr<char>* buffer, int* err) {
     for (size_t size = 16384;; size *= 2) {
         buffer->reset(static_cast<char*>(malloc(size)));
         if (*buffer == nullptr) {
             *err = ENOMEM;
             return nullptr;
         }
-        Entry* result = nullptr;
-        errno = 0;
-        int failure = call(name, entry, buffer->get(), size, &result);
-        if (failure != ERANGE) {
-            *err = failure != 0 ? failure : errno;
-            return result;
-        }
+        Entry* found = registry_lookup(call, name, entry, buffer->get(), size, err);
+        if (found != nullptr || *err != ERANGE) return found;
     }
 }
 

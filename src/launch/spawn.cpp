@@ -246,14 +246,15 @@ QUILLON_API int unix_CreateProcess(const char* executable, char** arguments, cha
     return launch_attached(&request, data, sysErr);
 }
 
+// The same arguments as unix_CreateProcess.
 QUILLON_API int unix_CreateDetachedProcess(const char* executable, char** arguments, char** environment,
                                            const char* workingDirectory, int64_t priority, char** stdFiles,
                                            int64_t fileMask, const char* groupName, const char* userName,
                                            int processGroup, UnixProcessData* data, int* sysErr) {
     LaunchRequest request;
+    request.detached = true;
     request_from_arguments(&request, executable, arguments, environment, workingDirectory, priority, stdFiles,
                            fileMask, groupName, userName, processGroup);
-    request.detached = true;
     return launch_detached(&request, data, sysErr);
 }
 

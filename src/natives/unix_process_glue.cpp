@@ -36,6 +36,21 @@ bool bounded_text(JNIEnv* env, jstring string, char* dst, size_t size, int* sysE
     return !hasNul;
 }
 
+// A record still marked alive is looked at with `probe` (a record marked dead is final). False, with the
+// exception thrown, for a handle that is no live one or a probe that failed.
+bool look_at(JNIEnv* env, const RecordRef& record, const char* message, int (*probe)(UnixProcessData*, int*)) {
+    if (!record) {
+        refuse_handle(env, message);
+        return false;
+    }
+    if (load_field(record->isAlive) == 0) return true;
+    int sysErr = 0;
+    int result = probe(record.get(), &sysErr);
+    if (result == PROC_SUCCESS) return true;
+    ThrowException(env, result, message, sysErr);
+    return false;
+}
+
 template <typename Wait> void wait_native(JNIEnv* env, jlong handle, const char* selfMessage, Wait wait) {
     TraceScope trace("UnixProcessGlue_waitForTermination()");
     RecordRef record(handle);
@@ -76,21 +91,21 @@ const char* message_for(const MessageRow* rows, int result) {
     return rows->message;
 }
 
-const MessageRow kUserGetter[] = {
+constexpr MessageRow kUserGetter[] = {
     {PROC_OUT_OF_MEMORY, "Failed to allocate enough memory to return the username string."},
     {PROC_INVALID_USERNAME, "An invalid passwd structure was obtained from the OS."},
     {PROC_OUT_OF_FILE_HANDLES, "Too many file handles are currently open.  Cannot access OS user registry."},
     {PROC_NOT_SUPPORTED, "Getting of the current process effective user is not supported on this operating system."},
     {kOther, "An error occurred during the retrieval of the current effective user id.  Refer to the OS ERRNO table."},
 };
-const MessageRow kGroupGetter[] = {
+constexpr MessageRow kGroupGetter[] = {
     {PROC_OUT_OF_MEMORY, "Failed to allocate enough memory to return the username string."},
     {PROC_INVALID_GROUP, "An invalid group structure was obtained from the OS."},
     {PROC_OUT_OF_FILE_HANDLES, "Too many file handles are currently open.  Cannot access OS group registry."},
     {PROC_NOT_SUPPORTED, "Getting of the current process effective group is not supported on this operating system."},
     {kOther, "An error occurred during the retrieval of the current effective user id.  Refer to the OS ERRNO table."},
 };
-const MessageRow kHomeGetter[] = {
+constexpr MessageRow kHomeGetter[] = {
     {PROC_OUT_OF_MEMORY, "Failed to allocate enough memory to return the username string."},
     {PROC_INVALID_USERNAME, "An invalid passwd structure was obtained from the OS."},
     {PROC_OUT_OF_FILE_HANDLES, "Too many file handles are currently open.  Cannot access OS user registry."},
@@ -99,7 +114,7 @@ const MessageRow kHomeGetter[] = {
     {kOther, "An error occurred during the retrieval of the current effective user id, so home directory could "
              "not be obtained.  Refer to the OS ERRNO table."},
 };
-const MessageRow kUserSetter[] = {
+constexpr MessageRow kUserSetter[] = {
     {PROC_ACCESS_DENIED,
      "The operating system would not allow assignment of the process to user: [%s].  Access Denied.\n"},
     {PROC_OUT_OF_MEMORY, "Failed to allocate enough memory to obtain the passwd structure."},
@@ -109,7 +124,7 @@ const MessageRow kUserSetter[] = {
     {PROC_NOT_SUPPORTED, "Setting of the current process effective user is not supported on this operating system."},
     {kOther, "An error occurred during the setting of the current effective group id.  Refer to the OS ERRNO table."},
 };
-const MessageRow kGroupSetter[] = {
+constexpr MessageRow kGroupSetter[] = {
     {PROC_ACCESS_DENIED,
      "The operating system would not allow assignment of the process to group: [%s].  Access Denied.\n"},
     {PROC_OUT_OF_MEMORY, "Failed to allocate enough memory to obtain the group structure."},
@@ -121,32 +136,76 @@ const MessageRow kGroupSetter[] = {
     {kOther, "An error occurred during the setting of the current effective group id.  Refer to the OS ERRNO table."},
 };
 
-// A getter's text, or the exception of its result with the row's message. The caller traces.
-template <size_t Size>
-jstring get_identity(JNIEnv* env, int (*get)(char*, size_t, int*), const MessageRow* messages, int* result,
-                     int* sysErr, char (&text)[Size]) {
-    memset(text, 0, Size);
-    *result = get(text, Size, sysErr);
-    if (*result == PROC_SUCCESS) return java_string_from_utf8(env, text);
-    ThrowException(env, *result, message_for(messages, *result), *sysErr);
+// What tells the identity natives of one family apart; the formats are checked where they are used.
+struct IdentityNative {
+    const char* label;
+    const char* success;
+    const char* failure;
+    const MessageRow* messages;
+};
+
+constexpr IdentityNative kGetUser = {
+    "UnixProcessGlue_getCurrentProcessUser()",
+    "Successfully obtained the username as a UTF-8 string.  String contents: [%s]\n",
+    "Failed to obtain the process current effective user as a string.  Result was: [%d].  sysErr was: [%d]\n",
+    kUserGetter};
+constexpr IdentityNative kGetGroup = {
+    "UnixProcessGlue_getCurrentProcessGroup()",
+    "Successfully obtained the username as a UTF-8 string.  String contents: [%s]\n",
+    "Failed to obtain the process current effective group as a string.  Result was: [%d].  sysErr was: [%d]\n",
+    kGroupGetter};
+constexpr IdentityNative kGetHome = {
+    "UnixProcessGlue_getCurrentProcessUserOSHomeDir()",
+    "Successfully obtained the home directory the process current user as directory (in UTF-8): [%s]\n",
+    "Failed to obtain the process current effective user's home directory as a string.  Result was: [%d].  "
+    "sysErr was: [%d]\n",
+    kHomeGetter};
+constexpr IdentityNative kSetUser = {
+    "UnixProcessGlue_setCurrentProcessUser()", "Successfully set the process user to: [%s]\n",
+    "Failed to set the process current effective user to [%s].  Result was: [%d].  sysErr was: [%d]\n",
+    kUserSetter};
+constexpr IdentityNative kSetGroup = {
+    "UnixProcessGlue_setCurrentProcessGroup()", "Successfully set the process group to: [%s]\n",
+    "Failed to set the process current effective group to [%s].  Result was: [%d].  sysErr was: [%d]\n",
+    kGroupSetter};
+
+// A getter's text, or the exception of its result with the row's message.
+template <const IdentityNative& Native, size_t Size>
+jstring get_identity(JNIEnv* env, int (*get)(char*, size_t, int*)) {
+    TraceScope trace(Native.label);
+    char text[Size] = {};
+    int sysErr = 0;
+    int result = get(text, Size, &sysErr);
+    if (result == PROC_SUCCESS) {
+        process_log(Native.success, text);
+        return java_string_from_utf8(env, text);
+    }
+    process_err(Native.failure, result, sysErr);
+    ThrowException(env, result, message_for(Native.messages, result), sysErr);
     return nullptr;
 }
 
 // A setter's change, or its exception with the row's message (those that name the user or group carry
 // it). A name with a NUL inside names no one and is refused as an invalid argument.
-int set_identity(JNIEnv* env, jstring name, int (*set)(const char*, int*), const MessageRow* messages,
-                 char (&text)[kNameSize], int* sysErr) {
-    memset(text, 0, sizeof text);
+template <const IdentityNative& Native>
+void set_identity(JNIEnv* env, jstring name, const char* nullMessage, int (*set)(const char*, int*)) {
+    TraceScope trace(Native.label);
+    if (name == nullptr) return ThrowException(env, PROC_SYSTEM_ERR, nullMessage, 0);
+    char text[kNameSize] = {};
+    int sysErr = 0;
     int result = PROC_SUCCESS;
-    if (bounded_text(env, name, text, sizeof text, sysErr))
-        result = set(text, sysErr);
+    if (bounded_text(env, name, text, sizeof text, &sysErr))
+        result = set(text, &sysErr);
     else
-        result = *sysErr == ENOMEM ? PROC_OUT_OF_MEMORY : PROC_SYSTEM_ERR;
-    if (result == PROC_SUCCESS) return result;
+        result = sysErr == ENOMEM ? PROC_OUT_OF_MEMORY : PROC_SYSTEM_ERR;
+    if (result == PROC_SUCCESS) {
+        process_log(Native.success, text);
+        return;
+    }
+    process_err(Native.failure, text, result, sysErr);
     char message[kNameSize];
-    snprintf(message, sizeof message, message_for(messages, result), text);
-    ThrowException(env, result, message, *sysErr);
-    return result;
+    snprintf(message, sizeof message, message_for(Native.messages, result), text);
+    ThrowException(env, result, message, sysErr);
 }
 } // namespace
 
@@ -262,19 +321,7 @@ JNIEXPORT jint JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_ping(JNI
                                                                              jlong handle) {
     TraceScope trace("UnixProcessGlue_ping()");
     RecordRef record(handle);
-    if (!record) {
-        refuse_handle(env, "Error pinging process. ");
-        return 0;
-    }
-    int sysErr = 0;
-    if (load_field(record->isAlive) != 0) {
-        int result = unix_PingProcess(record.get(), &sysErr);
-        if (result != PROC_SUCCESS) {
-            ThrowException(env, result, "Error pinging process. ", sysErr);
-            return 0;
-        }
-    }
-    return load_field(record->isAlive);
+    return look_at(env, record, "Error pinging process. ", unix_PingProcess) ? load_field(record->isAlive) : 0;
 }
 
 JNIEXPORT void JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_done(JNIEnv*, jobject, jlong handle) {
@@ -304,18 +351,7 @@ JNIEXPORT jint JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_getExitC
                                                                                     jlong handle) {
     TraceScope trace("UnixProcessGlue_getExitCode()");
     RecordRef record(handle);
-    if (!record) {
-        refuse_handle(env, "Error getting exitcode. ");
-        return 0;
-    }
-    int sysErr = 0;
-    if (load_field(record->isAlive) != 0) {
-        int result = unix_GetProcessExitCode(record.get(), &sysErr);
-        if (result != PROC_SUCCESS) {
-            ThrowException(env, result, "Error getting exitcode. ", sysErr);
-            return 0;
-        }
-    }
+    if (!look_at(env, record, "Error getting exitcode. ", unix_GetProcessExitCode)) return 0;
     // A waiter may have seen the end before storing it; the code is final once no wait is in progress.
     await_no_waiters(record.get());
     return load_field(record->exitCode);
@@ -342,90 +378,37 @@ JNIEXPORT void JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_pokeVMTh
                   unix_GenerateJVMThreadDump);
 }
 
+JNIEXPORT jstring JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_getCurrentProcessUser(JNIEnv* env,
+                                                                                                 jobject) {
+    return get_identity<kGetUser, 1024>(env, unix_getUser);
+}
+
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_setCurrentProcessUser(JNIEnv* env, jobject,
+                                                                                              jstring userName) {
+    set_identity<kSetUser>(env, userName, "A NULL java string was passed in for user name.  This is invalid.",
+                           unix_setUser);
+}
+
 JNIEXPORT jboolean JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_isUserPrivileged(JNIEnv*, jobject) {
     TraceScope trace("UnixProcessGlue_isUserPrivileged()");
     return getuid() == 0 ? JNI_TRUE : JNI_FALSE;
 }
 
-JNIEXPORT jstring JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_getCurrentProcessUser(JNIEnv* env,
-                                                                                                 jobject) {
-    TraceScope trace("UnixProcessGlue_getCurrentProcessUser()");
-    char text[1024];
-    int result, sysErr = 0;
-    jstring value = get_identity(env, unix_getUser, kUserGetter, &result, &sysErr, text);
-    if (result == PROC_SUCCESS)
-        process_log("Successfully obtained the username as a UTF-8 string.  String contents: [%s]\n", text);
-    else
-        process_err("Failed to obtain the process current effective user as a string.  Result was: [%d].  "
-                    "sysErr was: [%d]\n",
-                    result, sysErr);
-    return value;
-}
-
 JNIEXPORT jstring JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_getCurrentProcessGroup(JNIEnv* env,
                                                                                                   jobject) {
-    TraceScope trace("UnixProcessGlue_getCurrentProcessGroup()");
-    char text[1024];
-    int result, sysErr = 0;
-    jstring value = get_identity(env, unix_getGroup, kGroupGetter, &result, &sysErr, text);
-    if (result == PROC_SUCCESS)
-        process_log("Successfully obtained the username as a UTF-8 string.  String contents: [%s]\n", text);
-    else
-        process_err("Failed to obtain the process current effective group as a string.  Result was: [%d].  "
-                    "sysErr was: [%d]\n",
-                    result, sysErr);
-    return value;
+    return get_identity<kGetGroup, 1024>(env, unix_getGroup);
 }
 
+// A home directory as long as a path may be.
 JNIEXPORT jstring JNICALL
 Java_com_norvane_quillon_process_UnixProcessGlue_getCurrentProcessUserOSHomeDir(JNIEnv* env, jobject) {
-    TraceScope trace("UnixProcessGlue_getCurrentProcessUserOSHomeDir()");
-    char text[12288];
-    int result, sysErr = 0;
-    jstring value = get_identity(env, unix_getUserHomeDirectory, kHomeGetter, &result, &sysErr, text);
-    if (result == PROC_SUCCESS)
-        process_log("Successfully obtained the home directory the process current user as directory (in UTF-8): "
-                    "[%s]\n",
-                    text);
-    else
-        process_err("Failed to obtain the process current effective user's home directory as a string.  Result "
-                    "was: [%d].  sysErr was: [%d]\n",
-                    result, sysErr);
-    return value;
-}
-
-JNIEXPORT void JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_setCurrentProcessUser(JNIEnv* env, jobject,
-                                                                                              jstring userName) {
-    TraceScope trace("UnixProcessGlue_setCurrentProcessUser()");
-    if (userName == nullptr)
-        return ThrowException(env, PROC_SYSTEM_ERR, "A NULL java string was passed in for user name.  This is invalid.",
-                              0);
-    char text[kNameSize];
-    int sysErr = 0;
-    int result = set_identity(env, userName, unix_setUser, kUserSetter, text, &sysErr);
-    if (result == PROC_SUCCESS)
-        process_log("Successfully set the process user to: [%s]\n", text);
-    else
-        process_err("Failed to set the process current effective user to [%s].  Result was: [%d].  sysErr was: "
-                    "[%d]\n",
-                    text, result, sysErr);
+    return get_identity<kGetHome, 12288>(env, unix_getUserHomeDirectory);
 }
 
 JNIEXPORT void JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_setCurrentProcessGroup(JNIEnv* env, jobject,
                                                                                                jstring groupName) {
-    TraceScope trace("UnixProcessGlue_setCurrentProcessGroup()");
-    if (groupName == nullptr)
-        return ThrowException(env, PROC_SYSTEM_ERR,
-                              "A NULL java string was passed in for group name.  This is invalid.", 0);
-    char text[kNameSize];
-    int sysErr = 0;
-    int result = set_identity(env, groupName, unix_setGroup, kGroupSetter, text, &sysErr);
-    if (result == PROC_SUCCESS)
-        process_log("Successfully set the process group to: [%s]\n", text);
-    else
-        process_err("Failed to set the process current effective group to [%s].  Result was: [%d].  sysErr was: "
-                    "[%d]\n",
-                    text, result, sysErr);
+    set_identity<kSetGroup>(env, groupName, "A NULL java string was passed in for group name.  This is invalid.",
+                            unix_setGroup);
 }
 
 QUILLON_API void unix_DeallocateProcessSpawnData(UnixProcessData* data, int*) {

@@ -3,11 +3,10 @@
 
 #include <cstddef>
 
-class Arena {
+#include "runtime/support.h"
+
+class Arena : NoCopy {
   public:
-    Arena() = default;
-    Arena(const Arena&) = delete;
-    Arena& operator=(const Arena&) = delete;
     ~Arena();
 
     // Null when memory ran out.

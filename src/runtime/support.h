@@ -44,6 +44,13 @@ inline int result_for_errno(int err, std::initializer_list<int> refused, int ref
     return otherResult;
 }
 
+// A base for owners that must not be copied.
+struct NoCopy {
+    NoCopy() = default;
+    NoCopy(const NoCopy&) = delete;
+    NoCopy& operator=(const NoCopy&) = delete;
+};
+
 // A descriptor, closed when its owner goes.
 class UniqueFd {
   public:
@@ -78,11 +85,9 @@ template <typename T> using MallocPtr = std::unique_ptr<T, FreeDeleter>;
 
 // The entry line of a traced function now and its exit line when the scope ends, unless the function
 // writes no exit line on the path it took.
-class TraceScope {
+class TraceScope : NoCopy {
   public:
     explicit TraceScope(const char* label) : label_(label) { process_log_entry(label); }
-    TraceScope(const TraceScope&) = delete;
-    TraceScope& operator=(const TraceScope&) = delete;
     ~TraceScope() {
         if (label_ != nullptr) process_log_exit(label_);
     }

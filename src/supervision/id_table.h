@@ -5,11 +5,10 @@
 #include <cstddef>
 #include <cstdint>
 
-class IdTable {
+#include "runtime/support.h"
+
+class IdTable : NoCopy {
   public:
-    IdTable() = default;
-    IdTable(const IdTable&) = delete;
-    IdTable& operator=(const IdTable&) = delete;
     ~IdTable();
 
     void* find(uint64_t key) const;

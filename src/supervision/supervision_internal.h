@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "quillon/supervision.h"
+#include "runtime/support.h"
 
 // The longest nap of a timed wait that can't be woken by the end of the process.
 constexpr unsigned SLEEP_INTERVAL = 2;
@@ -45,11 +46,9 @@ int64_t register_record(UnixProcessData* data);
 bool retire_record(int64_t handle);
 
 // The record of a live handle, kept alive while the reference lasts; empty for any other number.
-class RecordRef {
+class RecordRef : NoCopy {
   public:
     explicit RecordRef(int64_t handle);
-    RecordRef(const RecordRef&) = delete;
-    RecordRef& operator=(const RecordRef&) = delete;
     ~RecordRef();
     explicit operator bool() const { return data_ != nullptr; }
     UnixProcessData* get() const { return data_; }
