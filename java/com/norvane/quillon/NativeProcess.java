@@ -14,6 +14,8 @@ import java.lang.ref.Reference;
 import java.time.Duration;
 import java.util.concurrent.CompletableFuture;
 import java.util.concurrent.ExecutionException;
+import java.util.concurrent.Executor;
+import java.util.concurrent.ForkJoinPool;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.TimeoutException;
 
@@ -46,6 +48,12 @@ public final class NativeProcess extends Process implements AutoCloseable {
     private static final UnixProcessGlue UNIX = UnixProcessGlue.get();
     private static final NativeProcessGlue NATIVE = NativeProcessGlue.get();
     private static final long NATIVE_WAIT_MILLIS = 5;
+    /**
+     * Runs what depends on {@link #onExit()}: the common pool, which lends a blocked action spare threads,
+     * rather than a thread per action; its own default where the pool has been given no threads.
+     */
+    private static final Executor EXIT_ACTIONS = ForkJoinPool.getCommonPoolParallelism() > 0
+            ? ForkJoinPool.commonPool() : new CompletableFuture<Void>().defaultExecutor();
 
     private final OwnedHandle owner;
     private final Cleaner.Cleanable cleanable;
@@ -334,9 +342,9 @@ public final class NativeProcess extends Process implements AutoCloseable {
     }
 
     /**
-     * A future completed with this object when the process ends, by the one watcher thread of all
-     * processes; dependent actions run in the default executor of {@link CompletableFuture}'s async
-     * methods, never in the watcher. Closing this object completes it exceptionally.
+     * A future completed with this object when the process ends, through the one watcher thread of all
+     * processes; dependent actions run in the {@link ForkJoinPool#commonPool() common pool}, never in the
+     * watcher. Closing this object completes it exceptionally.
      *
      * @throws IllegalStateException after {@link #close()}, and for the running JVM
      */
@@ -347,7 +355,7 @@ public final class NativeProcess extends Process implements AutoCloseable {
             throw new IllegalStateException("the running JVM cannot wait for its own end");
         }
         owner.ensureWatched();
-        return owner.ended.thenApplyAsync(ended -> this);
+        return owner.ended.thenApplyAsync(ended -> this, EXIT_ACTIONS);
     }
 
     /**
