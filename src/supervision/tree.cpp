@@ -90,8 +90,11 @@ int kill_tree(UnixProcessData* data, int* sysErr) {
     int result = ensure_entry(data, sysErr);
     if (result != PROC_SUCCESS) return result;
     bool leader = !entry_ended(data->process) && getpgid(root) == root;
+    // A root that has ended has no tree to find: its PID may name another process, whose children are
+    // none of ours.
     int err = signal_process(data->process, root, SIGSTOP);
-    if (err != 0 && err != ESRCH) {
+    if (err == ESRCH) return PROC_SUCCESS;
+    if (err != 0) {
         *sysErr = err;
         return err == EPERM ? PROC_ACCESS_DENIED : PROC_SYSTEM_ERR;
     }

@@ -117,6 +117,7 @@ int watch_record(int64_t handle, UnixProcessData* data, int* sysErr) {
 
 int await_ended(int64_t* ended, int capacity, int timeoutMillis) {
     pthread_mutex_lock(&watch_lock);
+    open_set(); // without it, the first watch could not wake a waiter that came before it
     int set = epoll_fd;
     bool anyDue = false;
     for (const Watch* w = watches; w != nullptr; w = w->next)
@@ -129,8 +130,8 @@ int await_ended(int64_t* ended, int capacity, int timeoutMillis) {
     int ready = 0;
     if (set >= 0) {
         ready = epoll_wait(set, events, 64, timeout);
-    } else if (timeout != 0) { // nothing watched yet
-        poll(nullptr, 0, timeout);
+    } else if (timeout != 0) { // no set: the system refused one; look again later
+        poll(nullptr, 0, timeout < 0 || timeout > kFallbackMillis ? kFallbackMillis : timeout);
     }
 
     pthread_mutex_lock(&watch_lock);

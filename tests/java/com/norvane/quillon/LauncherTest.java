@@ -20,7 +20,6 @@ import java.util.Map;
 import java.util.concurrent.TimeUnit;
 import java.util.stream.Collectors;
 import java.util.stream.Stream;
-import org.junit.jupiter.api.Disabled;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.Arguments;
@@ -128,8 +127,6 @@ class LauncherTest {
 
     // NativeProcess.killTree never calls the native once the end is known, and keeps the end of a child from
     // being collected while the native runs; a process that is no child may still end unseen just before.
-    @Disabled("native defect in src/supervision/tree.cpp: kill_tree goes on after the root's SIGSTOP failed with "
-            + "ESRCH and SIGKILLs whatever /proc lists as children of the PID, which may name another process by now")
     @Test
     void theNativeTreeKillOfAnEndedProcessSparesTheProcessThatReusedItsPid() throws Exception {
         assumeTrue(isRoot(), "needs root to choose the next PID");
