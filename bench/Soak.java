@@ -104,7 +104,8 @@ public final class Soak {
             GLUE.done(handle);
             PROBLEMS.add("launch failure " + kind + " succeeded");
         } catch (ProcessOpException e) {
-            count(FAILURE_CLASSES.get(kind) == e.getClass() ? "failure as expected" : "failure " + e.getClass().getSimpleName());
+            count(FAILURE_CLASSES.get(kind) == e.getClass() ? "failure as expected"
+                    : "refused: " + e.getClass().getSimpleName() + ": " + e.getMessage());
         }
     }
 
@@ -202,7 +203,10 @@ public final class Soak {
     /** A launch that hangs before its exec: stdin is a FIFO that nobody writes. */
     private static void hangBeforeExec() throws Exception {
         Path fifo = Files.createTempDirectory("quillon-soak").resolve("fifo");
-        new ProcessBuilder("mkfifo", fifo.toString()).start().waitFor();
+        long mkfifo = GLUE.create("mkfifo", new String[] {fifo.toString()}, null, null, 20, null, 022, null, null, 0,
+                null, true, false);
+        GLUE.waitForTermination(mkfifo);
+        GLUE.done(mkfifo);
         long start = System.nanoTime();
         try {
             GLUE.create("/bin/true", null, null, null, 20, new String[] {fifo.toString(), null, null}, 022, null, null,
@@ -342,12 +346,17 @@ public final class Soak {
         }
     }
 
+    /** Where this class and the library's are: the test runner names them, else the class path does. */
+    private static String classPath() {
+        return System.getProperty("quillon.classpath", System.getProperty("java.class.path"));
+    }
+
     /** The classes and library where nobody can read them. */
     private static Path stage() throws IOException {
         Path dir = Files.createTempDirectory("quillon-soak", PosixFilePermissions.asFileAttribute(
                 PosixFilePermissions.fromString("rwxr-xr-x")));
         StringBuilder classPath = new StringBuilder();
-        for (String entry : System.getProperty("java.class.path").split(":")) {
+        for (String entry : classPath().split(":")) {
             Path copy = dir.resolve(classPath.length() + "-" + Path.of(entry).getFileName());
             Files.copy(Path.of(entry), copy);
             Files.setPosixFilePermissions(copy, PosixFilePermissions.fromString("rw-r--r--"));
@@ -361,7 +370,7 @@ public final class Soak {
     private static Report soakInJvm(int operations, boolean asNobody, Faults faults) throws Exception {
         List<String> command = new ArrayList<>();
         Path staged = null;
-        String classPath = System.getProperty("java.class.path");
+        String classPath = classPath();
         if (asNobody) {
             staged = stage();
             classPath = Files.readString(staged.resolve("classpath"));
@@ -424,27 +433,44 @@ public final class Soak {
         }
     }
 
-    /** Lowers the JVM's descriptor limit to a few more than it has open, for a second. */
+    /** Lowers the JVM's descriptor limit to the count it has open, for a second: launches find no number free. */
     private static String limitDescriptors(long pid) throws Exception {
-        long limit = openDescriptors(pid) + 8;
-        String original = Files.readAllLines(Path.of("/proc/" + pid + "/limits")).stream()
-                .filter(l -> l.startsWith("Max open files")).findFirst().orElseThrow().split("\\s+")[3];
+        long limit = openDescriptors(pid);
+        String original = softLimit(pid, "Max open files");
         run("prlimit", "--pid", Long.toString(pid), "--nofile=" + limit + ":");
         Thread.sleep(1000);
         run("prlimit", "--pid", Long.toString(pid), "--nofile=" + original + ":");
         return "descriptor limit " + limit + " for 1 s; ";
     }
 
-    /** Lowers nobody's process limit to what the JVM has now, for a second. */
+    /** A resource limit of a process, as /proc shows it: the soft value. */
+    private static String softLimit(long pid, String name) throws IOException {
+        return Files.readAllLines(Path.of("/proc/" + pid + "/limits")).stream().filter(l -> l.startsWith(name))
+                .findFirst().orElseThrow().substring(26).trim().split("\\s+")[0];
+    }
+
+    /**
+     * Lowers nobody's process limit to what the JVM has now, for a second. prlimit runs as nobody too: it
+     * may change the limits of a process of its own user without any capability.
+     */
     private static String limitProcesses(long pid) throws Exception {
         long tasks;
         try (var list = Files.list(Path.of("/proc/" + pid + "/task"))) {
             tasks = list.count();
         }
-        run("prlimit", "--pid", Long.toString(pid), "--nproc=" + tasks + ":");
+        String original = softLimit(pid, "Max processes");
+        List<String> asNobody = List.of("setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", "prlimit",
+                "--pid", Long.toString(pid));
+        run(concat(asNobody, "--nproc=" + tasks + ":"));
         Thread.sleep(1000);
-        run("prlimit", "--pid", Long.toString(pid), "--nproc=unlimited:");
+        run(concat(asNobody, "--nproc=" + original + ":"));
         return "process limit " + tasks + " for 1 s; ";
+    }
+
+    private static String[] concat(List<String> command, String last) {
+        List<String> all = new ArrayList<>(command);
+        all.add(last);
+        return all.toArray(new String[0]);
     }
 
     /** The soak with and without faults; the second run goes as nobody for the process limit. */
