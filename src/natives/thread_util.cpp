@@ -8,13 +8,33 @@
 #include "com_norvane_quillon_process_linuxutil_ThreadUtil.h"
 #include "quillon/boundary.h"
 #include "runtime/support.h"
+#include "supervision/id_table.h"
 
 namespace {
 int posix_threading = -1; // -1 not determined yet, 1 threads share a process id, 0 they don't
 pthread_mutex_t threading_check_mutex = PTHREAD_MUTEX_INITIALIZER;
 
+// Mutexes by handle: a number that names one mutex for the life of the process, so that a stale or
+// made-up handle finds none instead of memory that is no mutex. (Freeing a mutex while another thread
+// uses it stays the caller's to avoid.)
+pthread_mutex_t registry_lock = PTHREAD_MUTEX_INITIALIZER;
+IdTable live_mutexes;
+uint64_t mutexes_given = 0;
+
 pthread_mutex_t* mutex_of(jlong handle) {
-    return static_cast<pthread_mutex_t*>(process_ConvertJlongToPointer(handle));
+    pthread_mutex_lock(&registry_lock);
+    auto* mutex = handle == 0 ? nullptr : static_cast<pthread_mutex_t*>(live_mutexes.find(static_cast<uint64_t>(handle)));
+    pthread_mutex_unlock(&registry_lock);
+    return mutex;
+}
+
+// The handle of a new mutex; 0 when memory ran out.
+jlong register_mutex(pthread_mutex_t* mutex) {
+    pthread_mutex_lock(&registry_lock);
+    uint64_t handle = nth_handle(++mutexes_given);
+    bool stored = live_mutexes.insert(handle, mutex);
+    pthread_mutex_unlock(&registry_lock);
+    return stored ? static_cast<jlong>(handle) : 0;
 }
 
 void* store_thread_pid(void* pid) {
@@ -42,39 +62,55 @@ JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_linuxutil_ThreadUtil_cr
         ThrowException(env, PROC_SYSTEM_ERR, "Unrecoverable error.  Could not initialize the new pthreads mutex", result);
         return 0;
     }
-    return process_ConvertPointerTo64(mutex.release());
+    jlong handle = register_mutex(mutex.get());
+    if (handle == 0) {
+        pthread_mutex_destroy(mutex.get());
+        ThrowException(env, PROC_OUT_OF_MEMORY, "Unrecoverable error.  Could not allocate memory for a new pthreads mutex",
+                       0);
+        return 0;
+    }
+    mutex.release();
+    return handle;
 }
 
 JNIEXPORT jint JNICALL Java_com_norvane_quillon_process_linuxutil_ThreadUtil_mutexTrylock(JNIEnv*, jobject,
                                                                                           jlong handle) {
     if (handle == 0) return 0;
-    process_log("Doing a trylock on mutex: [0x%x]\n", trace_ptr(mutex_of(handle)));
-    return pthread_mutex_trylock(mutex_of(handle)) == 0 ? 0 : -1;
+    pthread_mutex_t* mutex = mutex_of(handle);
+    if (mutex == nullptr) return -1;
+    process_log("Doing a trylock on mutex: [0x%x]\n", trace_ptr(mutex));
+    return pthread_mutex_trylock(mutex) == 0 ? 0 : -1;
 }
 
 JNIEXPORT void JNICALL Java_com_norvane_quillon_process_linuxutil_ThreadUtil_mutexLock(JNIEnv*, jobject,
                                                                                        jlong handle) {
-    if (handle == 0) return;
-    process_log("Doing a lock on mutex: [0x%x]\n", trace_ptr(mutex_of(handle)));
-    pthread_mutex_lock(mutex_of(handle));
+    pthread_mutex_t* mutex = mutex_of(handle);
+    if (mutex == nullptr) return;
+    process_log("Doing a lock on mutex: [0x%x]\n", trace_ptr(mutex));
+    pthread_mutex_lock(mutex);
 }
 
 JNIEXPORT void JNICALL Java_com_norvane_quillon_process_linuxutil_ThreadUtil_mutexUnlock(JNIEnv*, jobject,
                                                                                          jlong handle) {
-    if (handle == 0) return;
-    process_log("Doing an unlock on mutex: [0x%x]\n", trace_ptr(mutex_of(handle)));
-    pthread_mutex_unlock(mutex_of(handle));
+    pthread_mutex_t* mutex = mutex_of(handle);
+    if (mutex == nullptr) return;
+    process_log("Doing an unlock on mutex: [0x%x]\n", trace_ptr(mutex));
+    pthread_mutex_unlock(mutex);
 }
 
 JNIEXPORT jint JNICALL Java_com_norvane_quillon_process_linuxutil_ThreadUtil_freeMutex(JNIEnv*, jobject,
                                                                                        jlong handle) {
     if (handle == 0) return 0;
     pthread_mutex_t* mutex = mutex_of(handle);
+    if (mutex == nullptr) return 1; // no mutex of ours: nothing was freed
     process_log("Doing a destroy on mutex: [0x%x]\n", trace_ptr(mutex));
     if (pthread_mutex_destroy(mutex) != 0) {
         process_log("Could not destroy mutex: [0x%x]\n", trace_ptr(mutex));
         return 1;
     }
+    pthread_mutex_lock(&registry_lock);
+    live_mutexes.erase(static_cast<uint64_t>(handle));
+    pthread_mutex_unlock(&registry_lock);
     process_log("Doing a free on mutex data: [0x%x]\n", trace_ptr(mutex));
     free(mutex);
     return 0;

@@ -7,6 +7,16 @@ constexpr uint64_t kEmpty = 0;
 constexpr uint64_t kErased = ~uint64_t{0};
 } // namespace
 
+uint64_t nth_handle(uint64_t n) {
+    uint64_t h = n;
+    h ^= h >> 30;
+    h *= 0xBF58476D1CE4E5B9u;
+    h ^= h >> 27;
+    h *= 0x94D049BB133111EBu;
+    h ^= h >> 31;
+    return h == kErased ? nth_handle(n + (uint64_t{1} << 63)) : h; // one n in 2^64 meets the reserved key
+}
+
 IdTable::~IdTable() {
     free(slots_);
 }

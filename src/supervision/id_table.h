@@ -7,6 +7,10 @@
 
 #include "runtime/support.h"
 
+// The n-th handle a registry gives out (n from 1): a bijection of n, so handles are unique for the life of
+// the process, never small numbers a caller might pass by mistake, and never 0 or all ones.
+uint64_t nth_handle(uint64_t n);
+
 class IdTable : NoCopy {
   public:
     ~IdTable();

@@ -23,17 +23,6 @@ ManagedRecord* managed(UnixProcessData* data) {
     return reinterpret_cast<ManagedRecord*>(data);
 }
 
-// A bijection of the counter, so that handles are unique, never small numbers a caller might pass by
-// mistake, and never 0 or all ones (which the table keeps for itself).
-uint64_t scramble(uint64_t n) {
-    n ^= n >> 30;
-    n *= 0xBF58476D1CE4E5B9u;
-    n ^= n >> 27;
-    n *= 0x94D049BB133111EBu;
-    n ^= n >> 31;
-    return n;
-}
-
 void release(UnixProcessData* data) {
     pthread_mutex_lock(&registry_lock);
     ManagedRecord* record = managed(data);
@@ -61,10 +50,7 @@ void destroy_record(UnixProcessData* data) {
 
 int64_t register_record(UnixProcessData* data) {
     pthread_mutex_lock(&registry_lock);
-    uint64_t handle;
-    do {
-        handle = scramble(++handles_given);
-    } while (handle == 0 || handle == ~uint64_t{0});
+    uint64_t handle = nth_handle(++handles_given);
     bool stored = live_records.insert(handle, data);
     pthread_mutex_unlock(&registry_lock);
     return stored ? static_cast<int64_t>(handle) : 0;

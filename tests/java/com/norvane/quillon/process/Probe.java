@@ -55,6 +55,7 @@ public final class Probe {
                     return "group now " + glue.getCurrentProcessGroup();
                 });
                 case "getenv" -> print(() -> "[" + EnvUtilGlue.get().native_getenv(arg) + "]");
+                case "getenvLength" -> print(() -> "[" + EnvUtilGlue.get().native_getenv(arg).length() + "]");
                 case "environment" -> print(() -> Arrays.toString(EnvUtilGlue.get().native_getentireenv()));
                 case "threading" -> print(() -> ThreadUtil.get().isPOSIXThreading());
                 case "sleep" -> print(() -> {
