@@ -110,6 +110,10 @@ bool attach_launched_entry(UnixProcessData* data, int pid, int pidfd) {
             old->indexed = false;
         entry->indexed = live_entries.insert(static_cast<uint64_t>(pid), entry);
         pthread_mutex_unlock(&table_lock);
+        if (!entry->indexed) { // an adoption could not find it: its records would not share one status
+            destroy_entry(entry);
+            return false;
+        }
     }
     data->process = entry;
     return true;
@@ -129,13 +133,12 @@ ProcessEntry* entry_for_adoption(int pid) {
     if (entry == nullptr || entry->ended) return entry;
     pthread_mutex_lock(&table_lock);
     auto* raced = static_cast<ProcessEntry*>(live_entries.find(static_cast<uint64_t>(pid)));
-    if (raced != nullptr) {
+    if (raced != nullptr)
         ++raced->refs;
-    } else {
+    else
         entry->indexed = live_entries.insert(static_cast<uint64_t>(pid), entry);
-    }
     pthread_mutex_unlock(&table_lock);
-    if (raced == nullptr) return entry;
+    if (raced == nullptr && entry->indexed) return entry;
     destroy_entry(entry);
     return raced;
 }

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -307,5 +308,50 @@ TEST(ForkSafety, LaunchesWithIdentityNeverHangWhileOtherThreadsHoldLocks) {
         },
         300);
     EXPECT_EQ(outcome.report, "0");
+}
+} // namespace
+
+namespace {
+// A new process that hangs before its exec (stdin a FIFO nobody writes) is killed when the wait for the exec
+// runs out (here at once), attached or detached, and nothing of it stays.
+TEST(PreExecHang, IsKilledWhenTheWaitRunsOut) {
+    char dir[] = "/tmp/quillon-fifo-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    std::string fifo = std::string(dir) + "/fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    for (bool detached : {false, true}) {
+        Request r;
+        r.stdFiles = {fifo.c_str(), nullptr, nullptr};
+        seams::select = {true, 0, 0};
+        Launched l = Launch(r, detached);
+        EXPECT_EQ(outcome_text(l), expected(PROC_CREATE_TIMEOUT, ETIMEDOUT)) << detached;
+        for (int i = 0; i < 200 && kill(l.pid, 0) == 0; ++i) // a detached one is init's to reap
+            usleep(10000);
+        EXPECT_EQ(kill(l.pid, 0), -1) << "killed, detached " << detached;
+    }
+    EXPECT_TRUE(no_children_left());
+    unlink(fifo.c_str());
+    rmdir(dir);
+}
+
+// The sweep reaches descriptors above the limit in force at the launch.
+TEST(DescriptorSweep, ClosesDescriptorsAboveTheCurrentLimit) {
+    ChildOutcome outcome = RunInChild([] {
+        rlimit limit = {4096, 4096};
+        if (setrlimit(RLIMIT_NOFILE, &limit) != 0 || dup2(1, 3000) != 3000) return std::string("no room");
+        limit.rlim_cur = 1024;
+        setrlimit(RLIMIT_NOFILE, &limit);
+        std::string listing = "/tmp/quillon-fds-" + std::to_string(getpid());
+        Request r;
+        r.executable = "/bin/ls";
+        r.arguments = {"/proc/self/fd"};
+        r.stdFiles = {nullptr, listing.c_str(), nullptr};
+        Launched l = Launch(r);
+        waitpid(l.pid, nullptr, 0);
+        std::string fds = ReadFile(listing);
+        unlink(listing.c_str());
+        return fds;
+    });
+    EXPECT_EQ(outcome.report, "0\n1\n2\n3\n"); // 3 is ls's own listing of the directory
 }
 } // namespace

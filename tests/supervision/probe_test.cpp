@@ -9,7 +9,11 @@
 #include <unistd.h>
 
 #include "quillon/boundary.h"
+#include "quillon/launch.h"
 #include "quillon/supervision.h"
+#include "runtime/support.h"
+#include "support/child.h"
+#include "support/seams.h"
 #include "supervision/supervision_internal.h"
 
 namespace {
@@ -69,4 +73,29 @@ INSTANTIATE_TEST_SUITE_P(Ends, ProbeSeesTheEnd,
                                          EndCase{"terminated", -1, SIGTERM, 15}),
                          [](const auto& info) { return std::string(info.param.name); });
 
+} // namespace
+
+namespace {
+// Where the system offers no pidfd, a process is followed by its PID: waits still end, with naps, and the
+// trace says so.
+TEST(WithoutPidfd, ProcessesAreFollowedByTheirPid) {
+    ChildOutcome outcome = RunInChild([] {
+        setenv("__JNI_PROCESS_DEBUG", "", 1);
+        process_log_init_dbg();
+        seams::pidfd = {seams::kAlways, ENOSYS};
+        char* argv[] = {const_cast<char*>("-c"), const_cast<char*>("sleep 0.2; exit 9"), nullptr};
+        UnixProcessData* data = new_record();
+        copy_bounded(data->pid, "0", kPidTextSize);
+        int sysErr = 0;
+        int launched = unix_CreateProcess("/bin/sh", argv, nullptr, nullptr, 20, nullptr, 022, nullptr, nullptr,
+                                          0, data, &sysErr);
+        int waited = unix_WaitForProcessTerminationWithTimeout(data, 10, &sysErr);
+        std::string result = std::to_string(launched) + " " + std::to_string(waited) + " " +
+                             std::to_string(data->exitCode);
+        destroy_record(data);
+        return result;
+    });
+    EXPECT_EQ(outcome.report, "0 0 9");
+    EXPECT_NE(outcome.out.find("No pidfd for process ["), std::string::npos);
+}
 } // namespace

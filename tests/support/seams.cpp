@@ -17,6 +17,10 @@ thread_local SelectFake select;
 
 namespace {
 bool due(seams::Fault& fault) {
+    if (fault.at == seams::kAlways) {
+        errno = fault.err;
+        return true;
+    }
     if (fault.at == 0 || --fault.at != 0) return false;
     errno = fault.err;
     return true;

@@ -6,7 +6,8 @@
 #include <cerrno>
 
 namespace seams {
-// The at-th next call (1 = the next one) fails with err; at 0 is disarmed.
+// The at-th next call (1 = the next one) fails with err; at 0 is disarmed, kAlways fails every call.
+constexpr int kAlways = -1;
 struct Fault {
     int at = 0;
     int err = 0;
