@@ -17,28 +17,29 @@ constexpr const char* kDefaultSearchPath = "/bin:/usr/bin";
 
 // The JVM's signal handlers must never run in the new process: every caught signal goes back to its
 // default (ignored ones stay ignored, as exec would leave them).
-void reset_signal_handlers() {
+NEW_PROCESS_CODE void reset_signal_handlers() {
     for (int signal = 1; signal < NSIG; ++signal)
         if (signal != SIGKILL && signal != SIGSTOP) sys_set_disposition(signal, SIG_DFL, true);
 }
 
-// The limit from sysconf, worked out by the launcher, where the kernel has no close_range.
-void close_descriptors_except(int keep, int openMax) {
-    auto close_span = [openMax](unsigned first, unsigned last) {
-        if (first > last) return;
-        if (sys_close_range(first, last) == 0) return;
-        for (unsigned fd = first; fd <= last && fd < static_cast<unsigned>(openMax); ++fd)
-            sys_close(static_cast<int>(fd));
-    };
-    if (keep < 3) {
-        close_span(3, ~0u);
-        return;
-    }
-    close_span(3, static_cast<unsigned>(keep) - 1);
-    close_span(static_cast<unsigned>(keep) + 1, ~0u);
+// Closes [first, last]: close_range, or one close per number below the limit from sysconf where the kernel
+// has no close_range.
+NEW_PROCESS_CODE void close_span(unsigned first, unsigned last, int openMax) {
+    if (first > last || sys_close_range(first, last) == 0) return;
+    for (unsigned fd = first; fd <= last && fd < static_cast<unsigned>(openMax); ++fd)
+        sys_close(static_cast<int>(fd));
 }
 
-void dump_launch(const LaunchRequest& request, const ChildContext& context) {
+NEW_PROCESS_CODE void close_descriptors_except(int keep, int openMax) {
+    if (keep < 3) {
+        close_span(3, ~0u, openMax);
+        return;
+    }
+    close_span(3, static_cast<unsigned>(keep) - 1, openMax);
+    close_span(static_cast<unsigned>(keep) + 1, ~0u, openMax);
+}
+
+NEW_PROCESS_CODE void dump_launch(const LaunchRequest& request, const ChildContext& context) {
     child_log(context, "New process will be created from executable: [%s]\n", request.executable);
     child_log(context, "Arguments to the binary are:\n");
     for (int i = 0; request.cmdLine[i] != nullptr; ++i)
@@ -49,7 +50,7 @@ void dump_launch(const LaunchRequest& request, const ChildContext& context) {
 }
 
 // execve, and a program without a format the kernel knows run by /bin/sh as a script.
-long exec_file(const LaunchRequest& request, const char* path) {
+NEW_PROCESS_CODE long exec_file(const LaunchRequest& request, const char* path) {
     long result = sys_execve(path, request.cmdLine, request.envp);
     if (result == -ENOEXEC) {
         request.scriptArgv[1] = const_cast<char*>(path);
@@ -60,7 +61,7 @@ long exec_file(const LaunchRequest& request, const char* path) {
 
 // The program by its name: the name itself when it holds a slash, else each directory of the new
 // environment's PATH in turn, as execvp searches. The errno when nothing could be run.
-int exec_program(const LaunchRequest& request) {
+NEW_PROCESS_CODE int exec_program(const LaunchRequest& request) {
     const char* file = request.executable;
     if (*file == 0) return ENOENT;
     if (strchr(file, '/') != nullptr) return static_cast<int>(-exec_file(request, file));
@@ -98,7 +99,7 @@ int exec_program(const LaunchRequest& request) {
     return deniedSomewhere ? EACCES : static_cast<int>(-result);
 }
 
-[[noreturn]] void report_failure(const LaunchRequest& request, const ChildContext& context, int result,
+NEW_PROCESS_CODE [[noreturn]] void report_failure(const LaunchRequest& request, const ChildContext& context, int result,
                                  int sysErr) {
     char text[64];
     child_err(context, "Unable to launch process.  An error occurred.  Return value: [%d] errno: [%d] [%s]\n",
@@ -109,14 +110,14 @@ int exec_program(const LaunchRequest& request) {
 }
 } // namespace
 
-const char* error_text(int err, char (&buffer)[64]) {
+NEW_PROCESS_CODE const char* error_text(int err, char (&buffer)[64]) {
     const char* text = strerrordesc_np(err);
     if (text != nullptr) return text;
     snprintf(buffer, sizeof buffer, "Unknown error %d", err);
     return buffer;
 }
 
-int SetupChildContext(const LaunchRequest& request, const ChildContext& context, int* sysErr) {
+NEW_PROCESS_CODE int SetupChildContext(const LaunchRequest& request, const ChildContext& context, int* sysErr) {
     long reading = sys_getpriority();
     long current = 20 - reading;
     ChildTraceScope trace(context, "SetupChildContext()");
@@ -159,7 +160,7 @@ int SetupChildContext(const LaunchRequest& request, const ChildContext& context,
     return SetupChildStdHandles(request, context, sysErr);
 }
 
-void run_new_process(const LaunchRequest& request, bool attached) {
+NEW_PROCESS_CODE void run_new_process(const LaunchRequest& request, bool attached) {
     ChildContext context = request.context; // a copy of its own: the trace settings change below
     reset_signal_handlers();
     int pid = static_cast<int>(sys_getpid());

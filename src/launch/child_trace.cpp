@@ -9,7 +9,7 @@
 #include "runtime/runtime_internal.h"
 
 namespace {
-void write_all(int fd, const char* text, size_t size) {
+NEW_PROCESS_CODE void write_all(int fd, const char* text, size_t size) {
     while (size > 0) {
         long written = sys_write(fd, text, size);
         if (written == -EINTR) continue;
@@ -21,7 +21,7 @@ void write_all(int fd, const char* text, size_t size) {
 
 void write_line(const ChildContext& context, bool error, const char* format, va_list args)
     __attribute__((format(printf, 3, 0)));
-void write_line(const ChildContext& context, bool error, const char* format, va_list args) {
+NEW_PROCESS_CODE void write_line(const ChildContext& context, bool error, const char* format, va_list args) {
     char line[kTraceLineSize];
     format_trace_line(line, context.tracePid, format, args);
     if (context.inHost) {
@@ -46,7 +46,7 @@ ChildContext host_context() {
     return context;
 }
 
-void child_log(const ChildContext& context, const char* format, ...) {
+NEW_PROCESS_CODE void child_log(const ChildContext& context, const char* format, ...) {
     if (!context.debug || format == nullptr) return;
     va_list args;
     va_start(args, format);
@@ -54,7 +54,7 @@ void child_log(const ChildContext& context, const char* format, ...) {
     va_end(args);
 }
 
-void child_err(const ChildContext& context, const char* format, ...) {
+NEW_PROCESS_CODE void child_err(const ChildContext& context, const char* format, ...) {
     if (format == nullptr) return;
     va_list args;
     va_start(args, format);
@@ -62,11 +62,11 @@ void child_err(const ChildContext& context, const char* format, ...) {
     va_end(args);
 }
 
-ChildTraceScope::ChildTraceScope(const ChildContext& context, const char* label)
+NEW_PROCESS_CODE ChildTraceScope::ChildTraceScope(const ChildContext& context, const char* label)
     : context_(context), label_(label) {
     if (context_.entryExit) child_log(context_, "> entering: [%s]\n", label_);
 }
 
-ChildTraceScope::~ChildTraceScope() {
+NEW_PROCESS_CODE ChildTraceScope::~ChildTraceScope() {
     if (label_ != nullptr && context_.entryExit) child_log(context_, "< exiting: [%s]\n", label_);
 }

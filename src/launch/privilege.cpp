@@ -40,20 +40,20 @@ bool resolve_supplementary(PrivilegePlan* plan, gid_t base, Arena& arena) {
 }
 
 // A change of credentials: in the new process for itself, in the host for every thread. 0 or -errno.
-long change_groups(const ChildContext& context, size_t count, const gid_t* groups) {
+NEW_PROCESS_CODE long change_groups(const ChildContext& context, size_t count, const gid_t* groups) {
     if (!context.inHost) return sys_setgroups(count, groups);
     return setgroups(count, groups) == 0 ? 0 : -errno;
 }
-long change_gid(const ChildContext& context, gid_t gid) {
+NEW_PROCESS_CODE long change_gid(const ChildContext& context, gid_t gid) {
     if (!context.inHost) return sys_setgid(gid);
     return setgid(gid) == 0 ? 0 : -errno;
 }
-long change_uid(const ChildContext& context, uid_t uid) {
+NEW_PROCESS_CODE long change_uid(const ChildContext& context, uid_t uid) {
     if (!context.inHost) return sys_setuid(uid);
     return setuid(uid) == 0 ? 0 : -errno;
 }
 
-int clear_secondary_groups(const ChildContext& context, int* sysErr) {
+NEW_PROCESS_CODE int clear_secondary_groups(const ChildContext& context, int* sysErr) {
     ChildTraceScope trace(context, "ClearSecondaryGroups()");
     child_log(context, "Trying to clear supplamental groups.\n");
     long result = change_groups(context, 0, nullptr);
@@ -66,7 +66,7 @@ int clear_secondary_groups(const ChildContext& context, int* sysErr) {
     return PROC_SUCCESS;
 }
 
-int init_secondary_groups(const ChildContext& context, const PrivilegePlan& plan, gid_t gid, int* sysErr) {
+NEW_PROCESS_CODE int init_secondary_groups(const ChildContext& context, const PrivilegePlan& plan, gid_t gid, int* sysErr) {
     ChildTraceScope trace(context, "InitSecondaryGroups()");
     if (!plan.loadSupplementary) return PROC_SUCCESS;
     child_log(context, "Setting supplimentary groups for user: [%s] gid: [%d]\n", plan.userName,
@@ -82,7 +82,7 @@ int init_secondary_groups(const ChildContext& context, const PrivilegePlan& plan
     return PROC_SUCCESS;
 }
 
-int user_not_found(const ChildContext& context, const PrivilegePlan& plan, int* sysErr) {
+NEW_PROCESS_CODE int user_not_found(const ChildContext& context, const PrivilegePlan& plan, int* sysErr) {
     *sysErr = plan.userErrno;
     child_err(context, "Failed user lookup of userid: [%s]\n", plan.userName);
     return PROC_INVALID_USERNAME;
@@ -117,8 +117,9 @@ bool resolve_privilege(PrivilegePlan* plan, const char* userName, const char* gr
     return resolve_supplementary(plan, groupName != nullptr ? plan->groupGid : plan->userGid, arena);
 }
 
-int set_privilege_ids(const ChildContext& context, const PrivilegePlan& plan, int* sysErr) {
-    ChildTraceScope trace(context, "SetupChildPrivilegeIDs()");
+namespace {
+// The steps in their order: group (with the supplementary groups), then user.
+NEW_PROCESS_CODE int change_ids(const ChildContext& context, const PrivilegePlan& plan, int* sysErr) {
     child_log(context, "Process uid=[%d] euid=[%d] gid=[%d] egid=[%d]\n", static_cast<int>(sys_getuid()),
               static_cast<int>(sys_geteuid()), static_cast<int>(sys_getgid()), static_cast<int>(sys_getegid()));
     const long euid = sys_geteuid();
@@ -126,56 +127,61 @@ int set_privilege_ids(const ChildContext& context, const PrivilegePlan& plan, in
     if (!root) child_log(context, "Attempting to set privilege IDs when not root. euid=[%d]\n", static_cast<int>(euid));
 
     int result = PROC_SUCCESS;
-    auto failed = [&](int outcome) {
-        trace.skip_exit();
-        return outcome;
-    };
     if (plan.groupName != nullptr) {
-        if (root && (result = clear_secondary_groups(context, sysErr)) != PROC_SUCCESS) return failed(result);
+        if (root && (result = clear_secondary_groups(context, sysErr)) != PROC_SUCCESS) return result;
         child_log(context, "Determining GID for group: [%s]\n", plan.groupName);
         if (!plan.groupFound) {
             *sysErr = 0;
             child_err(context, "Failed to look up group: [%s]\n", plan.groupName);
-            return failed(PROC_INVALID_GROUP);
+            return PROC_INVALID_GROUP;
         }
         if (root && plan.userName != nullptr &&
             (result = init_secondary_groups(context, plan, plan.groupGid, sysErr)) != PROC_SUCCESS)
-            return failed(result);
+            return result;
         child_log(context, "Configuring process GID to [%d]\n", static_cast<int>(plan.groupGid));
         long changed = change_gid(context, plan.groupGid);
         if (changed != 0) {
             *sysErr = static_cast<int>(-changed);
             child_err(context, "Failed to set the group to GID: [%d] errno=[%d]\n", static_cast<int>(plan.groupGid),
                       *sysErr);
-            return failed(PROC_INVALID_GROUP);
+            return PROC_INVALID_GROUP;
         }
     } else if (plan.userName != nullptr && !plan.forceGroupDisabled) {
-        if (root && (result = clear_secondary_groups(context, sysErr)) != PROC_SUCCESS) return failed(result);
+        if (root && (result = clear_secondary_groups(context, sysErr)) != PROC_SUCCESS) return result;
         child_log(context, "Determining primary GID for user: [%s]\n", plan.userName);
-        if (!plan.userFound) return failed(user_not_found(context, plan, sysErr));
+        if (!plan.userFound) return user_not_found(context, plan, sysErr);
         if (root && (result = init_secondary_groups(context, plan, plan.userGid, sysErr)) != PROC_SUCCESS)
-            return failed(result);
+            return result;
         child_log(context, "Configuring process GID to [%d], the primary group GID of user: [%s]\n",
                   static_cast<int>(plan.userGid), plan.userName);
         long changed = change_gid(context, plan.userGid);
         if (changed != 0) {
             *sysErr = static_cast<int>(-changed);
             child_err(context, "Failed to set the group to GID: [%d]\n", static_cast<int>(plan.userGid));
-            return failed(PROC_INVALID_GROUP);
+            return PROC_INVALID_GROUP;
         }
     }
     if (plan.userName != nullptr) {
         child_log(context, "Trying to set user to: [%s]\n", plan.userName);
-        if (!plan.userFound) return failed(user_not_found(context, plan, sysErr));
+        if (!plan.userFound) return user_not_found(context, plan, sysErr);
         long changed = change_uid(context, plan.userUid);
         if (changed != 0) {
             *sysErr = static_cast<int>(-changed);
             child_err(context, "Failed to set the process user association to UID: [%d]\n",
                       static_cast<int>(plan.userUid));
-            return failed(PROC_INVALID_USERNAME);
+            return PROC_INVALID_USERNAME;
         }
     }
     return PROC_SUCCESS;
+}
+
+} // namespace
+
+NEW_PROCESS_CODE int set_privilege_ids(const ChildContext& context, const PrivilegePlan& plan, int* sysErr) {
+    ChildTraceScope trace(context, "SetupChildPrivilegeIDs()");
+    int result = change_ids(context, plan, sysErr);
+    if (result != PROC_SUCCESS) trace.skip_exit(); // the exit line marks success
+    return result;
 }
 
 QUILLON_API int ClearSecondaryGroups(int* sysErr) {

@@ -5,8 +5,10 @@
 #include <sys/resource.h>
 #include <sys/syscall.h>
 
+#include "runtime/support.h"
+
 namespace {
-long raw(long number, long a = 0, long b = 0, long c = 0, long d = 0) {
+NEW_PROCESS_CODE long raw(long number, long a = 0, long b = 0, long c = 0, long d = 0) {
 #if defined(__x86_64__)
     long result;
     register long r10 asm("r10") = d;
@@ -28,7 +30,7 @@ long raw(long number, long a = 0, long b = 0, long c = 0, long d = 0) {
 #endif
 }
 
-long as_long(const void* pointer) {
+NEW_PROCESS_CODE long as_long(const void* pointer) {
     return reinterpret_cast<long>(pointer);
 }
 
@@ -42,72 +44,72 @@ struct KernelSigaction {
 } // namespace
 
 extern "C" {
-long sys_write(int fd, const void* buffer, size_t size) {
+NEW_PROCESS_CODE long sys_write(int fd, const void* buffer, size_t size) {
     return raw(SYS_write, fd, as_long(buffer), static_cast<long>(size));
 }
-long sys_open(const char* path, int flags, mode_t mode) {
+NEW_PROCESS_CODE long sys_open(const char* path, int flags, mode_t mode) {
     return raw(SYS_openat, AT_FDCWD, as_long(path), flags, mode);
 }
-long sys_close(int fd) {
+NEW_PROCESS_CODE long sys_close(int fd) {
     return raw(SYS_close, fd);
 }
-long sys_dup2(int from, int to) {
+NEW_PROCESS_CODE long sys_dup2(int from, int to) {
     if (from == to) return raw(SYS_fcntl, from, F_GETFD) < 0 ? -EBADF : to;
     return raw(SYS_dup3, from, to, 0);
 }
-long sys_fcntl(int fd, int command, long argument) {
+NEW_PROCESS_CODE long sys_fcntl(int fd, int command, long argument) {
     return raw(SYS_fcntl, fd, command, argument);
 }
-long sys_close_range(unsigned first, unsigned last) {
+NEW_PROCESS_CODE long sys_close_range(unsigned first, unsigned last) {
     return raw(SYS_close_range, first, last, 0);
 }
-long sys_chdir(const char* path) {
+NEW_PROCESS_CODE long sys_chdir(const char* path) {
     return raw(SYS_chdir, as_long(path));
 }
-long sys_setpgid(pid_t pid, pid_t group) {
+NEW_PROCESS_CODE long sys_setpgid(pid_t pid, pid_t group) {
     return raw(SYS_setpgid, pid, group);
 }
-long sys_umask(mode_t mask) {
+NEW_PROCESS_CODE long sys_umask(mode_t mask) {
     return raw(SYS_umask, mask);
 }
-long sys_getpriority() {
+NEW_PROCESS_CODE long sys_getpriority() {
     return raw(SYS_getpriority, PRIO_PROCESS, 0);
 }
-long sys_setpriority(int nice) {
+NEW_PROCESS_CODE long sys_setpriority(int nice) {
     return raw(SYS_setpriority, PRIO_PROCESS, 0, nice);
 }
-long sys_setgroups(size_t count, const gid_t* groups) {
+NEW_PROCESS_CODE long sys_setgroups(size_t count, const gid_t* groups) {
     return raw(SYS_setgroups, static_cast<long>(count), as_long(groups));
 }
-long sys_setgid(gid_t gid) {
+NEW_PROCESS_CODE long sys_setgid(gid_t gid) {
     return raw(SYS_setgid, gid);
 }
-long sys_setuid(uid_t uid) {
+NEW_PROCESS_CODE long sys_setuid(uid_t uid) {
     return raw(SYS_setuid, uid);
 }
-long sys_getuid() {
+NEW_PROCESS_CODE long sys_getuid() {
     return raw(SYS_getuid);
 }
-long sys_geteuid() {
+NEW_PROCESS_CODE long sys_geteuid() {
     return raw(SYS_geteuid);
 }
-long sys_getgid() {
+NEW_PROCESS_CODE long sys_getgid() {
     return raw(SYS_getgid);
 }
-long sys_getegid() {
+NEW_PROCESS_CODE long sys_getegid() {
     return raw(SYS_getegid);
 }
-long sys_getpid() {
+NEW_PROCESS_CODE long sys_getpid() {
     return raw(SYS_getpid);
 }
-long sys_execve(const char* path, char* const* argv, char* const* envp) {
+NEW_PROCESS_CODE long sys_execve(const char* path, char* const* argv, char* const* envp) {
     return raw(SYS_execve, as_long(path), as_long(argv), as_long(envp));
 }
-void sys_exit(int status) {
+NEW_PROCESS_CODE void sys_exit(int status) {
     for (;;)
         raw(SYS_exit_group, status);
 }
-long sys_set_disposition(int signal, void (*disposition)(int), bool onlyIfCaught) {
+NEW_PROCESS_CODE long sys_set_disposition(int signal, void (*disposition)(int), bool onlyIfCaught) {
     KernelSigaction action = {};
     if (onlyIfCaught) {
         long result = raw(SYS_rt_sigaction, signal, 0, as_long(&action), sizeof action.mask);
@@ -117,7 +119,7 @@ long sys_set_disposition(int signal, void (*disposition)(int), bool onlyIfCaught
     action.handler = disposition;
     return raw(SYS_rt_sigaction, signal, as_long(&action), 0, sizeof action.mask);
 }
-long sys_set_signal_mask(const sigset_t* mask) {
+NEW_PROCESS_CODE long sys_set_signal_mask(const sigset_t* mask) {
     return raw(SYS_rt_sigprocmask, SIG_SETMASK, as_long(mask), 0, 8);
 }
 }

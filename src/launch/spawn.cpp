@@ -9,6 +9,9 @@
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/asan_interface.h>
+#endif
 
 #include "launch/launch_internal.h"
 #include "launch/raw_syscall.h"
@@ -29,6 +32,9 @@ class ChildStacks {
                           -1, 0);
         if (base == MAP_FAILED) return;
         base_ = static_cast<char*>(base);
+#if defined(__SANITIZE_ADDRESS__)
+        __asan_unpoison_memory_region(base_, size_); // the address may have been a stack before, poisoned
+#endif
         for (int i = 0; i < count; ++i) // a guard page below each stack
             mprotect(base_ + static_cast<size_t>(i) * kStackSize, static_cast<size_t>(getpagesize()), PROT_NONE);
     }
@@ -56,17 +62,17 @@ struct DetachedStart {
     void* grandchildStack;
 };
 
-int attached_main(void* request) {
+NEW_PROCESS_CODE int attached_main(void* request) {
     run_new_process(*static_cast<LaunchRequest*>(request), true);
 }
 
-int detached_main(void* request) {
+NEW_PROCESS_CODE int detached_main(void* request) {
     run_new_process(*static_cast<LaunchRequest*>(request), false);
 }
 
 // The intermediate process of a detached launch: it makes the new process, reports its PID and ends,
 // so that the new process passes to init. All signals stay blocked in it.
-int intermediate_main(void* argument) {
+NEW_PROCESS_CODE int intermediate_main(void* argument) {
     const DetachedStart& start = *static_cast<DetachedStart*>(argument);
     const ChildContext& context = start.request->context;
     pid_t pid = clone(detached_main, start.grandchildStack, CLONE_VM | SIGCHLD, start.request);

@@ -58,14 +58,14 @@ int plan_pipe(LaunchRequest* request, int i, int* sysErr) {
 
 // ---- In the new process ----
 
-int name_too_long(const ChildContext& context, int* sysErr) {
+NEW_PROCESS_CODE int name_too_long(const ChildContext& context, int* sysErr) {
     *sysErr = ENAMETOOLONG;
     child_err(context,
               "Full filename failed, absolute path will exceed the maximum path size for the system.\n");
     return PROC_INVALID_FILE;
 }
 
-void trace_name(const ChildContext& context, const StdPlan& plan, const char* base) {
+NEW_PROCESS_CODE void trace_name(const ChildContext& context, const StdPlan& plan, const char* base) {
     if (!plan.relative) {
         child_log(context, "Absolute filename, or working directory was null, setting the file to: [%s]\n",
                   plan.name);
@@ -85,7 +85,7 @@ void trace_name(const ChildContext& context, const StdPlan& plan, const char* ba
 }
 
 // Moves a descriptor that landed on 0, 1 or 2 (a host running with one closed) out of their way.
-int above_standard(int fd) {
+NEW_PROCESS_CODE int above_standard(int fd) {
     if (fd > 2) return fd;
     long moved = sys_fcntl(fd, F_DUPFD, 3);
     if (moved < 0) return fd;
@@ -93,7 +93,7 @@ int above_standard(int fd) {
     return static_cast<int>(moved);
 }
 
-long dup_onto(int from, int to) {
+NEW_PROCESS_CODE long dup_onto(int from, int to) {
     long result;
     do {
         result = sys_dup2(from, to);
@@ -101,13 +101,13 @@ long dup_onto(int from, int to) {
     return result;
 }
 
-void close_standard(int fd) {
+NEW_PROCESS_CODE void close_standard(int fd) {
     while (sys_close(fd) == -EINTR) {
     }
 }
 
 // dup2 of a descriptor onto `descriptor`, with the failures of a redirection.
-int duplicate_onto(const ChildContext& context, int from, int descriptor, int* sysErr) {
+NEW_PROCESS_CODE int duplicate_onto(const ChildContext& context, int from, int descriptor, int* sysErr) {
     long result = dup_onto(from, descriptor);
     if (result < 0) {
         *sysErr = static_cast<int>(-result);
@@ -129,7 +129,7 @@ int duplicate_onto(const ChildContext& context, int from, int descriptor, int* s
 }
 
 // stdin's null entry: /dev/null instead of the launcher's stdin, or no stdin when that can't be opened.
-int stdin_from_dev_null(const ChildContext& context, int* sysErr) {
+NEW_PROCESS_CODE int stdin_from_dev_null(const ChildContext& context, int* sysErr) {
     long opened = sys_open("/dev/null", O_RDONLY, 0);
     if (opened < 0) {
         child_log(context,
@@ -161,7 +161,7 @@ int stdin_from_dev_null(const ChildContext& context, int* sysErr) {
     return PROC_SUCCESS;
 }
 
-int redirect_to_file(const ChildContext& context, const StdPlan& plan, int descriptor, const char* base,
+NEW_PROCESS_CODE int redirect_to_file(const ChildContext& context, const StdPlan& plan, int descriptor, const char* base,
                      int* sysErr) {
     child_log(context, "Marking the file to be opened with O_LARGEFILE if possible.\n");
     trace_name(context, plan, base);
@@ -237,7 +237,7 @@ int plan_std_handles(LaunchRequest* request, int* sysErr) {
     return PROC_SUCCESS;
 }
 
-int SetupChildStdHandles(const LaunchRequest& request, const ChildContext& context, int* sysErr) {
+NEW_PROCESS_CODE int SetupChildStdHandles(const LaunchRequest& request, const ChildContext& context, int* sysErr) {
     ChildTraceScope trace(context, "SetupChildStdHandles()");
     for (int i = 0; i < 3; ++i) {
         const StdPlan& plan = request.plans[i];

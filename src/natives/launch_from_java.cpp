@@ -50,8 +50,8 @@ jlong launch_handle(JNIEnv* env, LaunchRequest* request, bool detached) {
     int result = spawn_request(request, data, &sysErr);
     jlong handle = result == PROC_SUCCESS ? register_record(data) : 0;
     if (result == PROC_SUCCESS && handle == 0) { // no handle for a running process: it must not run on
-        signal_process(data->process, record_pid(data), SIGKILL);
-        if (!detached) await_and_collect_child(data->process);
+        signal_process(entry_of(data), record_pid(data), SIGKILL);
+        if (!detached) await_and_collect_child(entry_of(data));
         sysErr = ENOMEM;
         result = PROC_OUT_OF_MEMORY;
     }

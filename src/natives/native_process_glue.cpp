@@ -193,7 +193,7 @@ JNIEXPORT jint JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_termin
         return 0;
     }
     UnixProcessData* data = record.get();
-    return load_field(data->isAlive) == 0 && data->process != nullptr ? entry_signal(data->process) : 0;
+    return load_field(data->isAlive) == 0 && entry_of(data) != nullptr ? entry_signal(entry_of(data)) : 0;
 }
 
 JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_watch(JNIEnv* env, jobject, jlong handle) {

@@ -13,6 +13,10 @@
 #include "quillon/result_codes.h"
 #include "quillon/runtime.h"
 
+// Code that runs in a new process before its exec. It shares the launcher's memory and thread pointer until
+// then, so a sanitizer's per-thread state would be the launching thread's: it runs uninstrumented.
+#define NEW_PROCESS_CODE __attribute__((no_sanitize("address", "undefined", "thread")))
+
 // A copy into a fixed buffer that is always terminated: a text that doesn't fit is cut at size - 1.
 inline void copy_bounded(char* dst, const char* src, size_t size) {
     size_t length = strnlen(src, size - 1);
@@ -35,7 +39,7 @@ template <typename Call> auto retry_on_eintr(Call call) {
 
 // The result code of a failed system call: running out of memory or of descriptors has a code of its
 // own, the `refused` errors mean the system refused the caller's input, anything else is a system error.
-inline int result_for_errno(int err, std::initializer_list<int> refused, int refusedResult,
+NEW_PROCESS_CODE inline int result_for_errno(int err, std::initializer_list<int> refused, int refusedResult,
                             int otherResult = PROC_SYSTEM_ERR) {
     if (err == ENOMEM) return PROC_OUT_OF_MEMORY;
     if (err == EMFILE || err == ENFILE) return PROC_OUT_OF_FILE_HANDLES;

@@ -8,6 +8,7 @@
 
 #include "quillon/runtime.h"
 #include "runtime/runtime_internal.h"
+#include "runtime/support.h"
 
 namespace {
 constexpr size_t kMessageSize = 3996;
@@ -37,7 +38,7 @@ void write_labelled(const char* pattern, const char* label) {
 
 pthread_mutex_t trace_switch_mutex = PTHREAD_MUTEX_INITIALIZER;
 
-void format_trace_line(char (&line)[kTraceLineSize], int pid, const char* format, va_list args) {
+NEW_PROCESS_CODE void format_trace_line(char (&line)[kTraceLineSize], int pid, const char* format, va_list args) {
     char message[kMessageSize];
     vsnprintf(message, sizeof message, format, args);
     snprintf(line, sizeof line, "Time: [0x%x], Process: [%d], Thread: [0x%x]: %s",

@@ -8,30 +8,35 @@
 namespace {
 // The end the entry knows, taken into the record; the caller holds stateMutex.
 void take_end(UnixProcessData* data) {
-    store_field(data->exitCode, entry_exit_code(data->process));
+    store_field(data->exitCode, entry_exit_code(entry_of(data)));
     store_field(data->isAlive, 0);
 }
 
 } // namespace
 
 int ensure_entry(UnixProcessData* data, int* sysErr) {
-    if (data->process != nullptr) return PROC_SUCCESS;
+    if (entry_of(data) != nullptr) return PROC_SUCCESS;
     int pid = record_pid(data);
     if (pid <= 0) { // 0 and negative numbers name process groups to waitpid and kill
         *sysErr = EINVAL;
         return PROC_SYSTEM_ERR;
     }
-    data->process = entry_for_adoption(pid);
-    if (data->process != nullptr) return PROC_SUCCESS;
-    *sysErr = ENOMEM;
-    return PROC_OUT_OF_MEMORY;
+    ProcessEntry* entry = entry_for_adoption(pid);
+    if (entry == nullptr) {
+        *sysErr = ENOMEM;
+        return PROC_OUT_OF_MEMORY;
+    }
+    ProcessEntry* none = nullptr;
+    if (!std::atomic_ref<ProcessEntry*>(data->process).compare_exchange_strong(none, entry))
+        release_entry(entry); // another thread gave it one first
+    return PROC_SUCCESS;
 }
 
 namespace {
 
 // Not a child of ours, or collected by someone else: whether it still exists decides.
 int ping_not_a_child(UnixProcessData* data, int waitResult, int* sysErr) {
-    Observation seen = observe_non_child(data->process);
+    Observation seen = observe_non_child(entry_of(data));
     process_log("In Ping NOEXIT Handler.  Kill [with sig 0] returned: [%d].  Errno: [%d]\n", seen.result,
                 seen.err);
     if (seen.result == 0 || seen.err == ESRCH) {
@@ -59,7 +64,7 @@ QUILLON_API int unix_PingProcess(UnixProcessData* data, int* sysErr) {
     int result = ensure_entry(data, sysErr);
     if (result != PROC_SUCCESS) return result;
     process_log("In ping, checking process: [%d]\n", pid);
-    Collection collected = collect_child(data->process);
+    Collection collected = collect_child(entry_of(data));
     process_log("After waitpid, waitResult=[%d] errnoStore=[%d]\n", collected.waitResult, collected.err);
     *sysErr = collected.err;
     if (*sysErr == 0 && collected.waitResult == -1)

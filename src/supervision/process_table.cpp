@@ -115,7 +115,7 @@ bool attach_launched_entry(UnixProcessData* data, int pid, int pidfd) {
             return false;
         }
     }
-    data->process = entry;
+    std::atomic_ref<ProcessEntry*>(data->process).store(entry, std::memory_order_release);
     return true;
 }
 
@@ -124,12 +124,18 @@ ProcessEntry* entry_for_adoption(int pid) {
     auto* found = static_cast<ProcessEntry*>(live_entries.find(static_cast<uint64_t>(pid)));
     if (found != nullptr) ++found->refs;
     pthread_mutex_unlock(&table_lock);
+    if (found != nullptr && still_the_process(found)) return found;
+    ProcessEntry* entry = make_entry(pid);
     if (found != nullptr) {
-        if (still_the_process(found)) return found;
+        // The process of the entry found has ended. When no other has its PID now, that ended process is
+        // the only one the PID can mean, and its entry knows how it ended.
+        if (entry != nullptr && entry->ended) {
+            destroy_entry(entry);
+            return found;
+        }
         mark_seen_gone(found);
         release_entry(found);
     }
-    ProcessEntry* entry = make_entry(pid);
     if (entry == nullptr || entry->ended) return entry;
     pthread_mutex_lock(&table_lock);
     auto* raced = static_cast<ProcessEntry*>(live_entries.find(static_cast<uint64_t>(pid)));

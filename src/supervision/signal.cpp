@@ -10,7 +10,7 @@
 namespace {
 // 0 when the signal counts as done (sent, or the process no longer exists), else the errno.
 int send_signal(UnixProcessData* data, int signal) {
-    int err = signal_process(data->process, record_pid(data), signal);
+    int err = signal_process(entry_of(data), record_pid(data), signal);
     return err == ESRCH ? 0 : err;
 }
 

@@ -64,8 +64,13 @@ void await_no_waiters(UnixProcessData* data);
 
 // ---- Process entries ----
 
-// Gives a record that was neither launched nor adopted its entry at the first look.
+// Gives a record that was neither launched nor adopted its entry at the first look (once, whatever the
+// number of threads looking).
 int ensure_entry(UnixProcessData* data, int* sysErr);
+// The record's entry: null until it has one, and never changed after that until done.
+inline ProcessEntry* entry_of(const UnixProcessData* data) {
+    return std::atomic_ref<ProcessEntry*>(const_cast<ProcessEntry*&>(data->process)).load(std::memory_order_acquire);
+}
 // Gives a launched record its entry (the launch knows the process is new), with the pidfd the launch
 // opened for it, or -1 to open one. False when memory ran out.
 bool attach_launched_entry(UnixProcessData* data, int pid, int pidfd);

@@ -89,10 +89,10 @@ int kill_tree(UnixProcessData* data, int* sysErr) {
     *sysErr = 0;
     int result = ensure_entry(data, sysErr);
     if (result != PROC_SUCCESS) return result;
-    bool leader = !entry_ended(data->process) && getpgid(root) == root;
+    bool leader = !entry_ended(entry_of(data)) && getpgid(root) == root;
     // A root that has ended has no tree to find: its PID may name another process, whose children are
     // none of ours.
-    int err = signal_process(data->process, root, SIGSTOP);
+    int err = signal_process(entry_of(data), root, SIGSTOP);
     if (err == ESRCH) return PROC_SUCCESS;
     if (err != 0) {
         *sysErr = err;
@@ -112,7 +112,7 @@ int kill_tree(UnixProcessData* data, int* sysErr) {
         if (!grew) break;
     }
     if (leader) kill(-root, SIGKILL);
-    signal_process(data->process, root, SIGKILL);
+    signal_process(entry_of(data), root, SIGKILL);
     for (size_t i = 0; i < tree.count; ++i)
         kill(tree.pids[i], SIGKILL);
     process_log("Killed process [%d] and %d processes below it\n", root, static_cast<int>(tree.count));

@@ -23,13 +23,13 @@ QUILLON_API int unix_WaitForProcessTermination(UnixProcessData* data, int* sysEr
     process_log("In wait for termination, check process (PID):  [%d]\n", pid);
     int result = ensure_entry(data, sysErr);
     if (result != PROC_SUCCESS) return result;
-    Collection collected = await_and_collect_child(data->process);
+    Collection collected = await_and_collect_child(entry_of(data));
     process_log(
         "In wait for termination.  Wait over for process (PID): [%d].  Errno: [%d].  WaitResult: [%d]\n", pid,
         collected.err, collected.waitResult);
     if (collected.waitResult == pid) {
         pthread_mutex_lock(&data->stateMutex);
-        store_field(data->exitCode, entry_exit_code(data->process));
+        store_field(data->exitCode, entry_exit_code(entry_of(data)));
         *sysErr = 0;
         store_field(data->isAlive, 0);
         pthread_mutex_unlock(&data->stateMutex);
@@ -70,7 +70,7 @@ int wait_with_timeout(UnixProcessData* data, int64_t millis, int* sysErr) {
         }
         process_log("Time to sleep: [%u].  Timeout seconds is: [%u].  SLEEP_INTERVAL is: [%u]\n",
                     static_cast<unsigned>((nap + 999) / 1000), timeoutSeconds, SLEEP_INTERVAL);
-        await_end(data->process, nap);
+        await_end(entry_of(data), nap);
     }
 }
 

@@ -91,7 +91,7 @@ int watch_record(int64_t handle, UnixProcessData* data, int* sysErr) {
         *sysErr = err != 0 ? err : ENOMEM;
         return result_for_errno(*sysErr, {}, PROC_SYSTEM_ERR);
     }
-    ProcessEntry* entry = data->process;
+    ProcessEntry* entry = entry_of(data);
     retain_entry(entry);
     const Watch* sibling = watch_of(entry); // a pidfd is in the set once, for all watches of its process
     *watch = {handle, entry, entry_ended(entry) || (sibling != nullptr && sibling->due), watches};

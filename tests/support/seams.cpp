@@ -6,13 +6,13 @@
 #include <unistd.h>
 
 namespace seams {
-thread_local Fault malloc;
-thread_local Fault dup2;
-thread_local Fault clone;
-thread_local Fault pipe;
-thread_local Fault pidfd;
-thread_local Fault mutexInit;
-thread_local SelectFake select;
+Fault malloc;
+Fault dup2;
+Fault clone;
+Fault pipe;
+Fault pidfd;
+Fault mutexInit;
+SelectFake select;
 } // namespace seams
 
 namespace {

@@ -1,6 +1,6 @@
 // Link-time seams (-Wl,--wrap) for faults that can't be caused for real. Unarmed, each wrapper is the
-// real call. Arming is per thread; a new process made by a launch shares the arming of the thread that
-// launched it, since it shares that thread's memory until its exec.
+// real call. Arming is for the whole test process (the tests that arm one run a single thread); a new process made
+// by a launch shares it, since it shares the launcher's memory until its exec.
 #pragma once
 
 #include <cerrno>
@@ -12,17 +12,17 @@ struct Fault {
     int at = 0;
     int err = 0;
 };
-extern thread_local Fault malloc; // calloc as well
-extern thread_local Fault dup2;  // the new process's dup2
-extern thread_local Fault clone; // both the launch's and a detached launch's second one
-extern thread_local Fault pipe;
-extern thread_local Fault pidfd; // pidfd_open, as on a kernel without it
-extern thread_local Fault mutexInit;
+extern Fault malloc; // calloc as well
+extern Fault dup2;  // the new process's dup2
+extern Fault clone; // both the launch's and a detached launch's second one
+extern Fault pipe;
+extern Fault pidfd; // pidfd_open, as on a kernel without it
+extern Fault mutexInit;
 // The next select returns `result` with errno `err` instead of waiting.
 struct SelectFake {
     bool armed = false;
     int result = 0;
     int err = 0;
 };
-extern thread_local SelectFake select;
+extern SelectFake select;
 } // namespace seams
