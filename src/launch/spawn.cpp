@@ -108,6 +108,26 @@ pid_t clone_blocked(int (*main)(void*), void* stackTop, void* argument, sigset_t
     return pid;
 }
 
+// A pipe whose two ends are closed by their owners unless given away.
+struct Pipe {
+    UniqueFd read;
+    UniqueFd write;
+};
+
+bool open_channel(Pipe* channel, int* sysErr) {
+    int ends[2];
+    if (InitializePipe(ends, sysErr) != PROC_SUCCESS) return false;
+    channel->read.reset(ends[0]);
+    channel->write.reset(ends[1]);
+    return true;
+}
+
+// WaitForExecOutcome, which closes both ends itself.
+int wait_for_outcome(Pipe* channel, int* sysErr) {
+    int ends[2] = {channel->read.release(), channel->write.release()};
+    return WaitForExecOutcome(ends, sysErr);
+}
+
 void kill_and_reap(int pid) {
     retry_on_eintr([&] { return kill(pid, SIGKILL); });
     retry_on_eintr([&] { return waitpid(pid, nullptr, 0); });
@@ -137,9 +157,9 @@ int launch_attached(LaunchRequest* request, UnixProcessData* data, int* sysErr) 
     int result = resolve_request(request, sysErr);
     if (result != PROC_SUCCESS) return result;
     *sysErr = 0;
-    int channel[2];
-    if (InitializePipe(channel, sysErr) != PROC_SUCCESS) return PROC_SYSTEM_ERR;
-    request->writeEnd = channel[1];
+    Pipe outcome;
+    if (!open_channel(&outcome, sysErr)) return PROC_SYSTEM_ERR;
+    request->writeEnd = outcome.write.get();
 
     ChildStacks stack(1);
     pid_t pid = stack.ok() ? clone_blocked(attached_main, stack.top(0), request, &request->signalMask) : -1;
@@ -147,12 +167,10 @@ int launch_attached(LaunchRequest* request, UnixProcessData* data, int* sysErr) 
     if (pid == -1) {
         *sysErr = stack.ok() ? errno : ENOMEM;
         process_err("FORK failed.  ERRNO: [%d]\n", *sysErr);
-        close(channel[0]);
-        close(channel[1]);
         return result_for_errno(*sysErr, {EAGAIN}, PROC_OUT_OF_MEMORY);
     }
     *sysErr = 0;
-    result = WaitForExecOutcome(channel, sysErr);
+    result = wait_for_outcome(&outcome, sysErr);
     process_log("WaitForExecOutcome completed.  Return value was: [%d] and sysErr was: [%d]\n", result,
                 *sysErr);
     if (result == PROC_SUCCESS && !attach_launched_entry(data, pid, -1)) {
@@ -169,30 +187,31 @@ int launch_detached(LaunchRequest* request, UnixProcessData* data, int* sysErr) 
     int result = resolve_request(request, sysErr);
     if (result != PROC_SUCCESS) return result;
     *sysErr = 0;
-    DetachedStart start = {request, {}, {}, nullptr};
-    if (InitializePipe(start.channel, sysErr) != PROC_SUCCESS) return PROC_SYSTEM_ERR;
-    if (pipe(start.pidChannel) == -1) {
+    Pipe outcome;
+    Pipe pids; // not close-on-exec: the new process's sweep closes it
+    if (!open_channel(&outcome, sysErr)) return PROC_SYSTEM_ERR;
+    int ends[2];
+    if (pipe(ends) == -1) {
         int err = errno;
         if (err == ENFILE || err == EMFILE)
             process_err("Error creating pipe, out of file handles. errno=[%d]\n", err);
         else
             process_err("Error creating pipe. errno=[%d]\n", err);
-        close(start.channel[0]);
-        close(start.channel[1]);
         return err == ENFILE || err == EMFILE ? PROC_OUT_OF_FILE_HANDLES : PROC_SYSTEM_ERR;
     }
-    start.pidChannel[0] = keep_above_standard(start.pidChannel[0], false);
-    start.pidChannel[1] = keep_above_standard(start.pidChannel[1], false);
-    request->writeEnd = start.channel[1];
+    pids.read.reset(keep_above_standard(ends[0], false));
+    pids.write.reset(keep_above_standard(ends[1], false));
+    request->writeEnd = outcome.write.get();
 
     ChildStacks stacks(2);
-    start.grandchildStack = stacks.top(1);
+    DetachedStart start = {request,
+                           {outcome.read.get(), outcome.write.get()},
+                           {pids.read.get(), pids.write.get()},
+                           stacks.top(1)};
     pid_t intermediate =
         stacks.ok() ? clone_blocked(intermediate_main, stacks.top(0), &start, &request->signalMask) : -1;
     if (intermediate == -1) {
         *sysErr = stacks.ok() ? errno : ENOMEM;
-        for (int fd : {start.channel[0], start.channel[1], start.pidChannel[0], start.pidChannel[1]})
-            close(fd);
         if (*sysErr == ENOMEM || *sysErr == EAGAIN) {
             process_err("Unable to fork a new process, out of memory or over limit. errno=[%d]", *sysErr);
             return PROC_OUT_OF_MEMORY;
@@ -201,29 +220,22 @@ int launch_detached(LaunchRequest* request, UnixProcessData* data, int* sysErr) 
         return PROC_SYSTEM_ERR;
     }
 
-    close(start.pidChannel[1]);
+    pids.write.reset(); // so that the read sees end of file when the intermediate process ends silently
     int pid = 0;
-    int got = read_int(start.pidChannel[0], &pid);
-    close(start.pidChannel[0]);
-    if (got != static_cast<int>(sizeof pid)) { // the second clone failed: the intermediate said why
-        close(start.channel[0]);
-        close(start.channel[1]);
-        reap(intermediate);
-        return PROC_SYSTEM_ERR;
-    }
+    int got = read_int(pids.read.get(), &pid);
+    pids.read.reset();
     reap(intermediate);
+    if (got != static_cast<int>(sizeof pid)) return PROC_SYSTEM_ERR; // the second clone failed: it said why
     snprintf(data->pid, kPidTextSize, "%d", pid);
     UniqueFd pidfd(quillon_pidfd_open(pid));
 
     *sysErr = 0;
-    result = WaitForExecOutcome(start.channel, sysErr);
+    result = wait_for_outcome(&outcome, sysErr);
     if (result == PROC_CREATE_TIMEOUT)
         retry_on_eintr([&] { return pidfd.get() >= 0 ? pidfd_signal(pidfd.get(), SIGKILL) : kill(pid, SIGKILL); });
-    // After a failure the new process ends by itself (or was killed); its stack goes once it has. A failed
-    // wait leaves it running unsupervised.
-    if (result != PROC_SUCCESS &&
-        !gone_within(pidfd.get(), pid, result == PROC_SYSTEM_ERR && *sysErr != 0 ? 0 : kGoneMillis))
-        stacks.keep_forever();
+    // After a failure the new process ends by itself or was killed; its stack goes once it has. (After a
+    // failed wait it may run on unsupervised.)
+    if (result != PROC_SUCCESS && !gone_within(pidfd.get(), pid, kGoneMillis)) stacks.keep_forever();
     if (result == PROC_SUCCESS && !attach_launched_entry(data, pid, pidfd.release())) {
         retry_on_eintr([&] { return kill(pid, SIGKILL); });
         *sysErr = ENOMEM;

@@ -17,24 +17,24 @@ pthread_mutex_t threading_check_mutex = PTHREAD_MUTEX_INITIALIZER;
 // Mutexes by handle: a number that names one mutex for the life of the process, so that a stale or
 // made-up handle finds none instead of memory that is no mutex. (Freeing a mutex while another thread
 // uses it stays the caller's to avoid.)
-pthread_mutex_t registry_lock = PTHREAD_MUTEX_INITIALIZER;
-IdTable live_mutexes;
-uint64_t mutexes_given = 0;
+HandleRegistry live_mutexes;
 
 pthread_mutex_t* mutex_of(jlong handle) {
-    pthread_mutex_lock(&registry_lock);
-    auto* mutex = handle == 0 ? nullptr : static_cast<pthread_mutex_t*>(live_mutexes.find(static_cast<uint64_t>(handle)));
-    pthread_mutex_unlock(&registry_lock);
-    return mutex;
+    return live_mutexes.locked(
+        [handle](IdTable& table) { return static_cast<pthread_mutex_t*>(table.find(static_cast<uint64_t>(handle))); });
 }
 
-// The handle of a new mutex; 0 when memory ran out.
-jlong register_mutex(pthread_mutex_t* mutex) {
-    pthread_mutex_lock(&registry_lock);
-    uint64_t handle = nth_handle(++mutexes_given);
-    bool stored = live_mutexes.insert(handle, mutex);
-    pthread_mutex_unlock(&registry_lock);
-    return stored ? static_cast<jlong>(handle) : 0;
+// A lock or an unlock of a live mutex; nothing for any other handle.
+void change_mutex(jlong handle, bool lock) {
+    pthread_mutex_t* mutex = mutex_of(handle);
+    if (mutex == nullptr) return;
+    if (lock) {
+        process_log("Doing a lock on mutex: [0x%x]\n", trace_ptr(mutex));
+        pthread_mutex_lock(mutex);
+    } else {
+        process_log("Doing an unlock on mutex: [0x%x]\n", trace_ptr(mutex));
+        pthread_mutex_unlock(mutex);
+    }
 }
 
 void* store_thread_pid(void* pid) {
@@ -62,7 +62,7 @@ JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_linuxutil_ThreadUtil_cr
         ThrowException(env, PROC_SYSTEM_ERR, "Unrecoverable error.  Could not initialize the new pthreads mutex", result);
         return 0;
     }
-    jlong handle = register_mutex(mutex.get());
+    auto handle = static_cast<jlong>(live_mutexes.add(mutex.get()));
     if (handle == 0) {
         pthread_mutex_destroy(mutex.get());
         ThrowException(env, PROC_OUT_OF_MEMORY, "Unrecoverable error.  Could not allocate memory for a new pthreads mutex",
@@ -84,18 +84,12 @@ JNIEXPORT jint JNICALL Java_com_norvane_quillon_process_linuxutil_ThreadUtil_mut
 
 JNIEXPORT void JNICALL Java_com_norvane_quillon_process_linuxutil_ThreadUtil_mutexLock(JNIEnv*, jobject,
                                                                                        jlong handle) {
-    pthread_mutex_t* mutex = mutex_of(handle);
-    if (mutex == nullptr) return;
-    process_log("Doing a lock on mutex: [0x%x]\n", trace_ptr(mutex));
-    pthread_mutex_lock(mutex);
+    change_mutex(handle, true);
 }
 
 JNIEXPORT void JNICALL Java_com_norvane_quillon_process_linuxutil_ThreadUtil_mutexUnlock(JNIEnv*, jobject,
                                                                                          jlong handle) {
-    pthread_mutex_t* mutex = mutex_of(handle);
-    if (mutex == nullptr) return;
-    process_log("Doing an unlock on mutex: [0x%x]\n", trace_ptr(mutex));
-    pthread_mutex_unlock(mutex);
+    change_mutex(handle, false);
 }
 
 JNIEXPORT jint JNICALL Java_com_norvane_quillon_process_linuxutil_ThreadUtil_freeMutex(JNIEnv*, jobject,
@@ -108,9 +102,7 @@ JNIEXPORT jint JNICALL Java_com_norvane_quillon_process_linuxutil_ThreadUtil_fre
         process_log("Could not destroy mutex: [0x%x]\n", trace_ptr(mutex));
         return 1;
     }
-    pthread_mutex_lock(&registry_lock);
-    live_mutexes.erase(static_cast<uint64_t>(handle));
-    pthread_mutex_unlock(&registry_lock);
+    live_mutexes.locked([handle](IdTable& table) { return table.erase(static_cast<uint64_t>(handle)); });
     process_log("Doing a free on mutex data: [0x%x]\n", trace_ptr(mutex));
     free(mutex);
     return 0;

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <pthread.h>
 
 #include "runtime/support.h"
 
@@ -33,4 +34,29 @@ class IdTable : NoCopy {
     size_t capacity_ = 0; // a power of two
     size_t used_ = 0;     // live and erased slots
     size_t live_ = 0;
+};
+
+// Handles for objects of one kind: numbers unique for the life of the process, kept in a table under one
+// lock, so that 0, a released handle and any made-up number find nothing.
+class HandleRegistry : NoCopy {
+  public:
+    // Runs `work` on the table with the lock held.
+    template <typename Work> auto locked(Work work) {
+        pthread_mutex_lock(&lock_);
+        auto result = work(table_);
+        pthread_mutex_unlock(&lock_);
+        return result;
+    }
+    // A new handle for the object: 0 when memory ran out.
+    uint64_t add(void* object) {
+        return locked([&](IdTable& table) {
+            uint64_t handle = nth_handle(++given_);
+            return table.insert(handle, object) ? handle : 0;
+        });
+    }
+
+  private:
+    pthread_mutex_t lock_ = PTHREAD_MUTEX_INITIALIZER;
+    IdTable table_;
+    uint64_t given_ = 0;
 };

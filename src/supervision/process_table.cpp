@@ -15,7 +15,7 @@
 
 struct ProcessEntry {
     int pid;
-    int pidfd;            // -1: followed by its PID alone
+    UniqueFd pidfd;       // none: followed by its PID alone
     pthread_mutex_t lock; // reaping the child and storing its status are one step under it
     std::atomic<bool> ended;
     int exitCode;   // exit status, or the number of the ending signal
@@ -53,17 +53,15 @@ void mark_seen_gone(ProcessEntry* entry) {
 
 // An entry with the pidfd given, or with one of its own for -1.
 ProcessEntry* make_entry(int pid, int pidfd = -1) {
+    UniqueFd given(pidfd);
     void* block = malloc(sizeof(ProcessEntry));
-    if (block == nullptr) {
-        if (pidfd >= 0) close(pidfd);
-        return nullptr;
-    }
+    if (block == nullptr) return nullptr;
     auto* entry = new (block) ProcessEntry{};
     entry->pid = pid;
     entry->refs = 1;
     pthread_mutex_init(&entry->lock, nullptr);
-    entry->pidfd = pidfd >= 0 ? pidfd : quillon_pidfd_open(pid);
-    if (entry->pidfd == -1) {
+    entry->pidfd.reset(pidfd >= 0 ? given.release() : quillon_pidfd_open(pid));
+    if (entry->pidfd.get() == -1) {
         int err = errno;
         if (err == ESRCH)
             entry->ended = true; // gone already, reaped by its parent
@@ -74,7 +72,6 @@ ProcessEntry* make_entry(int pid, int pidfd = -1) {
 }
 
 void destroy_entry(ProcessEntry* entry) {
-    if (entry->pidfd >= 0) close(entry->pidfd);
     pthread_mutex_destroy(&entry->lock);
     entry->~ProcessEntry();
     free(entry);
@@ -82,8 +79,8 @@ void destroy_entry(ProcessEntry* entry) {
 
 // waitid on the process of the entry, by pidfd where the kernel takes one (5.4 and later).
 int wait_for(const ProcessEntry* entry, siginfo_t* info, int options) {
-    if (entry->pidfd >= 0) {
-        int result = retry_on_eintr([&] { return waitid(P_PIDFD, static_cast<id_t>(entry->pidfd), info, options); });
+    if (entry->pidfd.get() >= 0) {
+        int result = retry_on_eintr([&] { return waitid(P_PIDFD, static_cast<id_t>(entry->pidfd.get()), info, options); });
         if (result == 0 || errno != EINVAL) return result;
     }
     return retry_on_eintr([&] { return waitid(P_PID, static_cast<id_t>(entry->pid), info, options); });
@@ -92,10 +89,10 @@ int wait_for(const ProcessEntry* entry, siginfo_t* info, int options) {
 // False when the entry's process is known to have ended, so that its PID may name another by now.
 bool still_the_process(const ProcessEntry* entry) {
     if (entry->ended) return false;
-    if (entry->pidfd < 0) return true;
+    if (entry->pidfd.get() < 0) return true;
     siginfo_t info = {};
     if (wait_for(entry, &info, WEXITED | WNOHANG | WNOWAIT) == 0) return true; // our child, not reaped
-    pollfd ready = {entry->pidfd, POLLIN, 0};
+    pollfd ready = {entry->pidfd.get(), POLLIN, 0};
     return poll(&ready, 1, 0) == 0;
 }
 } // namespace
@@ -194,13 +191,13 @@ Collection await_and_collect_child(ProcessEntry* entry) {
 Observation observe_non_child(ProcessEntry* entry) {
     if (entry->ended) return {-1, ESRCH};
     int result;
-    if (entry->pidfd >= 0) {
-        pollfd ready = {entry->pidfd, POLLIN, 0};
+    if (entry->pidfd.get() >= 0) {
+        pollfd ready = {entry->pidfd.get(), POLLIN, 0};
         if (poll(&ready, 1, 0) == 1) { // ended, perhaps not yet reaped by its parent
             mark_seen_gone(entry);
             return {-1, ESRCH};
         }
-        result = retry_on_eintr([&] { return pidfd_signal(entry->pidfd, 0); });
+        result = retry_on_eintr([&] { return pidfd_signal(entry->pidfd.get(), 0); });
     } else {
         result = retry_on_eintr([&] { return kill(entry->pid, 0); });
     }
@@ -222,12 +219,12 @@ int entry_signal(const ProcessEntry* entry) {
 }
 
 int entry_pidfd(const ProcessEntry* entry) {
-    return entry->pidfd;
+    return entry->pidfd.get();
 }
 
 void await_end(ProcessEntry* entry, int64_t millis) {
-    if (entry->pidfd >= 0) {
-        pollfd ready = {entry->pidfd, POLLIN, 0};
+    if (entry->pidfd.get() >= 0) {
+        pollfd ready = {entry->pidfd.get(), POLLIN, 0};
         poll(&ready, 1, millis == kForever ? -1 : static_cast<int>(millis));
         return;
     }
@@ -239,7 +236,7 @@ void await_end(ProcessEntry* entry, int64_t millis) {
 int signal_process(ProcessEntry* entry, int pid, int signal) {
     if (entry != nullptr && entry->ended) return ESRCH; // its PID may name another process by now
     int result = retry_on_eintr([&] {
-        return entry != nullptr && entry->pidfd >= 0 ? pidfd_signal(entry->pidfd, signal) : kill(pid, signal);
+        return entry != nullptr && entry->pidfd.get() >= 0 ? pidfd_signal(entry->pidfd.get(), signal) : kill(pid, signal);
     });
     return result == 0 ? 0 : errno;
 }

@@ -15,20 +15,15 @@ struct ManagedRecord {
     bool retired;         // its handle was given to done
 };
 
-pthread_mutex_t registry_lock = PTHREAD_MUTEX_INITIALIZER;
-IdTable live_records;
-uint64_t handles_given = 0;
+HandleRegistry live_records;
 
 ManagedRecord* managed(UnixProcessData* data) {
     return reinterpret_cast<ManagedRecord*>(data);
 }
 
 void release(UnixProcessData* data) {
-    pthread_mutex_lock(&registry_lock);
     ManagedRecord* record = managed(data);
-    bool last = --record->refs == 0 && record->retired;
-    pthread_mutex_unlock(&registry_lock);
-    if (last) destroy_record(data);
+    if (live_records.locked([&](IdTable&) { return --record->refs == 0 && record->retired; })) destroy_record(data);
 }
 } // namespace
 
@@ -49,32 +44,30 @@ void destroy_record(UnixProcessData* data) {
 }
 
 int64_t register_record(UnixProcessData* data) {
-    pthread_mutex_lock(&registry_lock);
-    uint64_t handle = nth_handle(++handles_given);
-    bool stored = live_records.insert(handle, data);
-    pthread_mutex_unlock(&registry_lock);
-    return stored ? static_cast<int64_t>(handle) : 0;
+    return static_cast<int64_t>(live_records.add(data));
 }
 
 bool retire_record(int64_t handle) {
     forget_watches(handle);
-    pthread_mutex_lock(&registry_lock);
-    auto* data = static_cast<UnixProcessData*>(live_records.erase(static_cast<uint64_t>(handle)));
     bool destroy = false;
-    if (data != nullptr) {
-        managed(data)->retired = true;
-        destroy = managed(data)->refs == 0;
-    }
-    pthread_mutex_unlock(&registry_lock);
+    auto* data = live_records.locked([&](IdTable& table) {
+        auto* found = static_cast<UnixProcessData*>(table.erase(static_cast<uint64_t>(handle)));
+        if (found != nullptr) {
+            managed(found)->retired = true;
+            destroy = managed(found)->refs == 0;
+        }
+        return found;
+    });
     if (destroy) destroy_record(data);
     return data != nullptr;
 }
 
 RecordRef::RecordRef(int64_t handle) {
-    pthread_mutex_lock(&registry_lock);
-    data_ = static_cast<UnixProcessData*>(live_records.find(static_cast<uint64_t>(handle)));
-    if (data_ != nullptr) ++managed(data_)->refs;
-    pthread_mutex_unlock(&registry_lock);
+    data_ = live_records.locked([handle](IdTable& table) {
+        auto* found = static_cast<UnixProcessData*>(table.find(static_cast<uint64_t>(handle)));
+        if (found != nullptr) ++managed(found)->refs;
+        return found;
+    });
 }
 
 RecordRef::~RecordRef() {

@@ -31,20 +31,14 @@ int unpolled = 0; // watches without a pidfd
 // The caller holds watch_lock.
 int open_set() {
     if (epoll_fd >= 0) return 0;
-    int set = epoll_create1(EPOLL_CLOEXEC);
-    if (set < 0) return errno;
-    int wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    UniqueFd set(epoll_create1(EPOLL_CLOEXEC));
+    UniqueFd wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     epoll_event event = {};
     event.events = EPOLLIN;
     event.data.ptr = nullptr;
-    if (wake < 0 || epoll_ctl(set, EPOLL_CTL_ADD, wake, &event) != 0) {
-        int err = errno;
-        if (wake >= 0) close(wake);
-        close(set);
-        return err;
-    }
-    epoll_fd = set;
-    wake_fd = wake;
+    if (set.get() < 0 || wake.get() < 0 || epoll_ctl(set.get(), EPOLL_CTL_ADD, wake.get(), &event) != 0) return errno;
+    epoll_fd = set.release(); // for the life of the process
+    wake_fd = wake.release();
     return 0;
 }
 
