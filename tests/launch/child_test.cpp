@@ -44,7 +44,7 @@ struct IdentityCase {
 
 class LaunchedIdentity : public testing::TestWithParam<IdentityCase> {};
 
-TEST_P(LaunchedIdentity, IsWhatTheRequestAndTheSwitchesSay) {
+TEST_P(LaunchedIdentity, FollowsRequestAndSwitches) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to change identity";
     const IdentityCase& c = GetParam();
     ChildOutcome outcome = RunInChild([&] {
@@ -79,7 +79,7 @@ TEST_P(LaunchedIdentity, IsWhatTheRequestAndTheSwitchesSay) {
 INSTANTIATE_TEST_SUITE_P(
     Root, LaunchedIdentity,
     testing::Values(
-        IdentityCase{"userGetsPrimaryGroupAndNoGroups", "nobody", nullptr, {}, "65534", "65534", ""},
+        IdentityCase{"userGetsPrimaryGroup", "nobody", nullptr, {}, "65534", "65534", ""},
         IdentityCase{
             "initgroups", "nobody", nullptr, {"__JNI_PROCESS_INITGROUPS"}, "65534", "65534", "65534"},
         IdentityCase{"forcedGroupDisabled",
@@ -95,7 +95,7 @@ INSTANTIATE_TEST_SUITE_P(
         IdentityCase{"nothingRequested", nullptr, nullptr, {}, "0", "0", "4"}),
     [](const auto& info) { return std::string(info.param.name); });
 
-TEST(LaunchedIdentity, AnUnprivilegedLauncherIsRefusedAtTheForcedGroupFirst) {
+TEST(LaunchedIdentity, UnprivilegedIsRefusedAtTheForcedGroup) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root, to drop the launcher to nobody";
     ChildOutcome outcome = RunInChild([] {
         if (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0)
@@ -207,7 +207,7 @@ INSTANTIATE_TEST_SUITE_P(Faked, StdHandleDupFailure,
                                          Dup2Case{"devNullBadf", EBADF, nullptr, PROC_INVALID_FILE}),
                          [](const auto& info) { return std::string(info.param.name); });
 
-TEST(HostWithClosedStandardDescriptors, StillLaunchesAndStillHearsFailures) {
+TEST(ClosedStandardDescriptors, StillLaunchAndHearFailures) {
     ChildOutcome outcome = RunInChild([] {
         int report = dup(1);
         close(0);

@@ -53,7 +53,7 @@ struct MergeCase {
 
 class Merge : public testing::TestWithParam<MergeCase> {};
 
-TEST_P(Merge, PutsTheRequestInFrontOfTheInheritedValue) {
+TEST_P(Merge, PutsTheRequestFirst) {
     MergeCase c = GetParam();
     c.request.push_back(nullptr);
     c.inherited.push_back(nullptr);

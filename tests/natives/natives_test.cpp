@@ -22,7 +22,7 @@ jlong create_failing_at(FakeJni& jni, int at) {
     return handle;
 }
 
-TEST(CreateNative, AnyFailedAllocationGivesOutOfMemoryAndNeverAPartialLaunch) {
+TEST(CreateNative, AnyFailedAllocationGivesOutOfMemory) {
     for (int at = 1;; ++at) {
         FakeJni jni;
         jlong handle = create_failing_at(jni, at);

@@ -24,7 +24,7 @@ struct TraceCase {
 
 class TraceSwitches : public testing::TestWithParam<TraceCase> {};
 
-TEST_P(TraceSwitches, FollowThePresenceOfTheVariables) {
+TEST_P(TraceSwitches, FollowTheVariables) {
     const TraceCase& c = GetParam();
     ChildOutcome outcome = RunInChild([&] {
         unsetenv("__JNI_PROCESS_DEBUG");
