@@ -2,6 +2,7 @@ package com.norvane.quillon;
 
 import com.norvane.quillon.process.NativeProcessGlue;
 import java.io.IOException;
+import java.lang.ref.Cleaner;
 
 /**
  * The JVM's end of one pipe to a launched program, closed exactly once.
@@ -21,9 +22,23 @@ final class Descriptor implements Runnable {
     private int users;         // native calls in progress
     private boolean closing;   // close() was called: no new calls
     private boolean closed;    // the number was given back
+    private Cleaner.Cleanable cleanable;
 
-    Descriptor(int fd) {
+    private Descriptor(int fd) {
         this.fd = fd;
+    }
+
+    /** The descriptor of a stream: closed by {@link #closeForOwner}, or once the stream is unreachable. */
+    static Descriptor ownedBy(Object stream, int fd) {
+        Descriptor descriptor = new Descriptor(fd);
+        descriptor.cleanable = NativeProcess.CLEANER.register(stream, descriptor);
+        return descriptor;
+    }
+
+    /** The stream's close: the descriptor's, and the cleaning action is no longer needed. */
+    void closeForOwner() throws IOException {
+        close();
+        cleanable.clean();
     }
 
     /** Counts a call in; every successful call must be followed by {@link #release}. @return the number */

@@ -3,7 +3,6 @@ package com.norvane.quillon;
 import com.norvane.quillon.process.NativeProcessGlue;
 import java.io.IOException;
 import java.io.InputStream;
-import java.lang.ref.Cleaner;
 import java.lang.ref.Reference;
 import java.util.Objects;
 
@@ -12,11 +11,9 @@ final class PipeInputStream extends InputStream {
     private static final NativeProcessGlue GLUE = NativeProcessGlue.get();
 
     private final Descriptor descriptor;
-    private final Cleaner.Cleanable cleanable;
 
     PipeInputStream(int fd) {
-        descriptor = new Descriptor(fd);
-        cleanable = NativeProcess.CLEANER.register(this, descriptor);
+        descriptor = Descriptor.ownedBy(this, fd);
     }
 
     @Override
@@ -53,7 +50,6 @@ final class PipeInputStream extends InputStream {
 
     @Override
     public void close() throws IOException {
-        descriptor.close();
-        cleanable.clean();
+        descriptor.closeForOwner();
     }
 }

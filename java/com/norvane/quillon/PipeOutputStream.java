@@ -3,7 +3,6 @@ package com.norvane.quillon;
 import com.norvane.quillon.process.NativeProcessGlue;
 import java.io.IOException;
 import java.io.OutputStream;
-import java.lang.ref.Cleaner;
 import java.lang.ref.Reference;
 import java.util.Objects;
 
@@ -12,11 +11,9 @@ final class PipeOutputStream extends OutputStream {
     private static final NativeProcessGlue GLUE = NativeProcessGlue.get();
 
     private final Descriptor descriptor;
-    private final Cleaner.Cleanable cleanable;
 
     PipeOutputStream(int fd) {
-        descriptor = new Descriptor(fd);
-        cleanable = NativeProcess.CLEANER.register(this, descriptor);
+        descriptor = Descriptor.ownedBy(this, fd);
     }
 
     @Override
@@ -38,7 +35,6 @@ final class PipeOutputStream extends OutputStream {
 
     @Override
     public void close() throws IOException {
-        descriptor.close();
-        cleanable.clean();
+        descriptor.closeForOwner();
     }
 }

@@ -6,8 +6,6 @@ import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 import static org.junit.jupiter.api.Assumptions.assumeTrue;
 
-import com.norvane.quillon.process.NativeProcessGlue;
-import com.norvane.quillon.process.UnixProcessGlue;
 import java.io.IOException;
 import java.lang.ProcessBuilder.Redirect;
 import java.nio.charset.StandardCharsets;
@@ -123,39 +121,6 @@ class LauncherTest {
                 assertTrue(ended(process.pid()), process + " still runs");
             }
         }
-    }
-
-    // NativeProcess.killTree never calls the native once the end is known, and keeps the end of a child from
-    // being collected while the native runs; a process that is no child may still end unseen just before.
-    @Test
-    void theNativeTreeKillOfAnEndedProcessSparesTheProcessThatReusedItsPid() throws Exception {
-        assumeTrue(isRoot(), "needs root to choose the next PID");
-        UnixProcessGlue glue = UnixProcessGlue.get();
-        for (int attempt = 0; attempt < 10; attempt++) {
-            long ended = glue.create("/bin/sleep", new String[] {"30"}, null, null, 20, null, 022, null, null, 0, null,
-                    true, false);
-            int pid = Integer.parseInt(glue.id(ended));
-            glue.kill(ended);
-            glue.waitForTermination(ended);
-            Files.writeString(Path.of("/proc/sys/kernel/ns_last_pid"), Integer.toString(pid - 1));
-            long other = glue.create("/bin/sh", new String[] {"-c", "sleep 30 & wait"}, null, null, 20, null, 022,
-                    null, null, 0, null, true, false);
-            try {
-                if (Integer.parseInt(glue.id(other)) == pid) {
-                    Thread.sleep(200);
-                    NativeProcessGlue.get().killTree(ended);
-                    Thread.sleep(200);
-                    assertEquals(1, glue.ping(other), "the process that has the PID now was hit through its child");
-                    return;
-                }
-            } finally {
-                glue.kill(other);
-                glue.waitForTermination(other);
-                glue.done(other);
-                glue.done(ended);
-            }
-        }
-        assumeTrue(false, "another process took the PID each time");
     }
 
     /** Starts its arguments as a detached program with no streams and prints the program's PID. */

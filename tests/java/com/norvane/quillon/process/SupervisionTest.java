@@ -152,7 +152,7 @@ class SupervisionTest {
         readerPool.shutdown();
     }
 
-    /** A handle on a process that ended reaches no other that has its PID now: set up with ns_last_pid. */
+    /** A handle on a process that ended reaches no other that has its PID now (nor its children): ns_last_pid. */
     @ParameterizedTest(name = "{0}")
     @CsvSource({"launched child", "adopted no child"})
     void anEndedHandleNeverSignalsTheProcessThatReusesItsPid(String kind) throws Exception {
@@ -169,17 +169,20 @@ class SupervisionTest {
                 Thread.sleep(10);
             }
             Files.writeString(lastPid, Integer.toString(pid - 1));
-            long other = shell("exec sleep 30", false);
+            long other = shell("sleep 30 & wait", false); // with a child, for the tree kill to miss
+
             try {
                 if (Integer.parseInt(GLUE.id(other)) != pid) {
                     continue; // another process took the PID first
                 }
+                Thread.sleep(100);
                 GLUE.kill(handle);
                 GLUE.stop(handle);
                 GLUE.pokeVMThreadDump(handle);
+                NativeProcessGlue.get().killTree(handle);
                 assertEquals(0, GLUE.ping(handle));
                 Thread.sleep(100);
-                assertEquals(1, GLUE.ping(other), "the process that has the PID now was signalled");
+                assertEquals(1, GLUE.ping(other), "the process that has the PID now, or its child, was signalled");
                 return;
             } finally {
                 GLUE.kill(other);
