@@ -308,7 +308,7 @@ public final class Soak {
     public static void main(String[] args) throws Exception {
         int operations = Integer.parseInt(args[0]);
         boolean hang = args.length > 1 && args[1].equals("hang");
-        soak(Math.max(200, operations / 5), 8, false); // until the JIT and the heaps of the C library settle
+        soak(Math.max(200, operations / 2), 8, false); // until the JIT and the heaps of the C library settle
         OUTCOMES.clear();
         counts(); // once for what the JDK opens at its first use
         System.gc();

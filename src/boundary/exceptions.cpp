@@ -73,11 +73,7 @@ QUILLON_API void ThrowException(JNIEnv* env, int code, const char* message, int 
     const char* chosenClass = exception_class(code);
     if (message != nullptr) copy_bounded(messageCopy, message, kText);
     if (sysErr != 0 && process_strerror_r(sysErr, nativeSysText, kText) != 0) nativeSysText[0] = 0;
-    if (nativeSysText[0] != 0) {
-        if (process_stringConverterToUTF8(utf8SysText, nativeSysText, kText) == nullptr)
-            strncpy(utf8SysText, nativeSysText, kText);
-        utf8SysText[kText - 1] = 0;
-    }
+    if (nativeSysText[0] != 0) utf8_or_as_is(utf8SysText, nativeSysText, kText);
     compose_message(finalMessage, messageCopy, sysErr, utf8SysText);
 
     copy_bounded(className, chosenClass, kText);

@@ -151,8 +151,7 @@ jstring java_string(JNIEnv* env, const char* nativeText) {
         throw_java(env, "java/lang/OutOfMemoryError", "native string");
         return nullptr;
     }
-    const char* text = process_stringConverterToUTF8(utf8.get(), nativeText, size);
-    return java_string_from_utf8(env, text != nullptr ? text : nativeText);
+    return java_string_from_utf8(env, utf8_or_as_is(utf8.get(), nativeText, size));
 }
 
 void throw_java(JNIEnv* env, const char* className, const char* message) {

@@ -92,8 +92,7 @@ int get_identity(Key id, int (*call)(Key, Entry*, char*, size_t, Entry**), const
         process_log(Texts.nullField, id);
         return PROC_SUCCESS;
     }
-    if (process_stringConverterToUTF8(dst, text, size) == nullptr) copy_bounded(dst, text, size);
-    dst[size - 1] = 0;
+    utf8_or_as_is(dst, text, size);
     process_log(Texts.mapped, id, text);
     return PROC_SUCCESS;
 }

@@ -32,6 +32,12 @@ int iconv_valid(iconv_t cd) {
 }
 } // namespace
 
+char* utf8_or_as_is(char* dst, const char* src, size_t size) {
+    if (process_stringConverterToUTF8(dst, src, size) == nullptr) copy_bounded(dst, src, size);
+    dst[size - 1] = 0;
+    return dst;
+}
+
 QUILLON_API char* process_stringConverterToUTF8(char* dst, const char* src, size_t size) {
     const char* codeset = native_codeset();
     if (src == nullptr || dst == nullptr) return nullptr;

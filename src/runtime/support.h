@@ -24,6 +24,9 @@ inline void copy_bounded(char* dst, const char* src, size_t size) {
     dst[length] = 0;
 }
 
+// Native text in UTF-8 in `dst`, or the text as it stands where the conversion fails; cut to size - 1.
+char* utf8_or_as_is(char* dst, const char* src, size_t size);
+
 // Low 32 bits of a pointer, the way trace lines print addresses.
 inline unsigned trace_ptr(const void* p) {
     return static_cast<unsigned>(reinterpret_cast<uintptr_t>(p));

@@ -101,7 +101,7 @@ class SupervisionTest {
         ExecutorService pool = Executors.newFixedThreadPool(8);
         ExecutorService readerPool = Executors.newFixedThreadPool(48); // 8 processes at a time, 6 readers each
         List<Future<String>> disagreements = new ArrayList<>();
-        for (int n = 0; n < 600; n++) {
+        for (int n = 0; n < 2000; n++) {
             int code = n % 256;
             long launched = shell("exit " + code, false);
             long adopted;
