@@ -25,7 +25,7 @@ constexpr int kGoneMillis = 5000;
 
 // Stacks for new processes. A stack is unmapped only when its process no longer uses the launcher's
 // memory (it has exec'd or ended); when that can't be known, it stays mapped for good.
-class ChildStacks {
+class ChildStacks : NoCopy {
   public:
     explicit ChildStacks(int count) : size_(static_cast<size_t>(count) * kStackSize) {
         void* base = mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK | MAP_NORESERVE,
@@ -38,13 +38,12 @@ class ChildStacks {
         for (int i = 0; i < count; ++i) // a guard page below each stack
             mprotect(base_ + static_cast<size_t>(i) * kStackSize, static_cast<size_t>(getpagesize()), PROT_NONE);
     }
-    ChildStacks(const ChildStacks&) = delete;
-    ChildStacks& operator=(const ChildStacks&) = delete;
     ~ChildStacks() {
         if (base_ != nullptr) munmap(base_, size_);
     }
     bool ok() const { return base_ != nullptr; }
-    void* top(int i) const { return base_ + static_cast<size_t>(i + 1) * kStackSize; }
+    // Null when there are no stacks.
+    void* top(int i) const { return base_ == nullptr ? nullptr : base_ + static_cast<size_t>(i + 1) * kStackSize; }
     void keep_forever() {
         process_log("A new process may still use its stack: it stays mapped\n");
         base_ = nullptr;
