@@ -200,13 +200,18 @@ public final class Soak {
         }
     }
 
-    /** A launch that hangs before its exec: stdin is a FIFO that nobody writes. */
-    private static void hangBeforeExec() throws Exception {
+    /** A FIFO in a directory of its own, made before the counts (the JDK keeps what it opens for that). */
+    private static Path fifo() throws Exception {
         Path fifo = Files.createTempDirectory("quillon-soak").resolve("fifo");
         long mkfifo = GLUE.create("mkfifo", new String[] {fifo.toString()}, null, null, 20, null, 022, null, null, 0,
                 null, true, false);
         GLUE.waitForTermination(mkfifo);
         GLUE.done(mkfifo);
+        return fifo;
+    }
+
+    /** A launch that hangs before its exec: stdin is a FIFO that nobody writes. */
+    private static void hangBeforeExec(Path fifo) throws Exception {
         long start = System.nanoTime();
         try {
             GLUE.create("/bin/true", null, null, null, 20, new String[] {fifo.toString(), null, null}, 022, null, null,
@@ -270,7 +275,7 @@ public final class Soak {
         return counts;
     }
 
-    private static void soak(int operations, int threads, boolean hang) throws Exception {
+    private static void soak(int operations, int threads, Path hang, boolean measured) throws Exception {
         ExecutorService pool = Executors.newFixedThreadPool(threads);
         waiters = Executors.newFixedThreadPool(4);
         AtomicInteger done = new AtomicInteger();
@@ -285,15 +290,15 @@ public final class Soak {
                     } catch (ProcessOpException e) { // under injected faults
                         count("refused: " + e.getClass().getSimpleName() + ": " + e.getMessage());
                     }
-                    if (n % 500 == 0) {
+                    if (measured && n % 500 == 0) {
                         System.out.println("PROGRESS " + n);
                     }
                 }
                 return null;
             }));
         }
-        if (hang) {
-            hangBeforeExec();
+        if (hang != null) {
+            hangBeforeExec(hang);
         }
         for (Future<?> worker : workers) {
             worker.get();
@@ -307,14 +312,14 @@ public final class Soak {
     /** The soaking JVM: a warm-up, the counts, the soak, the counts again; all printed. */
     public static void main(String[] args) throws Exception {
         int operations = Integer.parseInt(args[0]);
-        boolean hang = args.length > 1 && args[1].equals("hang");
-        soak(Math.max(200, operations / 2), 8, false); // until the JIT and the heaps of the C library settle
+        Path hang = args.length > 1 && args[1].equals("hang") ? fifo() : null;
+        soak(Math.max(200, operations / 2), 8, null, false); // until the JIT and the heaps of the C library settle
         OUTCOMES.clear();
         counts(); // once for what the JDK opens at its first use
         System.gc();
         OPEN_BEFORE = "";
         Map<String, Long> before = counts();
-        soak(operations, 8, hang);
+        soak(operations, 8, hang, true);
         System.gc();
         Thread.sleep(200);
         Map<String, Long> after = counts();

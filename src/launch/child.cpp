@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
+#include <utility>
 
 #include "launch/launch_internal.h"
 #include "launch/raw_syscall.h"
@@ -30,13 +31,29 @@ NEW_PROCESS_CODE void close_span(unsigned first, unsigned last, int openMax) {
         sys_close(static_cast<int>(fd));
 }
 
-NEW_PROCESS_CODE void close_descriptors_except(int keep, int openMax) {
-    if (keep < 3) {
-        close_span(3, ~0u, openMax);
-        return;
+// Closes every descriptor from 3 up but those in `keep` (ascending; numbers below 3 are ignored).
+NEW_PROCESS_CODE void close_descriptors_except(const int* keep, int count, int openMax) {
+    unsigned first = 3;
+    for (int i = 0; i < count; ++i) {
+        if (keep[i] < static_cast<int>(first)) continue;
+        close_span(first, static_cast<unsigned>(keep[i]) - 1, openMax);
+        first = static_cast<unsigned>(keep[i]) + 1;
     }
-    close_span(3, static_cast<unsigned>(keep) - 1, openMax);
-    close_span(static_cast<unsigned>(keep) + 1, ~0u, openMax);
+    close_span(first, ~0u, openMax);
+}
+
+// Before any step that can block (an open of a FIFO, a chdir into a hung mount), the new process lets go of
+// what it copied from the launcher: other launches' exec-outcome channels among them, whose end of file
+// must not wait for this process.
+NEW_PROCESS_CODE void close_inherited_descriptors(const LaunchRequest& request) {
+    int keep[4] = {request.writeEnd, -1, -1, -1};
+    int count = 1;
+    for (const UniqueFd& end : request.childPipeEnds)
+        if (end.get() >= 0) keep[count++] = end.get();
+    for (int i = 1; i < count; ++i) // a handful of numbers: an insertion sort
+        for (int j = i; j > 0 && keep[j - 1] > keep[j]; --j)
+            std::swap(keep[j - 1], keep[j]);
+    close_descriptors_except(keep, count, request.openMax);
 }
 
 NEW_PROCESS_CODE void dump_launch(const LaunchRequest& request, const ChildContext& context) {
@@ -171,6 +188,7 @@ NEW_PROCESS_CODE void run_new_process(const LaunchRequest& request, bool attache
     sys_set_disposition(SIGTTOU, SIG_IGN, false);
     sys_set_disposition(SIGTTIN, SIG_IGN, false);
     sys_set_signal_mask(&request.signalMask);
+    close_inherited_descriptors(request);
 
     int sysErr = 0;
     int result = SetupChildContext(request, context, &sysErr);
@@ -179,7 +197,7 @@ NEW_PROCESS_CODE void run_new_process(const LaunchRequest& request, bool attache
         child_log(context, "Past SetupChildContext.  Return value was: [%d] and sysErr was: [%d]\n", result,
                   sysErr);
     sys_fcntl(request.writeEnd, F_SETFD, FD_CLOEXEC);
-    close_descriptors_except(request.writeEnd, request.openMax);
+    close_descriptors_except(&request.writeEnd, 1, request.openMax);
     if (context.debug) dump_launch(request, context);
 
     sysErr = exec_program(request);

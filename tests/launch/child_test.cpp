@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <filesystem>
+#include <fstream>
 #include <grp.h>
 #include <pwd.h>
 #include <sys/resource.h>
@@ -330,6 +332,65 @@ TEST(PreExecHang, IsKilledWhenTheWaitRunsOut) {
         EXPECT_EQ(kill(l.pid, 0), -1) << "killed, detached " << detached;
     }
     EXPECT_TRUE(no_children_left());
+    unlink(fifo.c_str());
+    rmdir(dir);
+}
+
+// Children of this process's threads asleep now: in the open of a FIFO, for a launch that has not exec'd.
+int sleeping_children() {
+    int sleeping = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream children(task.path() / "children");
+        for (int pid = 0; children >> pid;) {
+            std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+            std::string line;
+            std::getline(stat, line);
+            size_t close = line.rfind(')');
+            if (close != std::string::npos && close + 2 < line.size() && line[close + 2] == 'S') ++sleeping;
+        }
+    }
+    return sleeping;
+}
+
+// A launch that hangs before its exec holds up no other launch. The first launch is held with its
+// exec-outcome channel open while the second makes its new process, which copies that channel and hangs on a
+// FIFO; the first then runs its program and must see the end of file without waiting for the second.
+std::atomic<int> firstLaunchStage = 0; // 1: held in its clone, 2: let go
+
+TEST(PreExecHang, HoldsUpNoOtherLaunch) {
+    char dir[] = "/tmp/quillon-fifo-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    std::string fifo = std::string(dir) + "/fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    seams::beforeClone = [] {
+        firstLaunchStage = 1;
+        while (firstLaunchStage != 2)
+            usleep(1000);
+    };
+    std::atomic<bool> firstDone = false;
+    std::thread first([&] {
+        EXPECT_EQ(outcome_text(Launch(Request{})), expected(PROC_SUCCESS, 0));
+        firstDone = true;
+    });
+    while (firstLaunchStage != 1)
+        usleep(1000);
+    std::thread hung([&] {
+        Request r;
+        r.stdFiles = {fifo.c_str(), nullptr, nullptr};
+        EXPECT_EQ(outcome_text(Launch(r)), expected(PROC_SUCCESS, 0));
+    });
+    while (sleeping_children() != 1) // the hung one, in the open of the FIFO
+        usleep(1000);
+    firstLaunchStage = 2;
+    for (int i = 0; i < 100 && !firstDone; ++i) // a failing case waits until the hung one is let go below
+        usleep(100000);
+    bool firstAlone = firstDone;
+    close(open(fifo.c_str(), O_WRONLY));
+    first.join();
+    hung.join();
+    EXPECT_TRUE(firstAlone) << "the first launch waited for the hung one";
+    while (waitpid(-1, nullptr, 0) > 0) {
+    }
     unlink(fifo.c_str());
     rmdir(dir);
 }

@@ -13,6 +13,7 @@ Fault pipe;
 Fault pidfd;
 Fault mutexInit;
 SelectFake select;
+std::atomic<void (*)()> beforeClone = nullptr;
 } // namespace seams
 
 namespace {
@@ -48,6 +49,7 @@ long __wrap_sys_dup2(int from, int to) {
     return due(seams::dup2) ? -seams::dup2.err : __real_sys_dup2(from, to);
 }
 int __wrap_clone(int (*main)(void*), void* stack, int flags, void* argument, ...) {
+    if (void (*hook)() = seams::beforeClone.exchange(nullptr)) hook();
     return due(seams::clone) ? -1 : __real_clone(main, stack, flags, argument);
 }
 int __wrap_pipe(int fds[2]) {

@@ -3,6 +3,7 @@
 // by a launch shares it, since it shares the launcher's memory until its exec.
 #pragma once
 
+#include <atomic>
 #include <cerrno>
 
 namespace seams {
@@ -25,4 +26,6 @@ struct SelectFake {
     int err = 0;
 };
 extern SelectFake select;
+// Runs once, in the next launch's clone, before the new process is made (then disarms itself).
+extern std::atomic<void (*)()> beforeClone;
 } // namespace seams
