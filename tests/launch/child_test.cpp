@@ -309,7 +309,7 @@ TEST(ForkSafety, LaunchesWithIdentityNeverHangWhileOtherThreadsHoldLocks) {
             return std::to_string(failures.load());
         },
         300);
-    EXPECT_EQ(outcome.report, "0");
+    EXPECT_EQ(outcome.report, "0") << "status " << outcome.status << ", stderr: " << outcome.err.substr(0, 2000);
 }
 } // namespace
 
