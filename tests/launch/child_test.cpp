@@ -267,6 +267,9 @@ TEST(ForkSafety, LaunchesWithIdentityNeverHangWhileOtherThreadsHoldLocks) {
     ChildOutcome outcome = RunInChild(
         [] {
             std::atomic<bool> stop{false};
+            // Added once before the threads start: adding a name moves the environment's vector, which a
+            // getenv in another thread may be reading. Replacing the value only takes the lock.
+            setenv("QUILLON_STRESS", "x", 1);
             std::vector<std::thread> busy;
             busy.emplace_back([&] {
                 char buffer[4096];
