@@ -46,36 +46,38 @@ int64_t unix_getStartProcessTimeout() {
     return seconds;
 }
 
-int InitializePipe(int channel[2], int* sysErr) {
+int ExecOutcomeChannel::open(int* sysErr) {
     TraceScope trace("InitializePipe()");
-    if (pipe(channel) == -1) {
+    int ends[2];
+    if (pipe(ends) == -1) {
         *sysErr = errno;
         process_err("Unable to initial pipe. errno=[%d]\n", *sysErr);
         return PROC_SYSTEM_ERR;
     }
-    channel[0] = keep_above_standard(channel[0], true);
-    channel[1] = keep_above_standard(channel[1], true);
-    fcntl(channel[0], F_SETFD, FD_CLOEXEC);
-    fcntl(channel[1], F_SETFD, FD_CLOEXEC);
+    read_.reset(keep_above_standard(ends[0], true));
+    write_.reset(keep_above_standard(ends[1], true));
+    fcntl(read_.get(), F_SETFD, FD_CLOEXEC);
+    fcntl(write_.get(), F_SETFD, FD_CLOEXEC);
     return PROC_SUCCESS;
 }
 
-int WaitForExecOutcome(int channel[2], int* sysErr) {
-    TraceScope trace("WaitForExecOutcome()");
+ExecOutcome ExecOutcomeChannel::await(int64_t limitSeconds) {
     struct timeval limit = {};
-    limit.tv_sec = unix_getStartProcessTimeout();
+    limit.tv_sec = limitSeconds;
     limit.tv_usec = 0;
-    close(channel[1]);
+    write_.reset();
 
-    UniqueFd readEnd(channel[0]);
+    UniqueFd readEnd(read_.release());
     const int fd = readEnd.get();
+    ExecOutcome outcome;
     // A descriptor above 1023 needs a set sized to it; select takes the set by its descriptor count.
     const size_t words = fd <= 1023 ? kFixedSetBytes / sizeof(uint64_t) : (static_cast<size_t>(fd) + 1 + 63) / 64;
     MallocPtr<uint64_t> ibits(static_cast<uint64_t*>(calloc(words, sizeof(uint64_t))));
     if (ibits == nullptr) {
         process_err("Unable to malloc ibits\n");
-        trace.skip_exit();
-        return PROC_OUT_OF_MEMORY;
+        outcome.result = PROC_OUT_OF_MEMORY;
+        outcome.step = kStepWaitBuffer;
+        return outcome;
     }
     ibits.get()[fd / 64] |= uint64_t{1} << (fd % 64);
 
@@ -84,15 +86,32 @@ int WaitForExecOutcome(int channel[2], int* sysErr) {
     if (selected != 1) {
         int saved = errno;
         process_err("Error during WaitForExecOutcome. result=[%d] errno=[%d]\n", selected, saved);
-        *sysErr = selected == 0 ? ETIMEDOUT : saved;
-        return selected == 0 ? PROC_CREATE_TIMEOUT : PROC_SYSTEM_ERR;
+        outcome.sysErr = selected == 0 ? ETIMEDOUT : saved;
+        outcome.result = selected == 0 ? PROC_CREATE_TIMEOUT : PROC_SYSTEM_ERR;
+        outcome.step = kStepLauncher;
+        return outcome;
     }
-    int first = read_int(fd, sysErr);
-    if (first == 0) return PROC_SUCCESS;
+    // The failure record: sysErr and the result, then the step and its detail.
+    int first = read_int(fd, &outcome.sysErr);
+    if (first == 0) return outcome;
     if (first != 4) {
-        *sysErr = errno;
-        return PROC_SYSTEM_ERR;
+        outcome.sysErr = errno;
+        outcome.result = PROC_SYSTEM_ERR;
+        outcome.step = kStepLauncher;
+        return outcome;
     }
-    int result;
-    return read_int(fd, &result) == 4 ? result : PROC_SYSTEM_ERR;
+    if (read_int(fd, &outcome.result) != 4) {
+        outcome.result = PROC_SYSTEM_ERR;
+        outcome.step = kStepLauncher;
+        return outcome;
+    }
+    if (read_int(fd, &outcome.step) != 4 || read_int(fd, &outcome.detail) != 4) outcome.step = kStepLauncher;
+    return outcome;
+}
+
+ExecOutcome WaitForExecOutcome(ExecOutcomeChannel& channel) {
+    TraceScope trace("WaitForExecOutcome()");
+    ExecOutcome outcome = channel.await(unix_getStartProcessTimeout());
+    if (outcome.step == kStepWaitBuffer) trace.skip_exit(); // no exit line on that path
+    return outcome;
 }

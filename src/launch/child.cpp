@@ -116,14 +116,40 @@ NEW_PROCESS_CODE int exec_program(const LaunchRequest& request) {
     return deniedSomewhere ? EACCES : static_cast<int>(-result);
 }
 
-NEW_PROCESS_CODE [[noreturn]] void report_failure(const LaunchRequest& request, const ChildContext& context, int result,
-                                 int sysErr) {
+// The failure record over the channel, in one write: sysErr, the result, the step and its detail.
+NEW_PROCESS_CODE [[noreturn]] void report_failure(const LaunchRequest& request, const ChildContext& context,
+                                                  const ExecOutcome& failure) {
     char text[64];
     child_err(context, "Unable to launch process.  An error occurred.  Return value: [%d] errno: [%d] [%s]\n",
-              result, sysErr, error_text(sysErr, text));
-    sys_write(request.writeEnd, &sysErr, sizeof sysErr);
-    sys_write(request.writeEnd, &result, sizeof result);
+              failure.result, failure.sysErr, error_text(failure.sysErr, text));
+    const int record[4] = {failure.sysErr, failure.result, failure.step, failure.detail};
+    sys_write(request.writeEnd, record, sizeof record);
     sys_exit(255);
+}
+
+NEW_PROCESS_CODE ExecOutcome failed(int result, int sysErr, int step, int detail = 0) {
+    return {result, sysErr, step, detail};
+}
+
+// nice, when one is asked for. A change the system refuses or limits leaves the process where it is; that
+// is no failure.
+NEW_PROCESS_CODE ExecOutcome set_priority(const LaunchRequest& request, const ChildContext& context) {
+    long reading = sys_getpriority();
+    long current = 20 - reading;
+    child_log(context, "Trying to set process priority to computed value of: [%d]\n",
+              static_cast<int>(*request.nice - current));
+    if (reading < 0) {
+        child_err(context, "Error getting the current priority\n");
+        return failed(PROC_INVALID_PRIORITY, static_cast<int>(-reading), kStepPriority);
+    }
+    sys_setpriority(*request.nice);
+    return {};
+}
+
+// The group stage fails on the named group, or on the user's own when none is named.
+NEW_PROCESS_CODE ExecOutcome privilege_failure(const LaunchRequest& request, int result, int sysErr) {
+    if (result == PROC_INVALID_USERNAME) return failed(result, sysErr, kStepUser);
+    return failed(result, sysErr, kStepGroup, request.groupName == nullptr ? 1 : 0);
 }
 } // namespace
 
@@ -134,47 +160,35 @@ NEW_PROCESS_CODE const char* error_text(int err, char (&buffer)[64]) {
     return buffer;
 }
 
-NEW_PROCESS_CODE int SetupChildContext(const LaunchRequest& request, const ChildContext& context, int* sysErr) {
-    long reading = sys_getpriority();
-    long current = 20 - reading;
+NEW_PROCESS_CODE ExecOutcome SetupChildContext(const LaunchRequest& request, const ChildContext& context) {
     ChildTraceScope trace(context, "SetupChildContext()");
-    child_log(context, "Trying to set process priority to computed value of: [%d]\n",
-              static_cast<int>(request.priority - (current + 20)));
-    if (reading < 0) {
-        trace.skip_exit();
-        *sysErr = static_cast<int>(-reading);
-        child_err(context, "Error getting the current priority\n");
-        return PROC_INVALID_PRIORITY;
+    ExecOutcome outcome = request.nice ? set_priority(request, context) : ExecOutcome{};
+    if (outcome.result == PROC_SUCCESS) {
+        if (request.fileMask) sys_umask(*request.fileMask);
+        int sysErr = 0;
+        int result = set_privilege_ids(context, request.privilege, &sysErr);
+        if (result != PROC_SUCCESS) outcome = privilege_failure(request, result, sysErr);
     }
-    // A change the system refuses or limits leaves the process where it is; that is no failure.
-    sys_setpriority(static_cast<int>(request.priority - 20));
-    sys_umask(static_cast<mode_t>(request.fileMask));
-
-    int result = set_privilege_ids(context, request.privilege, sysErr);
-    if (result != PROC_SUCCESS) {
-        trace.skip_exit();
-        return result;
-    }
-    if (request.workingDirectory != nullptr) {
+    if (outcome.result == PROC_SUCCESS && request.workingDirectory != nullptr) {
         long changed = sys_chdir(request.workingDirectory);
         if (changed < 0) {
-            trace.skip_exit();
-            *sysErr = static_cast<int>(-changed);
             child_err(context, "Unable to change current working directory to: [%s]\n", request.workingDirectory);
-            return PROC_INVALID_DIRECTORY;
+            outcome = failed(PROC_INVALID_DIRECTORY, static_cast<int>(-changed), kStepDirectory);
         }
     }
-    if (!request.keepProcessGroup) {
+    if (outcome.result == PROC_SUCCESS && !request.keepProcessGroup) {
         child_log(context, "Trying to set process group to: [%d]\n", request.processGroup);
         long joined = sys_setpgid(0, request.processGroup);
         if (joined < 0) {
-            trace.skip_exit();
-            *sysErr = static_cast<int>(-joined);
             child_err(context, "Failed setting of process group to PGID: [%d]\n", request.processGroup);
-            return PROC_INVALID_PROCESS_GROUP;
+            outcome = failed(PROC_INVALID_PROCESS_GROUP, static_cast<int>(-joined), kStepProcessGroup);
         }
     }
-    return SetupChildStdHandles(request, context, sysErr);
+    if (outcome.result != PROC_SUCCESS) {
+        trace.skip_exit(); // the exit line marks success
+        return outcome;
+    }
+    return SetupChildStdHandles(request, context);
 }
 
 NEW_PROCESS_CODE void run_new_process(const LaunchRequest& request, bool attached) {
@@ -185,22 +199,23 @@ NEW_PROCESS_CODE void run_new_process(const LaunchRequest& request, bool attache
     context.tracePid = pid;
     context.debug = context.debugAfterReset;
     context.entryExit = context.entryExitAfterReset;
-    sys_set_disposition(SIGTTOU, SIG_IGN, false);
-    sys_set_disposition(SIGTTIN, SIG_IGN, false);
+    if (request.ignoreJobControlSignals) {
+        sys_set_disposition(SIGTTOU, SIG_IGN, false);
+        sys_set_disposition(SIGTTIN, SIG_IGN, false);
+    }
     sys_set_signal_mask(&request.signalMask);
     close_inherited_descriptors(request);
 
-    int sysErr = 0;
-    int result = SetupChildContext(request, context, &sysErr);
-    if (result != PROC_SUCCESS) report_failure(request, context, result, sysErr);
+    ExecOutcome setup = SetupChildContext(request, context);
+    if (setup.result != PROC_SUCCESS) report_failure(request, context, setup);
     if (attached)
-        child_log(context, "Past SetupChildContext.  Return value was: [%d] and sysErr was: [%d]\n", result,
-                  sysErr);
+        child_log(context, "Past SetupChildContext.  Return value was: [%d] and sysErr was: [%d]\n", setup.result,
+                  setup.sysErr);
     sys_fcntl(request.writeEnd, F_SETFD, FD_CLOEXEC);
     close_descriptors_except(&request.writeEnd, 1, request.openMax);
     if (context.debug) dump_launch(request, context);
 
-    sysErr = exec_program(request);
+    int err = exec_program(request);
     report_failure(request, context,
-                   result_for_errno(sysErr, {ENOENT, EACCES, ENOEXEC, EPERM}, PROC_INVALID_EXECUTABLE), sysErr);
+                   failed(result_for_errno(err, {ENOENT, EACCES, ENOEXEC, EPERM}, PROC_INVALID_EXECUTABLE), err, kStepExec));
 }

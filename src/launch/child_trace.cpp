@@ -55,7 +55,7 @@ NEW_PROCESS_CODE void child_log(const ChildContext& context, const char* format,
 }
 
 NEW_PROCESS_CODE void child_err(const ChildContext& context, const char* format, ...) {
-    if (format == nullptr) return;
+    if (context.silent || format == nullptr) return;
     va_list args;
     va_start(args, format);
     write_line(context, true, format, args);

@@ -129,17 +129,17 @@ QUILLON_API int GenerateAdditiveString(const char* key, char** first, char** sec
 
 bool build_environment(LaunchRequest* request) {
     size_t additions = count_entries(request->environment);
-    char** inherited = request->replaceEnvironment ? nullptr : environ;
-    size_t length = count_entries(inherited);
+    char** base = request->baseEnvironment != nullptr ? request->baseEnvironment : environ;
+    size_t length = count_entries(base);
     char** envp = request->arena.allocate_array<char*>(length + additions + 1);
     if (envp == nullptr) return false;
     for (size_t i = 0; i < length; ++i)
-        envp[i] = inherited[i];
+        envp[i] = base[i];
     envp[length] = nullptr;
     EnvironmentVector vector(envp, length);
     for (size_t i = 0; i < additions; ++i) {
         char* entry = request->environment[i];
-        if (request->replaceEnvironment || !is_additive(entry)) {
+        if (!is_additive(entry)) {
             vector.put(entry);
             continue;
         }

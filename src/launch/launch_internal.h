@@ -4,9 +4,10 @@
 
 #include <csignal>
 #include <cstdint>
+#include <optional>
 #include <sys/types.h>
 
-#include "quillon/supervision.h"
+#include "quillon/result_codes.h"
 #include "runtime/arena.h"
 #include "runtime/support.h"
 
@@ -71,26 +72,53 @@ struct ChildContext {
     // A step called outside a launch, in the host: it traces through the host's streams, and a change of
     // identity reaches every thread.
     bool inHost = false;
+    bool silent = false; // writes nothing at all
 };
 
 // The host's trace state now, for a step that runs in the host.
 ChildContext host_context();
 
+// Where a launch failed: a step of the new process's sequence, or the launcher's side around it. `detail`
+// tells which descriptor, limit or group it was. The public API names the culprit from these.
+enum LaunchStep : int {
+    kStepNone = 0,
+    kStepLauncher = 1,    // the launching thread: the request, the channel, pipes, clone
+    kStepWaitBuffer = 2,  // the wait on the channel found no memory for its descriptor set
+    kStepPriority = 3,
+    kStepGroup = 4,       // detail 1: the user's primary group, forced
+    kStepUser = 5,
+    kStepDirectory = 6,
+    kStepProcessGroup = 7,
+    kStepStdHandle = 8,   // detail: the descriptor, 0 to 2
+    kStepExec = 9,
+};
+
+// What the exec-outcome channel told, or what the wait on it found: a result code with its sysErr, and
+// the step that failed.
+struct ExecOutcome {
+    int result = PROC_SUCCESS;
+    int sysErr = 0;
+    int step = kStepNone;
+    int detail = 0;
+};
+
 struct LaunchRequest : NoCopy {
     // What the caller asks for, in native text; the caller keeps what the pointers point to.
     const char* executable = nullptr;
     char** arguments = nullptr;
-    char** environment = nullptr;
-    bool replaceEnvironment = false;
+    char** environment = nullptr;     // entries applied to the base: path-like keys in front of its value
+    char** baseEnvironment = nullptr; // the whole environment to start from; null: the launcher's own
     const char* workingDirectory = nullptr;
-    int64_t priority = 20;
+    std::optional<int> nice;          // absent: the launcher's; clamped to -20..19
     StdRequest std[3];
-    int64_t fileMask = 022;
+    std::optional<mode_t> fileMask;   // absent: the launcher's
     const char* groupName = nullptr;
     const char* userName = nullptr;
     int processGroup = 0;
     bool keepProcessGroup = false;
     bool detached = false;
+    bool ignoreJobControlSignals = true; // SIGTTIN and SIGTTOU ignored in the new process
+    bool silent = false;                 // no trace line, in the launcher or the new process
 
     // Resolved by resolve_request.
     Arena arena;
@@ -111,7 +139,18 @@ struct LaunchRequest : NoCopy {
     ~LaunchRequest();
 };
 
-// The spawn data of a record, or the arguments of the exported launches, as a request.
+// What a launch gives back. It touches no record: whoever follows the process makes one from this.
+struct LaunchOutcome {
+    ExecOutcome exec;
+    // The new process (attached: a child; detached: the grandchild). 0 while none was made, -1 when
+    // clone failed.
+    pid_t pid = 0;
+    UniqueFd pidfd;               // -1: the system offers none, follow it by its PID
+    UniqueFd pipes[3];            // the launcher's end of each pipe asked for
+    bool ok() const { return exec.result == PROC_SUCCESS; }
+};
+
+// The arguments of the exported launches, as a request.
 void request_from_arguments(LaunchRequest* request, const char* executable, char** arguments,
                             char** environment, const char* workingDirectory, int64_t priority,
                             char** stdFiles, int64_t fileMask, const char* groupName, const char* userName,
@@ -121,15 +160,29 @@ void request_from_arguments(LaunchRequest* request, const char* executable, char
 // descriptors, trace switches. A result code; on failure sysErr says why.
 int resolve_request(LaunchRequest* request, int* sysErr);
 
-// The launches: a result code; the record's pid and isAlive are written as the launch goes.
-int launch_attached(LaunchRequest* request, UnixProcessData* data, int* sysErr);
-int launch_detached(LaunchRequest* request, UnixProcessData* data, int* sysErr);
-// The dispatch of unix_spawnProcess, for any request.
-int spawn_request(LaunchRequest* request, UnixProcessData* data, int* sysErr);
+// The launch, attached or detached as the request says. A new process whose launch failed is gone
+// when it returns (a detached one ends by itself).
+LaunchOutcome launch(LaunchRequest& request);
+// Ends the process of a successful launch that can't be followed after all, and reaps an attached one.
+void abandon_launch(LaunchOutcome& outcome, bool detached);
 
 // ---- The exec-outcome channel, in the launching process ----
-int InitializePipe(int channel[2], int* sysErr);
-int WaitForExecOutcome(int channel[2], int* sysErr);
+class ExecOutcomeChannel : NoCopy {
+  public:
+    // InitializePipe: both ends, close-on-exec and above 2. A result code; sysErr says why.
+    int open(int* sysErr);
+    int read_end() const { return read_.get(); }
+    int write_end() const { return write_.get(); }
+    // Closes the write end, waits up to `limitSeconds` for end of file (the exec happened) or a failure
+    // record, and closes the read end.
+    ExecOutcome await(int64_t limitSeconds);
+
+  private:
+    UniqueFd read_;
+    UniqueFd write_;
+};
+// The wait of a launch, traced, with the limit of __JNI_PROCESS_CREATE_TIMEOUT.
+ExecOutcome WaitForExecOutcome(ExecOutcomeChannel& channel);
 int64_t unix_getStartProcessTimeout();
 // Moves a descriptor the launch opened for itself above 2, so that it never stands in for a closed
 // standard descriptor of the host. Returns the descriptor to use.
@@ -174,7 +227,8 @@ class ChildTraceScope : NoCopy {
     const char* label_;
 };
 
-int SetupChildStdHandles(const LaunchRequest& request, const ChildContext& context, int* sysErr);
-int SetupChildContext(const LaunchRequest& request, const ChildContext& context, int* sysErr);
+// The new process's context and its standard descriptors: a failure's result, sysErr and step.
+ExecOutcome SetupChildStdHandles(const LaunchRequest& request, const ChildContext& context);
+ExecOutcome SetupChildContext(const LaunchRequest& request, const ChildContext& context);
 // The new process's whole sequence: it execs the program, or reports over the channel and exits.
 [[noreturn]] void run_new_process(const LaunchRequest& request, bool attached);

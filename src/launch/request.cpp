@@ -1,5 +1,6 @@
 // A launch request: made from whatever form the caller has, and resolved in the launching thread into
 // everything the new process needs.
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -75,10 +76,11 @@ void request_from_arguments(LaunchRequest* request, const char* executable, char
     request->arguments = arguments;
     request->environment = environment;
     request->workingDirectory = workingDirectory;
-    request->priority = priority;
+    // A priority is nice + 20; what nice can't express is clamped to it, without overflow.
+    request->nice = static_cast<int>(std::clamp<int64_t>(priority, 0, 39) - 20);
     for (int i = 0; stdFiles != nullptr && i < 3; ++i)
         request->std[i] = {kStdNamed, stdFiles[i]};
-    request->fileMask = fileMask;
+    request->fileMask = static_cast<mode_t>(fileMask);
     request->groupName = groupName;
     request->userName = userName;
     request->processGroup = processGroup;
@@ -89,9 +91,7 @@ int resolve_request(LaunchRequest* request, int* sysErr) {
     if (request->cmdLine == nullptr) return out_of_memory(sysErr);
     request->scriptArgv = script_arguments(request->cmdLine, request->arena);
     if (request->scriptArgv == nullptr || !build_environment(request)) return out_of_memory(sysErr);
-    // nice can express -20 to 19, priority 0 to 39.
-    if (request->priority < 0) request->priority = 0;
-    if (request->priority > 39) request->priority = 39;
+    if (request->nice) request->nice = std::clamp(*request->nice, -20, 19);
     if (!resolve_privilege(&request->privilege, request->userName, request->groupName, request->arena))
         return out_of_memory(sysErr);
     int result = plan_std_handles(request, sysErr);
@@ -99,11 +99,13 @@ int resolve_request(LaunchRequest* request, int* sysErr) {
 
     ChildContext& context = request->context;
     context.tracePid = trace_pid();
-    context.debug = process_log_is_dbg_enabled() != 0;
-    context.entryExit = process_log_is_entryexit_enabled() != 0;
+    context.silent = request->silent;
+    context.debug = !context.silent && process_log_is_dbg_enabled() != 0;
+    context.entryExit = !context.silent && process_log_is_entryexit_enabled() != 0;
     // The new process reads the host's trace variables again, and a switch only ever turns on.
-    context.debugAfterReset = context.debug || trace_variable_set();
-    context.entryExitAfterReset = context.entryExit || getenv("__JNI_PROCESS_ENTRYEXIT") != nullptr;
+    context.debugAfterReset = !context.silent && (context.debug || trace_variable_set());
+    context.entryExitAfterReset =
+        !context.silent && (context.entryExit || getenv("__JNI_PROCESS_ENTRYEXIT") != nullptr);
     request->openMax = static_cast<int>(sysconf(_SC_OPEN_MAX));
     return PROC_SUCCESS;
 }

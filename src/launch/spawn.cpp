@@ -15,9 +15,7 @@
 
 #include "launch/launch_internal.h"
 #include "launch/raw_syscall.h"
-#include "quillon/launch.h"
-#include "supervision/pidfd.h"
-#include "supervision/supervision_internal.h"
+#include "runtime/pidfd.h"
 
 namespace {
 constexpr size_t kStackSize = 256 * 1024;
@@ -107,26 +105,6 @@ pid_t clone_blocked(int (*main)(void*), void* stackTop, void* argument, sigset_t
     return pid;
 }
 
-// A pipe whose two ends are closed by their owners unless given away.
-struct Pipe {
-    UniqueFd read;
-    UniqueFd write;
-};
-
-bool open_channel(Pipe* channel, int* sysErr) {
-    int ends[2];
-    if (InitializePipe(ends, sysErr) != PROC_SUCCESS) return false;
-    channel->read.reset(ends[0]);
-    channel->write.reset(ends[1]);
-    return true;
-}
-
-// WaitForExecOutcome, which closes both ends itself.
-int wait_for_outcome(Pipe* channel, int* sysErr) {
-    int ends[2] = {channel->read.release(), channel->write.release()};
-    return WaitForExecOutcome(ends, sysErr);
-}
-
 void kill_and_reap(int pid) {
     retry_on_eintr([&] { return kill(pid, SIGKILL); });
     retry_on_eintr([&] { return waitpid(pid, nullptr, 0); });
@@ -149,137 +127,129 @@ bool gone_within(int pidfd, int pid, int millis) {
     }
     return true;
 }
-} // namespace
 
-int launch_attached(LaunchRequest* request, UnixProcessData* data, int* sysErr) {
-    TraceScope trace("unix_CreateProcess()");
-    int result = resolve_request(request, sysErr);
-    if (result != PROC_SUCCESS) return result;
-    *sysErr = 0;
-    Pipe outcome;
-    if (!open_channel(&outcome, sysErr)) return PROC_SYSTEM_ERR;
-    request->writeEnd = outcome.write.get();
-
-    ChildStacks stack(1);
-    pid_t pid = stack.ok() ? clone_blocked(attached_main, stack.top(0), request, &request->signalMask) : -1;
-    snprintf(data->pid, kPidTextSize, "%d", pid);
-    if (pid == -1) {
-        *sysErr = stack.ok() ? errno : ENOMEM;
-        process_err("FORK failed.  ERRNO: [%d]\n", *sysErr);
-        return result_for_errno(*sysErr, {EAGAIN}, PROC_OUT_OF_MEMORY);
-    }
-    *sysErr = 0;
-    result = wait_for_outcome(&outcome, sysErr);
-    process_log("WaitForExecOutcome completed.  Return value was: [%d] and sysErr was: [%d]\n", result,
-                *sysErr);
-    if (result == PROC_SUCCESS && !attach_launched_entry(data, pid, -1)) {
-        *sysErr = ENOMEM;
-        result = PROC_OUT_OF_MEMORY;
-    }
-    if (result != PROC_SUCCESS) kill_and_reap(record_pid(data));
-    data->isAlive = result == PROC_SUCCESS ? 1 : 0;
-    return result;
+// A failure on the launcher's side.
+void fail(LaunchOutcome& outcome, int result, int sysErr) {
+    outcome.exec = {result, sysErr, kStepLauncher, 0};
 }
 
-int launch_detached(LaunchRequest* request, UnixProcessData* data, int* sysErr) {
+// The request resolved and the channel open, ready for clone. False with the outcome's failure.
+bool prepare(LaunchRequest& request, ExecOutcomeChannel& channel, LaunchOutcome& outcome) {
+    int sysErr = 0;
+    int result = resolve_request(&request, &sysErr);
+    if (result == PROC_SUCCESS && channel.open(&sysErr) != PROC_SUCCESS) result = PROC_SYSTEM_ERR;
+    if (result != PROC_SUCCESS) {
+        fail(outcome, result, sysErr);
+        return false;
+    }
+    request.writeEnd = channel.write_end();
+    return true;
+}
+
+// The launcher's ends of the pipes go with a successful outcome.
+void hand_over_pipes(LaunchRequest& request, LaunchOutcome& outcome) {
+    for (int i = 0; i < 3; ++i)
+        outcome.pipes[i] = std::move(request.hostPipeEnds[i]);
+}
+
+LaunchOutcome launch_attached(LaunchRequest& request) {
+    TraceScope trace("unix_CreateProcess()");
+    LaunchOutcome outcome;
+    ExecOutcomeChannel channel;
+    if (!prepare(request, channel, outcome)) return outcome;
+
+    ChildStacks stack(1);
+    pid_t pid = stack.ok() ? clone_blocked(attached_main, stack.top(0), &request, &request.signalMask) : -1;
+    outcome.pid = pid;
+    if (pid == -1) {
+        int err = stack.ok() ? errno : ENOMEM;
+        process_err("FORK failed.  ERRNO: [%d]\n", err);
+        fail(outcome, result_for_errno(err, {EAGAIN}, PROC_OUT_OF_MEMORY), err);
+        return outcome;
+    }
+    outcome.exec = WaitForExecOutcome(channel);
+    process_log("WaitForExecOutcome completed.  Return value was: [%d] and sysErr was: [%d]\n",
+                outcome.exec.result, outcome.exec.sysErr);
+    if (!outcome.ok()) {
+        kill_and_reap(pid);
+        return outcome;
+    }
+    outcome.pidfd.reset(pidfd_or_trace(pid));
+    hand_over_pipes(request, outcome);
+    return outcome;
+}
+
+LaunchOutcome launch_detached(LaunchRequest& request) {
     TraceScope trace("unix_CreateDetachedProcess()");
-    int result = resolve_request(request, sysErr);
-    if (result != PROC_SUCCESS) return result;
-    *sysErr = 0;
-    Pipe outcome;
-    Pipe pids; // not close-on-exec: the new process's sweep closes it
-    if (!open_channel(&outcome, sysErr)) return PROC_SYSTEM_ERR;
-    int ends[2];
+    LaunchOutcome outcome;
+    ExecOutcomeChannel channel;
+    if (!prepare(request, channel, outcome)) return outcome;
+    int ends[2]; // not close-on-exec: the new process's sweep closes them
     if (pipe(ends) == -1) {
         int err = errno;
         if (err == ENFILE || err == EMFILE)
             process_err("Error creating pipe, out of file handles. errno=[%d]\n", err);
         else
             process_err("Error creating pipe. errno=[%d]\n", err);
-        return err == ENFILE || err == EMFILE ? PROC_OUT_OF_FILE_HANDLES : PROC_SYSTEM_ERR;
+        fail(outcome, err == ENFILE || err == EMFILE ? PROC_OUT_OF_FILE_HANDLES : PROC_SYSTEM_ERR, 0);
+        return outcome;
     }
-    pids.read.reset(keep_above_standard(ends[0], false));
-    pids.write.reset(keep_above_standard(ends[1], false));
-    request->writeEnd = outcome.write.get();
+    UniqueFd pidRead(keep_above_standard(ends[0], false));
+    UniqueFd pidWrite(keep_above_standard(ends[1], false));
 
     ChildStacks stacks(2);
-    DetachedStart start = {request,
-                           {outcome.read.get(), outcome.write.get()},
-                           {pids.read.get(), pids.write.get()},
+    DetachedStart start = {&request,
+                           {channel.read_end(), channel.write_end()},
+                           {pidRead.get(), pidWrite.get()},
                            stacks.top(1)};
     pid_t intermediate =
-        stacks.ok() ? clone_blocked(intermediate_main, stacks.top(0), &start, &request->signalMask) : -1;
+        stacks.ok() ? clone_blocked(intermediate_main, stacks.top(0), &start, &request.signalMask) : -1;
     if (intermediate == -1) {
-        *sysErr = stacks.ok() ? errno : ENOMEM;
-        if (*sysErr == ENOMEM || *sysErr == EAGAIN) {
-            process_err("Unable to fork a new process, out of memory or over limit. errno=[%d]", *sysErr);
-            return PROC_OUT_OF_MEMORY;
+        int err = stacks.ok() ? errno : ENOMEM;
+        if (err == ENOMEM || err == EAGAIN) {
+            process_err("Unable to fork a new process, out of memory or over limit. errno=[%d]", err);
+            fail(outcome, PROC_OUT_OF_MEMORY, err);
+        } else {
+            process_err("Unable to fork a new process. errno=[%d]", err);
+            fail(outcome, PROC_SYSTEM_ERR, err);
         }
-        process_err("Unable to fork a new process. errno=[%d]", *sysErr);
-        return PROC_SYSTEM_ERR;
+        return outcome;
     }
 
-    pids.write.reset(); // so that the read sees end of file when the intermediate process ends silently
+    pidWrite.reset(); // so that the read sees end of file when the intermediate process ends silently
     int pid = 0;
-    int got = read_int(pids.read.get(), &pid);
-    pids.read.reset();
+    int got = read_int(pidRead.get(), &pid);
+    pidRead.reset();
     reap(intermediate);
-    if (got != static_cast<int>(sizeof pid)) return PROC_SYSTEM_ERR; // the second clone failed: it said why
-    snprintf(data->pid, kPidTextSize, "%d", pid);
-    UniqueFd pidfd(quillon_pidfd_open(pid));
+    if (got != static_cast<int>(sizeof pid)) { // the second clone failed: it said why
+        fail(outcome, PROC_SYSTEM_ERR, 0);
+        return outcome;
+    }
+    outcome.pid = pid;
+    UniqueFd pidfd(pidfd_or_trace(pid));
 
-    *sysErr = 0;
-    result = wait_for_outcome(&outcome, sysErr);
-    if (result == PROC_CREATE_TIMEOUT)
+    outcome.exec = WaitForExecOutcome(channel);
+    if (outcome.exec.result == PROC_CREATE_TIMEOUT)
         retry_on_eintr([&] { return pidfd.get() >= 0 ? pidfd_signal(pidfd.get(), SIGKILL) : kill(pid, SIGKILL); });
     // After a failure the new process ends by itself or was killed; its stack goes once it has. (After a
     // failed wait it may run on unsupervised.)
-    if (result != PROC_SUCCESS && !gone_within(pidfd.get(), pid, kGoneMillis)) stacks.keep_forever();
-    if (result == PROC_SUCCESS && !attach_launched_entry(data, pid, pidfd.release())) {
-        retry_on_eintr([&] { return kill(pid, SIGKILL); });
-        *sysErr = ENOMEM;
-        result = PROC_OUT_OF_MEMORY;
+    if (!outcome.ok()) {
+        if (!gone_within(pidfd.get(), pid, kGoneMillis)) stacks.keep_forever();
+        return outcome;
     }
-    data->isAlive = result == PROC_SUCCESS ? 1 : 0;
-    return result;
+    outcome.pidfd = std::move(pidfd);
+    hand_over_pipes(request, outcome);
+    return outcome;
+}
+} // namespace
+
+LaunchOutcome launch(LaunchRequest& request) {
+    return request.detached ? launch_detached(request) : launch_attached(request);
 }
 
-int spawn_request(LaunchRequest* request, UnixProcessData* data, int* sysErr) {
-    TraceScope trace("unix_spawnProcess()");
-    if (record_pid(data) != 0) return PROC_SUCCESS;
-    process_log(request->detached ? "Calling unix_CreateDetachedProcess.\n" : "Calling unix_CreateProcess.\n");
-    int result = request->detached ? launch_detached(request, data, sysErr) : launch_attached(request, data, sysErr);
-    process_log("Result from spawn was: [%d].\n", result);
-    return result;
-}
-
-QUILLON_API int unix_CreateProcess(const char* executable, char** arguments, char** environment,
-                                   const char* workingDirectory, int64_t priority, char** stdFiles,
-                                   int64_t fileMask, const char* groupName, const char* userName,
-                                   int processGroup, UnixProcessData* data, int* sysErr) {
-    LaunchRequest request;
-    request_from_arguments(&request, executable, arguments, environment, workingDirectory, priority, stdFiles,
-                           fileMask, groupName, userName, processGroup);
-    return launch_attached(&request, data, sysErr);
-}
-
-// The same arguments as unix_CreateProcess.
-QUILLON_API int unix_CreateDetachedProcess(const char* executable, char** arguments, char** environment,
-                                           const char* workingDirectory, int64_t priority, char** stdFiles,
-                                           int64_t fileMask, const char* groupName, const char* userName,
-                                           int processGroup, UnixProcessData* data, int* sysErr) {
-    LaunchRequest request;
-    request.detached = true;
-    request_from_arguments(&request, executable, arguments, environment, workingDirectory, priority, stdFiles,
-                           fileMask, groupName, userName, processGroup);
-    return launch_detached(&request, data, sysErr);
-}
-
-QUILLON_API int unix_spawnProcess(UnixProcessData* data, int detached, int* sysErr) {
-    LaunchRequest request;
-    request_from_arguments(&request, data->executable, data->arguments, data->environment,
-                           data->workingDirectory, data->priority, data->stdFiles, data->fileMask,
-                           data->groupName, data->userName, data->processGroup);
-    request.detached = detached != 0;
-    return spawn_request(&request, data, sysErr);
+void abandon_launch(LaunchOutcome& outcome, bool detached) {
+    retry_on_eintr([&] {
+        return outcome.pidfd.get() >= 0 ? pidfd_signal(outcome.pidfd.get(), SIGKILL) : kill(outcome.pid, SIGKILL);
+    });
+    if (!detached) reap(outcome.pid);
 }

@@ -237,29 +237,29 @@ int plan_std_handles(LaunchRequest* request, int* sysErr) {
     return PROC_SUCCESS;
 }
 
-NEW_PROCESS_CODE int SetupChildStdHandles(const LaunchRequest& request, const ChildContext& context, int* sysErr) {
+NEW_PROCESS_CODE ExecOutcome SetupChildStdHandles(const LaunchRequest& request, const ChildContext& context) {
     ChildTraceScope trace(context, "SetupChildStdHandles()");
     for (int i = 0; i < 3; ++i) {
         const StdPlan& plan = request.plans[i];
+        int sysErr = 0;
         int result = PROC_SUCCESS;
         switch (plan.kind) {
         case StdPlan::Kind::Inherit:
             break;
         case StdPlan::Kind::DevNullStdin:
-            result = stdin_from_dev_null(context, sysErr);
+            result = stdin_from_dev_null(context, &sysErr);
             break;
         case StdPlan::Kind::File:
-            result = redirect_to_file(context, plan, i, request.workingDirectory, sysErr);
+            result = redirect_to_file(context, plan, i, request.workingDirectory, &sysErr);
             break;
         case StdPlan::Kind::Pipe:
-            result = duplicate_onto(context, plan.pipeEnd, i, sysErr);
+            result = duplicate_onto(context, plan.pipeEnd, i, &sysErr);
             break;
         case StdPlan::Kind::AsStdout:
-            result = duplicate_onto(context, 1, i, sysErr);
+            result = duplicate_onto(context, 1, i, &sysErr);
             break;
         }
-        if (result != PROC_SUCCESS) return result;
+        if (result != PROC_SUCCESS) return {result, sysErr, kStepStdHandle, i};
     }
-    *sysErr = 0;
-    return PROC_SUCCESS;
+    return {};
 }

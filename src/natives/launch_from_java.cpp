@@ -1,10 +1,8 @@
 #include "natives/launch_from_java.h"
 
 #include <cerrno>
-#include <csignal>
 
 #include "quillon/boundary.h"
-#include "supervision/supervision_internal.h"
 
 const char* JavaTexts::text(jstring string) {
     if (string == nullptr || !ok()) return nullptr;
@@ -35,34 +33,4 @@ char** JavaTexts::array(jobjectArray array) {
 
 void JavaTexts::raise(const char* message) const {
     if (!env_->ExceptionCheck()) ThrowException(env_, result_, message, sysErr_);
-}
-
-jlong launch_handle(JNIEnv* env, LaunchRequest* request, bool detached) {
-    UnixProcessData* data = new_record();
-    if (data == nullptr) {
-        ThrowException(env, PROC_OUT_OF_MEMORY, "Error creating new process.", 0);
-        return 0;
-    }
-    copy_bounded(data->pid, "0", kPidTextSize);
-    data->isAlive = 1;
-    request->detached = detached;
-    int sysErr = 0;
-    int result = spawn_request(request, data, &sysErr);
-    jlong handle = result == PROC_SUCCESS ? register_record(data) : 0;
-    if (result == PROC_SUCCESS && handle == 0) { // no handle for a running process: it must not run on
-        signal_process(entry_of(data), record_pid(data), SIGKILL);
-        if (!detached) await_and_collect_child(entry_of(data));
-        sysErr = ENOMEM;
-        result = PROC_OUT_OF_MEMORY;
-    }
-    if (result != PROC_SUCCESS) {
-        process_err("Creation failure, spawn was unsuccessful.  Therefore deallocating process structure at: "
-                    "[0x%x]\n",
-                    trace_ptr(data));
-        destroy_record(data);
-        ThrowException(env, result, "Error creating new process.", sysErr);
-        return 0;
-    }
-    process_log("Created new process.  Process ID for created process: [%d]\n", record_pid(data));
-    return handle;
 }

@@ -1,5 +1,4 @@
-// What the natives that launch share: the texts of a request taken from Java, and the launch itself
-// from a request to a handle.
+// What the natives that launch share: the texts of a request taken from Java.
 #pragma once
 
 #include <jni.h>
@@ -33,5 +32,3 @@ class JavaTexts {
     int sysErr_ = 0;
 };
 
-// Launches the request into a new record: its handle, or 0 with the exception of the failure pending.
-jlong launch_handle(JNIEnv* env, LaunchRequest* request, bool detached);

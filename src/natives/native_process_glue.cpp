@@ -1,6 +1,8 @@
 // Natives of NativeProcessGlue, behind the public Java API: a launch with pipes, descriptor I/O, waits in
 // milliseconds, how a process ended, the watcher of process ends, and the kill of a process tree.
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -8,6 +10,7 @@
 #include "boundary/jni_support.h"
 #include "com_norvane_quillon_process_NativeProcessGlue.h"
 #include "natives/launch_from_java.h"
+#include "natives/record_launch.h"
 #include "quillon/boundary.h"
 #include "supervision/supervision_internal.h"
 #include "supervision/tree.h"
@@ -49,11 +52,25 @@ class TransferBuffer {
     char* data_;
 };
 
+// The slots of the launch native's arrays, as NativeProcessGlue names them.
+constexpr jlong kUnset = com_norvane_quillon_process_NativeProcessGlue_UNSET;
+constexpr int kSettingFlags = com_norvane_quillon_process_NativeProcessGlue_SETTING_FLAGS;
+constexpr int kSettingNice = com_norvane_quillon_process_NativeProcessGlue_SETTING_NICE;
+constexpr int kSettingUmask = com_norvane_quillon_process_NativeProcessGlue_SETTING_UMASK;
+constexpr int kSettingProcessGroup = com_norvane_quillon_process_NativeProcessGlue_SETTING_PROCESS_GROUP;
+constexpr int kSettings = com_norvane_quillon_process_NativeProcessGlue_SETTINGS;
+constexpr jlong kFlagDetached = com_norvane_quillon_process_NativeProcessGlue_FLAG_DETACHED;
+constexpr int kLaunchedPid = com_norvane_quillon_process_NativeProcessGlue_LAUNCHED_PID;
+constexpr int kLaunchedPipes = com_norvane_quillon_process_NativeProcessGlue_LAUNCHED_PIPES;
+constexpr int kLaunchedStep = com_norvane_quillon_process_NativeProcessGlue_LAUNCHED_STEP;
+constexpr int kLaunchedDetail = com_norvane_quillon_process_NativeProcessGlue_LAUNCHED_DETAIL;
+constexpr int kLaunchedErrno = com_norvane_quillon_process_NativeProcessGlue_LAUNCHED_ERRNO;
+constexpr int kLaunched = com_norvane_quillon_process_NativeProcessGlue_LAUNCHED;
+constexpr int kGroupInherit = com_norvane_quillon_process_NativeProcessGlue_GROUP_INHERIT;
+
 // Each descriptor of a launch, checked: three dispositions, paths where a file is named.
-bool take_dispositions(JNIEnv* env, JavaTexts& texts, LaunchRequest* request, jintArray modes, jobjectArray paths,
-                       jintArray pipeFds) {
-    if (modes == nullptr || pipeFds == nullptr || env->GetArrayLength(modes) < 3 || env->GetArrayLength(pipeFds) < 3 ||
-        (paths != nullptr && env->GetArrayLength(paths) < 3)) {
+bool take_dispositions(JNIEnv* env, JavaTexts& texts, LaunchRequest* request, jintArray modes, jobjectArray paths) {
+    if (modes == nullptr || env->GetArrayLength(modes) < 3 || (paths != nullptr && env->GetArrayLength(paths) < 3)) {
         texts.refuse(PROC_SYSTEM_ERR, EINVAL);
         return false;
     }
@@ -70,42 +87,98 @@ bool take_dispositions(JNIEnv* env, JavaTexts& texts, LaunchRequest* request, ji
     }
     return texts.ok();
 }
+
+// The settings slots into the request: what is unset stays untouched in the new process.
+bool take_settings(JNIEnv* env, JavaTexts& texts, LaunchRequest* request, jlongArray settings) {
+    if (settings == nullptr || env->GetArrayLength(settings) < kSettings) {
+        texts.refuse(PROC_SYSTEM_ERR, EINVAL);
+        return false;
+    }
+    jlong value[kSettings];
+    env->GetLongArrayRegion(settings, 0, kSettings, value);
+    request->detached = (value[kSettingFlags] & kFlagDetached) != 0;
+    if (value[kSettingNice] != kUnset)
+        request->nice = static_cast<int>(std::clamp<jlong>(value[kSettingNice], -20, 19));
+    if (value[kSettingUmask] != kUnset) {
+        if (value[kSettingUmask] < 0 || value[kSettingUmask] > 0777) texts.refuse(PROC_SYSTEM_ERR, EINVAL);
+        request->fileMask = static_cast<mode_t>(value[kSettingUmask] & 0777);
+    }
+    jlong group = value[kSettingProcessGroup];
+    if (group < kGroupInherit || group > INT32_MAX) texts.refuse(PROC_SYSTEM_ERR, EINVAL);
+    request->keepProcessGroup = group == kGroupInherit;
+    request->processGroup = static_cast<int>(group);
+    return texts.ok();
+}
+
+// What the caller learns of a launch, failed or not.
+void report_launch(JNIEnv* env, jlongArray launched, const LaunchOutcome& outcome) {
+    jlong values[kLaunched] = {};
+    values[kLaunchedPid] = outcome.pid;
+    for (int i = 0; i < 3; ++i)
+        values[kLaunchedPipes + i] = outcome.pipes[i].get();
+    values[kLaunchedStep] = outcome.exec.step;
+    values[kLaunchedDetail] = outcome.exec.detail;
+    values[kLaunchedErrno] = outcome.exec.sysErr;
+    env->SetLongArrayRegion(launched, 0, kLaunched, values);
+}
 } // namespace
 
 JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_launch(
     JNIEnv* env, jobject, jstring executable, jobjectArray arguments, jobjectArray environment,
-    jboolean replaceEnvironment, jstring workingDirectory, jint nice, jintArray stdModes, jobjectArray stdPaths,
-    jint fileMask, jstring groupName, jstring userName, jint processGroup, jboolean detached, jintArray pipeFds) {
-    TraceScope trace("NativeProcessGlue_launch()");
+    jobjectArray baseEnvironment, jstring workingDirectory, jintArray stdModes, jobjectArray stdPaths,
+    jstring groupName, jstring userName, jlongArray settings, jlongArray launched) {
+    TraceSilence silence; // the public API reports through its exceptions alone
     if (executable == nullptr) {
         ThrowException(env, PROC_INVALID_EXECUTABLE, "Invalid executable.", 0);
         return 0;
     }
+    if (launched == nullptr || env->GetArrayLength(launched) < kLaunched) {
+        ThrowException(env, PROC_SYSTEM_ERR, "Error creating new process.", EINVAL);
+        return 0;
+    }
     LaunchRequest request;
+    request.silent = true;
     JavaTexts texts(env, request.arena);
     request.executable = texts.text(executable);
     request.arguments = texts.array(arguments);
     request.environment = texts.array(environment);
-    request.replaceEnvironment = replaceEnvironment == JNI_TRUE;
+    request.baseEnvironment = texts.array(baseEnvironment);
     request.workingDirectory = texts.text(workingDirectory);
-    request.priority = int64_t{nice} + 20;
-    take_dispositions(env, texts, &request, stdModes, stdPaths, pipeFds);
-    request.fileMask = fileMask;
+    take_dispositions(env, texts, &request, stdModes, stdPaths);
     request.groupName = texts.text(groupName);
     request.userName = texts.text(userName);
-    request.keepProcessGroup = processGroup == -1;
-    request.processGroup = processGroup;
+    take_settings(env, texts, &request, settings);
     if (!texts.ok()) {
         texts.raise("Error creating new process.");
         return 0;
     }
-    jlong handle = launch_handle(env, &request, detached == JNI_TRUE);
-    if (handle == 0) return 0;
-    jint ends[3];
-    for (int i = 0; i < 3; ++i)
-        ends[i] = request.hostPipeEnds[i].release();
-    env->SetIntArrayRegion(pipeFds, 0, 3, ends);
+    LaunchOutcome outcome = launch(request);
+    UnixProcessData* data = outcome.ok() ? record_of_launch(outcome) : nullptr;
+    jlong handle = data != nullptr ? register_record(data) : 0;
+    if (outcome.ok() && handle == 0) { // a process nobody can follow must not run on
+        abandon_launch(outcome, request.detached);
+        if (data != nullptr) destroy_record(data);
+        outcome.exec = {PROC_OUT_OF_MEMORY, ENOMEM, kStepLauncher, 0};
+    }
+    report_launch(env, launched, outcome);
+    if (!outcome.ok()) {
+        ThrowException(env, outcome.exec.result, "Error creating new process.", outcome.exec.sysErr);
+        return 0;
+    }
+    for (UniqueFd& pipe : outcome.pipes)
+        pipe.release(); // the caller's now
     return handle;
+}
+
+JNIEXPORT jstring JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_errorText(JNIEnv* env, jobject,
+                                                                                     jint errnum) {
+    const char* text = strerrordesc_np(errnum);
+    char unknown[32];
+    if (text == nullptr) {
+        snprintf(unknown, sizeof unknown, "Unknown error %d", errnum);
+        text = unknown;
+    }
+    return java_string_from_utf8(env, text);
 }
 
 JNIEXPORT jint JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_read(JNIEnv* env, jobject, jint fd,

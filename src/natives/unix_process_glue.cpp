@@ -2,6 +2,7 @@
 // process. A handle is checked before use: 0, a handle given to done and any other number give
 // ProcessOpException with EINVAL.
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include "boundary/jni_support.h"
 #include "com_norvane_quillon_process_UnixProcessGlue.h"
 #include "natives/launch_from_java.h"
+#include "natives/record_launch.h"
 #include "quillon/boundary.h"
 #include "quillon/identity.h"
 #include "quillon/launch.h"
@@ -207,6 +209,37 @@ void set_identity(JNIEnv* env, jstring name, const char* nullMessage, int (*set)
     snprintf(message, sizeof message, message_for(Native.messages, result), text);
     ThrowException(env, result, message, sysErr);
 }
+// The create native's launch: a new record with PID "0" and isAlive 1 through unix_spawnProcess's path;
+// its handle, or 0 with the exception of the failure pending.
+jlong launch_handle(JNIEnv* env, LaunchRequest* request, bool detached) {
+    UnixProcessData* data = new_record();
+    if (data == nullptr) {
+        ThrowException(env, PROC_OUT_OF_MEMORY, "Error creating new process.", 0);
+        return 0;
+    }
+    copy_bounded(data->pid, "0", kPidTextSize);
+    data->isAlive = 1;
+    request->detached = detached;
+    int sysErr = 0;
+    int result = spawn_request(*request, data, &sysErr);
+    jlong handle = result == PROC_SUCCESS ? register_record(data) : 0;
+    if (result == PROC_SUCCESS && handle == 0) { // no handle for a running process: it must not run on
+        signal_process(entry_of(data), record_pid(data), SIGKILL);
+        if (!detached) await_and_collect_child(entry_of(data));
+        sysErr = ENOMEM;
+        result = PROC_OUT_OF_MEMORY;
+    }
+    if (result != PROC_SUCCESS) {
+        process_err("Creation failure, spawn was unsuccessful.  Therefore deallocating process structure at: "
+                    "[0x%x]\n",
+                    trace_ptr(data));
+        destroy_record(data);
+        ThrowException(env, result, "Error creating new process.", sysErr);
+        return 0;
+    }
+    process_log("Created new process.  Process ID for created process: [%d]\n", record_pid(data));
+    return handle;
+}
 } // namespace
 
 JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_create(
@@ -224,19 +257,16 @@ JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_create(
     // The three redirections are read by index: a shorter array is refused before anything is made.
     if (!ignoreFiles && stdFiles != nullptr && env->GetArrayLength(stdFiles) < 3)
         texts.refuse(PROC_SYSTEM_ERR, EINVAL);
-    request.executable = texts.text(executable);
-    request.arguments = texts.array(arguments);
-    request.environment = texts.array(environment);
-    request.workingDirectory = texts.text(workingDirectory);
-    request.priority = priority;
+    const char* program = texts.text(executable);
+    char** argumentList = texts.array(arguments);
+    char** entries = texts.array(environment);
+    const char* directory = texts.text(workingDirectory);
     char** files = ignoreFiles ? nullptr : texts.array(stdFiles);
-    for (int i = 0; files != nullptr && i < 3; ++i)
-        request.std[i] = {kStdNamed, files[i]};
-    request.fileMask = fileMask;
-    request.groupName = texts.text(groupName);
-    request.userName = texts.text(userName);
-    request.processGroup = processGroup;
+    const char* group = texts.text(groupName);
+    const char* user = texts.text(userName);
     texts.text(extraName); // carried by the request form, used by nothing
+    request_from_arguments(&request, program, argumentList, entries, directory, priority, files, fileMask, group, user,
+                           processGroup);
     if (!texts.ok()) {
         texts.raise("Error creating new process.");
         return 0;

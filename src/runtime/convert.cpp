@@ -21,9 +21,11 @@ bool is_plain_towards_utf8(const char* codeset) {
     return false;
 }
 
+// strncpy of the whole buffer: the rest of dst is zero-filled, and a text that doesn't fit is cut.
 char* plain_copy(char* dst, const char* src, size_t size) {
     if (size == 0) return nullptr;
-    copy_bounded(dst, src, size);
+    strncpy(dst, src, size);
+    dst[size - 1] = 0;
     return dst;
 }
 

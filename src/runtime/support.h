@@ -103,3 +103,15 @@ class TraceScope : NoCopy {
   private:
     const char* label_;
 };
+
+// While it lasts, the calling thread writes no trace line, debug or error: the public API reports through
+// its exceptions and the JVM's logger, never on the JVM's own streams.
+class TraceSilence : NoCopy {
+  public:
+    TraceSilence();
+    ~TraceSilence();
+
+  private:
+    bool before_;
+};
+bool trace_silenced();

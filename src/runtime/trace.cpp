@@ -16,6 +16,7 @@ constexpr size_t kMessageSize = 3996;
 std::atomic<int> debug_enabled{0};
 std::atomic<int> entry_exit_enabled{0};
 std::atomic<int> traced_pid{0};
+thread_local bool silenced = false;
 
 void write_line(bool error, const char* format, va_list args) __attribute__((format(printf, 2, 0)));
 void write_line(bool error, const char* format, va_list args) {
@@ -29,7 +30,7 @@ void write_line(bool error, const char* format, va_list args) {
 
 void write_labelled(const char* pattern, const char* label) __attribute__((format(printf, 1, 0)));
 void write_labelled(const char* pattern, const char* label) {
-    if (entry_exit_enabled.load(std::memory_order_relaxed) == 0 || label == nullptr) return;
+    if (silenced || entry_exit_enabled.load(std::memory_order_relaxed) == 0 || label == nullptr) return;
     char text[kTraceLineSize];
     snprintf(text, sizeof text, pattern, label);
     process_log("%s", text);
@@ -58,8 +59,20 @@ QUILLON_API void process_log_init_dbg(void) {
     pthread_mutex_unlock(&trace_switch_mutex);
 }
 
+TraceSilence::TraceSilence() : before_(silenced) {
+    silenced = true;
+}
+
+TraceSilence::~TraceSilence() {
+    silenced = before_;
+}
+
+bool trace_silenced() {
+    return silenced;
+}
+
 QUILLON_API void process_log(const char* format, ...) {
-    if (debug_enabled.load(std::memory_order_relaxed) == 0 || format == nullptr) return;
+    if (silenced || debug_enabled.load(std::memory_order_relaxed) == 0 || format == nullptr) return;
     va_list args;
     va_start(args, format);
     write_line(false, format, args);
@@ -67,7 +80,7 @@ QUILLON_API void process_log(const char* format, ...) {
 }
 
 QUILLON_API void process_err(const char* format, ...) {
-    if (format == nullptr) return;
+    if (silenced || format == nullptr) return;
     va_list args;
     va_start(args, format);
     write_line(true, format, args);

@@ -10,7 +10,7 @@
 
 #include "runtime/support.h"
 #include "supervision/id_table.h"
-#include "supervision/pidfd.h"
+#include "runtime/pidfd.h"
 #include "supervision/supervision_internal.h"
 
 struct ProcessEntry {
@@ -51,8 +51,11 @@ void mark_seen_gone(ProcessEntry* entry) {
     pthread_mutex_unlock(&entry->lock);
 }
 
-// An entry with the pidfd given, or with one of its own for -1.
-ProcessEntry* make_entry(int pid, int pidfd = -1) {
+constexpr int kOpenPidfd = -2;
+
+// An entry with the pidfd given (-1: none, the process is followed by its PID), or with one of its own for
+// kOpenPidfd: none either when the process is gone already (reaped by its parent).
+ProcessEntry* make_entry(int pid, int pidfd) {
     UniqueFd given(pidfd);
     void* block = malloc(sizeof(ProcessEntry));
     if (block == nullptr) return nullptr;
@@ -60,14 +63,8 @@ ProcessEntry* make_entry(int pid, int pidfd = -1) {
     entry->pid = pid;
     entry->refs = 1;
     pthread_mutex_init(&entry->lock, nullptr);
-    entry->pidfd.reset(pidfd >= 0 ? given.release() : quillon_pidfd_open(pid));
-    if (entry->pidfd.get() == -1) {
-        int err = errno;
-        if (err == ESRCH)
-            entry->ended = true; // gone already, reaped by its parent
-        else
-            process_log("No pidfd for process [%d], errno [%d]: following it by its PID\n", pid, err);
-    }
+    entry->pidfd.reset(pidfd == kOpenPidfd ? pidfd_or_trace(pid) : given.release());
+    if (entry->pidfd.get() == -1 && pidfd == kOpenPidfd && errno == ESRCH) entry->ended = true;
     return entry;
 }
 
@@ -122,7 +119,7 @@ ProcessEntry* entry_for_adoption(int pid) {
     if (found != nullptr) ++found->refs;
     pthread_mutex_unlock(&table_lock);
     if (found != nullptr && still_the_process(found)) return found;
-    ProcessEntry* entry = make_entry(pid);
+    ProcessEntry* entry = make_entry(pid, kOpenPidfd);
     if (found != nullptr) {
         // The process of the entry found has ended. When no other has its PID now, that ended process is
         // the only one the PID can mean, and its entry knows how it ended.

@@ -72,7 +72,7 @@ inline ProcessEntry* entry_of(const UnixProcessData* data) {
     return std::atomic_ref<ProcessEntry*>(const_cast<ProcessEntry*&>(data->process)).load(std::memory_order_acquire);
 }
 // Gives a launched record its entry (the launch knows the process is new), with the pidfd the launch
-// opened for it, or -1 to open one. False when memory ran out.
+// opened for it (-1: none, it is followed by its PID). False when memory ran out; the pidfd is closed.
 bool attach_launched_entry(UnixProcessData* data, int pid, int pidfd);
 // The entry of an adopted record: the one other records on that process share, else a new one.
 // Null when memory ran out.

@@ -7,6 +7,7 @@
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 #include "quillon/boundary.h"
 #include "launch/launch_internal.h"
@@ -35,6 +36,7 @@ struct OutcomeCase {
     std::string written;
     int result;
     int sysErr; // -1: whatever errno stood at
+    int step;
 };
 
 class ExecOutcome : public testing::TestWithParam<OutcomeCase> {};
@@ -48,32 +50,39 @@ std::string ints(std::initializer_list<int> values) {
 
 TEST_P(ExecOutcome, IsReadFromTheChannel) {
     const OutcomeCase& c = GetParam();
-    int channel[2];
+    ExecOutcomeChannel channel;
     int sysErr = 0;
-    ASSERT_EQ(InitializePipe(channel, &sysErr), PROC_SUCCESS);
-    EXPECT_EQ(fcntl(channel[0], F_GETFD), FD_CLOEXEC);
-    EXPECT_EQ(fcntl(channel[1], F_GETFD), FD_CLOEXEC);
+    ASSERT_EQ(channel.open(&sysErr), PROC_SUCCESS);
+    const int ends[2] = {channel.read_end(), channel.write_end()};
+    EXPECT_EQ(fcntl(ends[0], F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(fcntl(ends[1], F_GETFD), FD_CLOEXEC);
     pid_t writer = fork();
     if (writer == 0) {
-        ssize_t ignored = write(channel[1], c.written.data(), c.written.size());
+        ssize_t ignored = write(ends[1], c.written.data(), c.written.size());
         (void)ignored;
         _exit(0);
     }
-    EXPECT_EQ(WaitForExecOutcome(channel, &sysErr), c.result);
-    if (c.sysErr != -1) EXPECT_EQ(sysErr, c.sysErr);
-    EXPECT_EQ(fcntl(channel[0], F_GETFD), -1) << "read end closed";
-    EXPECT_EQ(fcntl(channel[1], F_GETFD), -1) << "write end closed";
+    ::ExecOutcome outcome = WaitForExecOutcome(channel);
+    EXPECT_EQ(outcome.result, c.result);
+    if (c.sysErr != -1) EXPECT_EQ(outcome.sysErr, c.sysErr);
+    EXPECT_EQ(outcome.step, c.step);
+    EXPECT_EQ(fcntl(ends[0], F_GETFD), -1) << "read end closed";
+    EXPECT_EQ(fcntl(ends[1], F_GETFD), -1) << "write end closed";
     waitpid(writer, nullptr, 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Matrix, ExecOutcome,
-                         testing::Values(OutcomeCase{"endOfFile", "", PROC_SUCCESS, 0},
-                                         OutcomeCase{"fullRecord", ints({ENOENT, PROC_INVALID_EXECUTABLE}),
-                                                     PROC_INVALID_EXECUTABLE, ENOENT},
-                                         OutcomeCase{"firstIntOnly", ints({EACCES}), PROC_SYSTEM_ERR, EACCES},
+                         testing::Values(OutcomeCase{"endOfFile", "", PROC_SUCCESS, 0, kStepNone},
+                                         OutcomeCase{"fullRecord",
+                                                     ints({ENOENT, PROC_INVALID_FILE, kStepStdHandle, 2}),
+                                                     PROC_INVALID_FILE, ENOENT, kStepStdHandle},
+                                         OutcomeCase{"withoutStep", ints({ENOENT, PROC_INVALID_EXECUTABLE}),
+                                                     PROC_INVALID_EXECUTABLE, ENOENT, kStepLauncher},
+                                         OutcomeCase{"firstIntOnly", ints({EACCES}), PROC_SYSTEM_ERR, EACCES,
+                                                     kStepLauncher},
                                          OutcomeCase{"shortSecond", ints({EACCES}) + "ab", PROC_SYSTEM_ERR,
-                                                     EACCES},
-                                         OutcomeCase{"shortFirst", "ab", PROC_SYSTEM_ERR, -1}),
+                                                     EACCES, kStepLauncher},
+                                         OutcomeCase{"shortFirst", "ab", PROC_SYSTEM_ERR, -1, kStepLauncher}),
                          [](const auto& info) { return std::string(info.param.name); });
 
 struct SelectCase {
@@ -88,18 +97,15 @@ class SelectOutcome : public testing::TestWithParam<SelectCase> {};
 
 TEST_P(SelectOutcome, MapsTimeOutAndFailure) {
     const SelectCase& c = GetParam();
-    int channel[2];
+    ExecOutcomeChannel channel;
     int sysErr = 0;
-    ASSERT_EQ(InitializePipe(channel, &sysErr), PROC_SUCCESS);
+    ASSERT_EQ(channel.open(&sysErr), PROC_SUCCESS);
     seams::select = {true, c.selectResult, c.selectErrno};
     ChildOutcome outcome = RunInChild([&] {
-        int err = 0;
-        int result = WaitForExecOutcome(channel, &err);
-        return std::to_string(result) + " " + std::to_string(err);
+        ::ExecOutcome waited = WaitForExecOutcome(channel);
+        return std::to_string(waited.result) + " " + std::to_string(waited.sysErr);
     });
     seams::select = {};
-    close(channel[0]);
-    close(channel[1]);
     EXPECT_EQ(outcome.report, std::to_string(c.result) + " " + std::to_string(c.sysErr));
     EXPECT_NE(outcome.err.find("Error during WaitForExecOutcome. result=[" + std::to_string(c.selectResult) +
                                "] errno=[" + std::to_string(c.selectErrno) + "]\n"),
@@ -112,23 +118,43 @@ INSTANTIATE_TEST_SUITE_P(Faked, SelectOutcome,
                                          SelectCase{"failure", -1, EBADF, PROC_SYSTEM_ERR, EBADF}),
                          [](const auto& info) { return std::string(info.param.name); });
 
+// Every free descriptor below `target` taken, so that the next pipe lands on it; closed again when it goes.
+class DescriptorsBelow {
+  public:
+    explicit DescriptorsBelow(int target) {
+        int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
+        taken_.push_back(null);
+        for (int fd = 3; fd < target; ++fd)
+            if (fcntl(fd, F_GETFD) == -1 && fcntl(null, F_DUPFD_CLOEXEC, fd) == fd) taken_.push_back(fd);
+    }
+    ~DescriptorsBelow() {
+        for (int fd : taken_)
+            close(fd);
+    }
+
+  private:
+    std::vector<int> taken_;
+};
+
 TEST(ExecOutcome, ReadEndsAbove1023AreWatched) {
     for (int target : {1023, 1024, 1100}) {
-        int channel[2];
+        ExecOutcomeChannel channel;
         int sysErr = 0;
-        ASSERT_EQ(InitializePipe(channel, &sysErr), PROC_SUCCESS);
-        ASSERT_EQ(dup2(channel[0], target), target);
-        close(channel[0]);
-        channel[0] = target;
+        {
+            DescriptorsBelow filled(target);
+            ASSERT_EQ(channel.open(&sysErr), PROC_SUCCESS);
+        }
+        ASSERT_EQ(channel.read_end(), target);
         pid_t writer = fork();
         if (writer == 0) {
             int record[2] = {E2BIG, PROC_SYSTEM_ERR};
-            ssize_t ignored = write(channel[1], record, sizeof record);
+            ssize_t ignored = write(channel.write_end(), record, sizeof record);
             (void)ignored;
             _exit(0);
         }
-        EXPECT_EQ(WaitForExecOutcome(channel, &sysErr), PROC_SYSTEM_ERR) << target;
-        EXPECT_EQ(sysErr, E2BIG) << target;
+        ::ExecOutcome outcome = WaitForExecOutcome(channel);
+        EXPECT_EQ(outcome.result, PROC_SYSTEM_ERR) << target;
+        EXPECT_EQ(outcome.sysErr, E2BIG) << target;
         waitpid(writer, nullptr, 0);
     }
 }
@@ -138,9 +164,9 @@ TEST(ExecOutcome, AnInterruptedWaitIsResumed) {
         struct sigaction action = {};
         action.sa_handler = [](int) {};
         sigaction(SIGALRM, &action, nullptr); // no SA_RESTART: select returns EINTR
-        int channel[2];
+        ExecOutcomeChannel channel;
         int err = 0;
-        InitializePipe(channel, &err);
+        channel.open(&err);
         pid_t writer = fork();
         if (writer == 0) {
             usleep(300000);
@@ -148,10 +174,10 @@ TEST(ExecOutcome, AnInterruptedWaitIsResumed) {
         }
         itimerval tick = {{0, 50000}, {0, 50000}};
         setitimer(ITIMER_REAL, &tick, nullptr);
-        int result = WaitForExecOutcome(channel, &err);
+        ::ExecOutcome outcome = WaitForExecOutcome(channel);
         itimerval off = {};
         setitimer(ITIMER_REAL, &off, nullptr);
-        return std::to_string(result) + " " + std::to_string(err);
+        return std::to_string(outcome.result) + " " + std::to_string(outcome.sysErr);
     });
     EXPECT_EQ(outcome.report, "0 0");
 }

@@ -41,7 +41,10 @@ int SetUpStdHandles(const char* workingDirectory, std::vector<const char*> stdFi
     for (size_t i = 0; i < stdFiles.size(); ++i)
         request.std[i] = {kStdNamed, stdFiles[i]};
     int result = plan_std_handles(&request, sysErr);
-    return result != PROC_SUCCESS ? result : SetupChildStdHandles(request, host_context(), sysErr);
+    if (result != PROC_SUCCESS) return result;
+    ExecOutcome outcome = SetupChildStdHandles(request, host_context());
+    *sysErr = outcome.sysErr;
+    return outcome.result;
 }
 
 int OpenDescriptorCount() {

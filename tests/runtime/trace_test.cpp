@@ -1,6 +1,8 @@
 // The trace switches only ever turn on, so every case runs in a child of its own.
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 #include <atomic>
 #include <clocale>
 #include <cstdlib>
@@ -174,14 +176,21 @@ INSTANTIATE_TEST_SUITE_P(
                     ConversionCase{"unknownCodeSet", "abc", 8, "NO-SUCH-SET", "UTF-8", false, ""}),
     [](const auto& info) { return std::string(info.param.name); });
 
+// A plain copy is a strncpy of the whole buffer: cut to size - 1, the rest of a short text zero-filled.
 TEST(Conversion, UnderAUtf8LocaleBothDirectionsArePlainCopies) {
     ChildOutcome outcome = RunInChild([] {
         if (setlocale(LC_ALL, "C.UTF-8") == nullptr) return std::string("no C.UTF-8 locale");
-        char there[8], back[8];
-        process_stringConverterToUTF8(there, "\xff\xfe longer", sizeof there);
-        process_stringConverterFromUTF8(back, "\xff\xfe longer", sizeof back);
-        return std::string(there) + "|" + back;
+        std::string report;
+        for (auto convert : {process_stringConverterToUTF8, process_stringConverterFromUTF8}) {
+            char cut[8], shorter[8];
+            memset(shorter, 'x', sizeof shorter);
+            convert(cut, "\xff\xfe longer", sizeof cut);
+            convert(shorter, "ab", sizeof shorter);
+            report += std::string(cut) + "|" + std::string(shorter, sizeof shorter) + "|";
+        }
+        return report;
     });
-    EXPECT_EQ(outcome.report, "\xff\xfe long|\xff\xfe long"); // cut to 7 bytes
+    const std::string expected = std::string("\xff\xfe long|ab") + std::string(6, '\0') + "|";
+    EXPECT_EQ(outcome.report, expected + expected);
 }
 } // namespace

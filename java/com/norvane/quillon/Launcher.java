@@ -5,14 +5,11 @@ import com.norvane.quillon.process.exception.ProcessOpException;
 import java.io.File;
 import java.io.IOException;
 import java.lang.ProcessBuilder.Redirect;
-import java.nio.file.Files;
-import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Map;
 import java.util.Objects;
-import java.util.Set;
 
 /**
  * Starts programs through the Quillon native library, in the manner of {@link ProcessBuilder}, with what
@@ -31,8 +28,6 @@ import java.util.Set;
  */
 public final class Launcher {
     private static final NativeProcessGlue NATIVE = NativeProcessGlue.get();
-    private static final Set<String> PATH_LIKE = Set.of("PATH", "LIBPATH", "CLASSPATH", "SHLIB_PATH",
-            "LD_LIBRARY_PATH");
 
     private final List<String> command;
     private File directory;
@@ -299,17 +294,22 @@ public final class Launcher {
             modes[2] = NativeProcessGlue.STD_AS_STDOUT;
             paths[2] = null;
         }
-        int[] pipeFds = {-1, -1, -1};
+        long[] settings = new long[NativeProcessGlue.SETTINGS];
+        settings[NativeProcessGlue.SETTING_FLAGS] = detached ? NativeProcessGlue.FLAG_DETACHED : 0;
+        settings[NativeProcessGlue.SETTING_NICE] = nice != null ? nice : NativeProcessGlue.UNSET;
+        settings[NativeProcessGlue.SETTING_UMASK] = umask != null ? umask : NativeProcessGlue.UNSET;
+        settings[NativeProcessGlue.SETTING_PROCESS_GROUP] = processGroup;
+        long[] launched = new long[NativeProcessGlue.LAUNCHED];
         long handle;
         try {
-            handle = NATIVE.launch(program, arguments, environmentEntries(), replacement != null,
-                    directory != null ? directory.getPath() : null, nice != null ? nice : Inherited.NICE, modes, paths,
-                    umask != null ? umask : Inherited.UMASK, group, user, processGroup, detached, pipeFds);
+            handle = NATIVE.launch(program, arguments, entries(additions),
+                    replacement != null ? entries(replacement) : null, directory != null ? directory.getPath() : null,
+                    modes, paths, group, user, settings, launched);
         } catch (ProcessOpException e) {
             throw new IOException("Cannot run program \"" + program + "\""
                     + (directory != null ? " (in directory \"" + directory + "\")" : "") + ": " + e.getMessage(), e);
         }
-        return NativeProcess.launched(handle, pipeFds, detached);
+        return NativeProcess.launched(handle, launched, detached);
     }
 
     private static int mode(Redirect redirect) {
@@ -325,40 +325,8 @@ public final class Launcher {
         };
     }
 
-    /** The additions alone, which the library merges into the inherited environment, or the whole one. */
-    private String[] environmentEntries() {
-        Map<String, String> entries = additions;
-        if (replacement != null) {
-            entries = new LinkedHashMap<>(replacement);
-            for (Map.Entry<String, String> added : additions.entrySet()) {
-                entries.merge(added.getKey(), added.getValue(),
-                        (present, value) -> PATH_LIKE.contains(added.getKey()) ? value + ":" + present : value);
-            }
-        }
-        return entries.entrySet().stream().map(e -> e.getKey() + "=" + e.getValue()).toArray(String[]::new);
-    }
-
-    /** The JVM's nice value and umask, which a program gets unless told otherwise. */
-    private static final class Inherited {
-        static final int NICE;
-        static final int UMASK;
-
-        static {
-            int nice = 0;
-            int umask = 022;
-            try {
-                String stat = Files.readString(Path.of("/proc/self/stat"));
-                nice = Integer.parseInt(stat.substring(stat.lastIndexOf(')') + 2).split(" ")[16]);
-                for (String line : Files.readAllLines(Path.of("/proc/self/status"))) {
-                    if (line.startsWith("Umask:")) {
-                        umask = Integer.parseInt(line.substring(6).trim(), 8);
-                    }
-                }
-            } catch (IOException | RuntimeException e) {
-                // A kernel without these files: the usual values.
-            }
-            NICE = nice;
-            UMASK = umask;
-        }
+    /** key=value entries of a map, in its order. */
+    private static String[] entries(Map<String, String> variables) {
+        return variables.entrySet().stream().map(e -> e.getKey() + "=" + e.getValue()).toArray(String[]::new);
     }
 }

@@ -66,9 +66,9 @@ public final class NativeProcess extends Process implements AutoCloseable {
     private NativeProcess(OwnedHandle owner, ProcessHandle processHandle, int[] pipeFds) {
         this.owner = owner;
         this.processHandle = processHandle;
-        PipeOutputStream in = pipeFds[0] >= 0 ? new PipeOutputStream(pipeFds[0]) : null;
-        PipeInputStream out = pipeFds[1] >= 0 ? new PipeInputStream(pipeFds[1]) : null;
-        PipeInputStream err = pipeFds[2] >= 0 ? new PipeInputStream(pipeFds[2]) : null;
+        OutputStream in = pipeFds[0] >= 0 ? Pipe.output(pipeFds[0]) : null;
+        InputStream out = pipeFds[1] >= 0 ? Pipe.input(pipeFds[1]) : null;
+        InputStream err = pipeFds[2] >= 0 ? Pipe.input(pipeFds[2]) : null;
         stdin = in != null ? new BufferedOutputStream(in) : new NullOutputStream();
         stdout = out != null ? new BufferedInputStream(out) : new NullInputStream();
         stderr = err != null ? new BufferedInputStream(err) : new NullInputStream();
@@ -77,11 +77,15 @@ public final class NativeProcess extends Process implements AutoCloseable {
     }
 
     /** Takes over the handle and pipe ends of a launch, or gives them back and says why it can't. */
-    static NativeProcess launched(long handle, int[] pipeFds, boolean detached) throws IOException {
+    static NativeProcess launched(long handle, long[] launched, boolean detached) throws IOException {
+        int[] pipeFds = new int[3];
+        for (int i = 0; i < 3; i++) {
+            pipeFds[i] = (int) launched[NativeProcessGlue.LAUNCHED_PIPES + i];
+        }
         OwnedHandle owner = null;
         ProcessHandle processHandle = null;
         try {
-            long pid = Long.parseLong(UNIX.id(handle));
+            long pid = launched[NativeProcessGlue.LAUNCHED_PID];
             processHandle = ProcessHandle.of(pid).orElse(null); // before the watcher may reap it
             owner = new OwnedHandle(handle, pid, !detached, false);
             owner.watchedByLaunch();

@@ -34,6 +34,55 @@ public final class NativeProcessGlue {
     /** Process group value that keeps the new process in the JVM's group. */
     public static final int GROUP_INHERIT = -1;
 
+    /** A setting that is not given: the new process keeps what the JVM has. */
+    public static final long UNSET = Integer.MIN_VALUE;
+    /** Index in {@code settings}: flags, {@link #FLAG_DETACHED}. */
+    public static final int SETTING_FLAGS = 0;
+    /** Index in {@code settings}: the nice value (clamped to -20..19), or {@link #UNSET}. */
+    public static final int SETTING_NICE = 1;
+    /** Index in {@code settings}: the file-creation mask, or {@link #UNSET}. */
+    public static final int SETTING_UMASK = 2;
+    /** Index in {@code settings}: the group to join, 0 to lead a new one, {@link #GROUP_INHERIT} to stay. */
+    public static final int SETTING_PROCESS_GROUP = 3;
+    /** The length of {@code settings}. */
+    public static final int SETTINGS = 4;
+    /** Flag: a program that is no child of the JVM. */
+    public static final long FLAG_DETACHED = 1;
+
+    /** Index in {@code launched}: the PID of the new process. */
+    public static final int LAUNCHED_PID = 0;
+    /** Index in {@code launched}: the JVM's end of the pipe of descriptor 0, then 1 and 2; -1 for none. */
+    public static final int LAUNCHED_PIPES = 1;
+    /** Index in {@code launched}, set on failure too: the step that failed, a {@code STEP_} value. */
+    public static final int LAUNCHED_STEP = 4;
+    /** Index in {@code launched}: which descriptor (0 to 2) or group ({@code 1}: the user's own) failed. */
+    public static final int LAUNCHED_DETAIL = 5;
+    /** Index in {@code launched}: the system's error number of a failure. */
+    public static final int LAUNCHED_ERRNO = 6;
+    /** The length of {@code launched}. */
+    public static final int LAUNCHED = 7;
+
+    /** Failed step: none. */
+    public static final int STEP_NONE = 0;
+    /** Failed step: the JVM's side of the launch (pipes, process creation, the wait for the exec). */
+    public static final int STEP_LAUNCHER = 1;
+    /** Failed step: the wait for the exec had no memory. */
+    public static final int STEP_WAIT_BUFFER = 2;
+    /** Failed step: the nice value. */
+    public static final int STEP_PRIORITY = 3;
+    /** Failed step: the group, or with detail 1 the primary group of the user. */
+    public static final int STEP_GROUP = 4;
+    /** Failed step: the user. */
+    public static final int STEP_USER = 5;
+    /** Failed step: the working directory. */
+    public static final int STEP_DIRECTORY = 6;
+    /** Failed step: the process group. */
+    public static final int STEP_PROCESS_GROUP = 7;
+    /** Failed step: the standard descriptor of the detail. */
+    public static final int STEP_STD_HANDLE = 8;
+    /** Failed step: the exec of the program. */
+    public static final int STEP_EXEC = 9;
+
     private static final NativeProcessGlue INSTANCE = new NativeProcessGlue();
 
     private NativeProcessGlue() {}
@@ -45,30 +94,30 @@ public final class NativeProcessGlue {
 
     /**
      * Launches a process and returns once its exec succeeded or failed. Failures are those of
-     * {@link UnixProcessGlue#create}, with the same classes and messages.
+     * {@link UnixProcessGlue#create}, with the same classes and messages, but nothing is written to the JVM's
+     * streams: {@code launched} tells the step that failed.
      *
-     * @param executable program to run, searched on the (resulting) PATH when it holds no slash
+     * @param executable program to run, searched on the resulting PATH when it holds no slash
      * @param arguments arguments after argument 0 (which is the executable text); may be null
-     * @param environment key=value entries; may be null
-     * @param replaceEnvironment true: {@code environment} is the whole environment of the program; false:
-     *     the entries are added to the inherited environment, PATH-like keys in front of the inherited value
+     * @param environment key=value entries applied to the base environment, PATH-like keys in front of the
+     *     base's value; may be null
+     * @param baseEnvironment the whole environment to start from, key=value; null for the JVM's
      * @param workingDirectory directory of the program, or null to inherit it
-     * @param nice nice value of the program, clamped to -20..19
      * @param stdModes three dispositions ({@code STD_*}) for stdin, stdout and stderr
      * @param stdPaths three paths, used by {@link #STD_READ}, {@link #STD_WRITE} and {@link #STD_APPEND}
-     * @param fileMask file-creation mask of the program
      * @param groupName group of the program, or null
      * @param userName user of the program, or null
-     * @param processGroup group to join, 0 to lead a new one, {@link #GROUP_INHERIT} to stay in the JVM's
-     * @param detached true for a program that is no child of the JVM
-     * @param pipeFds three entries that receive the JVM's end of each {@link #STD_PIPE}, -1 elsewhere
+     * @param settings {@link #SETTINGS} values, indexed by the {@code SETTING_} constants
+     * @param launched {@link #LAUNCHED} values, indexed by the {@code LAUNCHED_} constants, filled in
      * @return the handle of the new process
      * @throws ProcessOpException with the subclass of the failure
      */
-    public native long launch(String executable, String[] arguments, String[] environment,
-            boolean replaceEnvironment, String workingDirectory, int nice, int[] stdModes, String[] stdPaths,
-            int fileMask, String groupName, String userName, int processGroup, boolean detached, int[] pipeFds)
-            throws ProcessOpException;
+    public native long launch(String executable, String[] arguments, String[] environment, String[] baseEnvironment,
+            String workingDirectory, int[] stdModes, String[] stdPaths, String groupName, String userName,
+            long[] settings, long[] launched) throws ProcessOpException;
+
+    /** @return the system's text for an error number */
+    public native String errorText(int errno);
 
     /** Reads up to {@code length} bytes; blocks until one is there. @return the count, -1 at end of file */
     public native int read(int fd, byte[] buffer, int offset, int length) throws IOException;

@@ -137,15 +137,20 @@ class FuzzTest {
                     }
                 }
                 case 16 -> {
-                    int[] fds = new int[random.nextBoolean() ? 3 : random.nextInt(3)];
+                    long[] launched = new long[random.nextBoolean() ? NativeProcessGlue.LAUNCHED : random.nextInt(7)];
                     int[] modes = new int[random.nextBoolean() ? 3 : random.nextInt(4)];
                     for (int i = 0; i < modes.length; i++) {
                         modes[i] = random.nextInt(9) - 1;
                     }
-                    keep(API.launch(executable(), strings(), strings(), random.nextBoolean(), string(), number(),
-                            random.nextBoolean() ? null : modes, strings(), number(), null, null,
-                            random.nextBoolean() ? -1 : number(), random.nextBoolean(), random.nextBoolean() ? null : fds));
-                    for (int fd : fds) {
+                    long[] settings = new long[random.nextBoolean() ? NativeProcessGlue.SETTINGS : random.nextInt(5)];
+                    for (int i = 0; i < settings.length; i++) {
+                        settings[i] = random.nextBoolean() ? NativeProcessGlue.UNSET : number();
+                    }
+                    keep(API.launch(executable(), strings(), strings(), random.nextBoolean() ? null : strings(), string(),
+                            random.nextBoolean() ? null : modes, strings(), null, null,
+                            random.nextBoolean() ? null : settings, random.nextBoolean() ? null : launched));
+                    for (int i = 0; launched.length == NativeProcessGlue.LAUNCHED && i < 3; i++) {
+                        int fd = (int) launched[NativeProcessGlue.LAUNCHED_PIPES + i];
                         if (fd > 2) {
                             FDS.add(fd);
                         }

@@ -1,4 +1,4 @@
-#include "supervision/pidfd.h"
+#include "runtime/pidfd.h"
 
 #include <sys/syscall.h>
 #include <unistd.h>
