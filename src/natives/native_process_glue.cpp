@@ -2,6 +2,7 @@
 // milliseconds, how a process ended, the watcher of process ends, and the kill of a process tree.
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <sys/ioctl.h>
@@ -138,6 +139,7 @@ JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_launc
     }
     LaunchRequest request;
     request.silent = true;
+    request.ignoreJobControlSignals = false; // the dispositions a ProcessBuilder child gets
     JavaTexts texts(env, request.arena);
     request.executable = texts.text(executable);
     request.arguments = texts.array(arguments);
@@ -155,6 +157,13 @@ JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_launc
     LaunchOutcome outcome = launch(request);
     UnixProcessData* data = outcome.ok() ? record_of_launch(outcome) : nullptr;
     jlong handle = data != nullptr ? register_record(data) : 0;
+    // A child is watched from the start: its end is collected whatever happens on the Java side.
+    int sysErr = 0;
+    if (handle != 0 && !request.detached && watch_record(kReapOnly, data, &sysErr) != PROC_SUCCESS) {
+        retire_record(handle);
+        data = nullptr;
+        handle = 0;
+    }
     if (outcome.ok() && handle == 0) { // a process nobody can follow must not run on
         abandon_launch(outcome, request.detached);
         if (data != nullptr) destroy_record(data);
@@ -291,6 +300,20 @@ JNIEXPORT jint JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_awaitE
     static_assert(sizeof(jlong) == sizeof(int64_t));
     env->SetLongArrayRegion(ended, 0, count, reinterpret_cast<jlong*>(handles));
     return count;
+}
+
+JNIEXPORT jboolean JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_signal(JNIEnv* env, jobject,
+                                                                                     jlong handle, jint signal) {
+    RecordRef record(handle);
+    int sysErr = EINVAL;
+    int result = record && signal > 0 && signal < NSIG ? ensure_entry(record.get(), &sysErr) : PROC_SYSTEM_ERR;
+    if (result == PROC_SUCCESS) {
+        sysErr = signal_process(entry_of(record.get()), record_pid(record.get()), signal);
+        if (sysErr == ESRCH) return JNI_FALSE; // it has ended: nothing was sent
+        if (sysErr != 0) result = sysErr == EPERM ? PROC_ACCESS_DENIED : PROC_SYSTEM_ERR;
+    }
+    if (result != PROC_SUCCESS) ThrowException(env, result, "Error signalling process. ", sysErr);
+    return result == PROC_SUCCESS ? JNI_TRUE : JNI_FALSE;
 }
 
 JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_killTree(JNIEnv* env, jobject, jlong handle) {

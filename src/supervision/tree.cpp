@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
+#include <unistd.h>
 
 #include "quillon/result_codes.h"
 #include "runtime/support.h"
@@ -54,6 +55,15 @@ int parent_of(int pid) {
     return parent;
 }
 
+// Whether a kill of the tree of `root` would reach the calling process: root is the caller or one of its
+// ancestors, or leads the caller's process group.
+bool holds_caller(int root) {
+    if (getpgrp() == root) return true;
+    for (int pid = getpid(); pid > 0; pid = parent_of(pid))
+        if (pid == root) return true;
+    return false;
+}
+
 // Adds every process below `root` that is not in `known` yet. False when memory ran out.
 bool find_descendants(int root, Pids& known, bool* grew) {
     Pids all, parents;
@@ -89,6 +99,11 @@ int kill_tree(UnixProcessData* data, int* sysErr) {
     *sysErr = 0;
     int result = ensure_entry(data, sysErr);
     if (result != PROC_SUCCESS) return result;
+    if (holds_caller(root)) { // stopping it would stop the caller for good
+        *sysErr = EDEADLK;
+        process_log("The tree of process [%d] holds this process: nothing sent\n", root);
+        return PROC_SYSTEM_ERR;
+    }
     bool leader = !entry_ended(entry_of(data)) && getpgid(root) == root;
     // A root that has ended has no tree to find: its PID may name another process, whose children are
     // none of ours.

@@ -16,7 +16,7 @@ namespace {
 constexpr int kFallbackMillis = 100;
 
 struct Watch {
-    int64_t handle;
+    int64_t handle; // kReapOnly: the child is collected, nobody is told
     ProcessEntry* entry; // a reference of its own
     bool due;
     Watch* next;
@@ -66,7 +66,8 @@ void mark_due(const ProcessEntry* entry) {
         if (w->entry == entry) w->due = true;
 }
 
-// A process without a pidfd: a child is collected, anything else looked at.
+// Looks at the process: a child is collected (reaped, its status stored), anything else observed. Whatever
+// becomes of the report afterwards, an ended child never stays a zombie.
 bool has_ended(ProcessEntry* entry) {
     Collection collected = collect_child(entry);
     if (collected.waitResult == -1 && collected.err == ECHILD) observe_non_child(entry);
@@ -145,7 +146,8 @@ int await_ended(int64_t* ended, int capacity, int timeoutMillis) {
     int count = 0;
     for (Watch** link = &watches; *link != nullptr && count < capacity;) {
         if ((*link)->due) {
-            ended[count++] = (*link)->handle;
+            has_ended((*link)->entry);
+            if ((*link)->handle != kReapOnly) ended[count++] = (*link)->handle;
             drop(link);
         } else {
             link = &(*link)->next;

@@ -5,7 +5,6 @@ import com.norvane.quillon.process.UnixProcessGlue;
 import com.norvane.quillon.process.exception.ProcessOpException;
 import java.io.BufferedInputStream;
 import java.io.BufferedOutputStream;
-import java.io.Closeable;
 import java.io.IOException;
 import java.io.InputStream;
 import java.io.OutputStream;
@@ -26,102 +25,132 @@ import java.util.concurrent.TimeoutException;
  * <p>It is a {@link Process}, so code written against {@code Process} works unchanged: the streams of a
  * launched program are pipes (buffered, as {@code ProcessBuilder}'s are), {@link #exitValue()} of a program
  * ended by signal N is 128+N, and {@link #onExit()} completes when the process ends. Beyond {@code Process}
- * it tells the signal that ended a program, stops it with a grace period, asks a JVM for a thread dump,
- * and kills a whole process tree.
+ * it sends any signal, tells the signal that ended a program, stops it with a grace period, asks a JVM for
+ * a thread dump, and kills a whole process tree.
  *
- * <p>The end of every launched program is collected by one watcher thread for all processes, whether or
- * not anybody waits for it: no program stays a zombie. For a process that is no child of this JVM (a
- * detached program, an adopted process) the exit status cannot be known and reads 0.
+ * <p>The end of every launched program is collected whether or not anybody waits for it: no program stays
+ * a zombie. When a process ends, its object lets go of everything the system lent it, as
+ * {@code ProcessBuilder}'s processes do: stdin's pipe is closed, what the program wrote and nobody has read
+ * yet is drained into memory (the streams read it on), and the native handle is given back. So a server
+ * that never calls {@link #close()} holds no descriptor for a program that has ended, and one (besides the
+ * pipes) for a program that runs.
  *
- * <p>The object holds a native handle: {@link #close()} gives it back (it neither stops nor waits for the
- * process); a process object that becomes unreachable is closed when it is collected as garbage. After
- * {@code close()}, every method but {@code close()} throws {@link IllegalStateException}, and so do waits
- * in progress in other threads. Every method is safe to call from any thread.
+ * <p>For a process that is no child of this JVM (a detached program, an adopted process) the exit status
+ * cannot be known: {@link #exitStatusKnown()} says so, and {@link #exitValue()} then reads 0.
+ *
+ * <p>{@link #close()} flushes and closes the pipes and gives back the native handle; it neither stops nor
+ * waits for the process. Calls that start after it throw {@link IllegalStateException}; calls in progress
+ * in other threads finish with the process's outcome. A process object that becomes unreachable is closed
+ * when it is collected as garbage, but the streams it handed out stay usable. Every method is safe to call
+ * from any thread.
  */
 public final class NativeProcess extends Process implements AutoCloseable {
-    static final Cleaner CLEANER = Cleaner.create(action -> {
-        Thread thread = new Thread(null, action, "quillon-cleaner", 0, false);
-        thread.setDaemon(true);
-        thread.setContextClassLoader(null);
-        return thread;
-    });
-    private static final UnixProcessGlue UNIX = UnixProcessGlue.get();
-    private static final NativeProcessGlue NATIVE = NativeProcessGlue.get();
     private static final long NATIVE_WAIT_MILLIS = 5;
-    /**
-     * Runs what depends on {@link #onExit()}: the common pool, which lends a blocked action spare threads,
-     * rather than a thread per action; its own default where the pool has been given no threads.
-     */
-    private static final Executor EXIT_ACTIONS = ForkJoinPool.getCommonPoolParallelism() > 0
-            ? ForkJoinPool.commonPool() : new CompletableFuture<Void>().defaultExecutor();
+    private static Cleaner cleaner;
 
     private final OwnedHandle owner;
     private final Cleaner.Cleanable cleanable;
     private final ProcessHandle processHandle;
-    private final OutputStream stdin;
-    private final InputStream stdout;
-    private final InputStream stderr;
-    private final Closeable[] pipes; // the unbuffered pipe streams, which close() closes without a flush
+    private final Pipe[] pipes;
+    private OutputStream stdin;  // buffered views, made at the first call
+    private InputStream stdout;
+    private InputStream stderr;
 
-    private NativeProcess(OwnedHandle owner, ProcessHandle processHandle, int[] pipeFds) {
+    private NativeProcess(OwnedHandle owner, ProcessHandle processHandle, Pipe[] pipes) {
         this.owner = owner;
         this.processHandle = processHandle;
-        OutputStream in = pipeFds[0] >= 0 ? Pipe.output(pipeFds[0]) : null;
-        InputStream out = pipeFds[1] >= 0 ? Pipe.input(pipeFds[1]) : null;
-        InputStream err = pipeFds[2] >= 0 ? Pipe.input(pipeFds[2]) : null;
-        stdin = in != null ? new BufferedOutputStream(in) : new NullOutputStream();
-        stdout = out != null ? new BufferedInputStream(out) : new NullInputStream();
-        stderr = err != null ? new BufferedInputStream(err) : new NullInputStream();
-        pipes = new Closeable[] {in, out, err};
-        cleanable = CLEANER.register(this, owner);
+        this.pipes = pipes;
+        cleanable = cleaner().register(this, owner);
     }
 
-    /** Takes over the handle and pipe ends of a launch, or gives them back and says why it can't. */
-    static NativeProcess launched(long handle, long[] launched, boolean detached) throws IOException {
-        int[] pipeFds = new int[3];
-        for (int i = 0; i < 3; i++) {
-            pipeFds[i] = (int) launched[NativeProcessGlue.LAUNCHED_PIPES + i];
+    /**
+     * The cleaner of process objects and streams, with a daemon thread that holds no class loader. Made at
+     * the first use rather than in a class initialiser, whose failure would leave the class unusable.
+     */
+    static synchronized Cleaner cleaner() {
+        if (cleaner == null) {
+            cleaner = Cleaner.create(action -> {
+                Thread thread = new Thread(null, action, "quillon-cleaner", 0, false);
+                thread.setDaemon(true);
+                thread.setContextClassLoader(null);
+                return thread;
+            });
         }
-        OwnedHandle owner = null;
-        ProcessHandle processHandle = null;
+        return cleaner;
+    }
+
+    /**
+     * Runs what depends on {@link #onExit()}: the common pool, which lends a blocked action spare threads,
+     * rather than a thread per action; its own default where the pool has been given no threads.
+     */
+    private static Executor exitActions() {
+        return ForkJoinPool.getCommonPoolParallelism() > 0 ? ForkJoinPool.commonPool()
+                : new CompletableFuture<Void>().defaultExecutor();
+    }
+
+    /**
+     * Takes over the handle and pipe ends of a launch, or ends the program, gives everything back and says
+     * why it can't. No Error on the way loses the program: its end is collected by the library in any case.
+     */
+    static NativeProcess launched(long handle, long[] launched, boolean detached) throws IOException {
+        int[] fds = new int[3];
+        for (int i = 0; i < 3; i++) {
+            fds[i] = (int) launched[NativeProcessGlue.LAUNCHED_PIPES + i];
+        }
         try {
             long pid = launched[NativeProcessGlue.LAUNCHED_PID];
-            processHandle = ProcessHandle.of(pid).orElse(null); // before the watcher may reap it
-            owner = new OwnedHandle(handle, pid, !detached, false);
-            owner.watchedByLaunch();
+            ProcessHandle processHandle = ProcessHandle.of(pid).orElse(null); // before its end is collected
+            Pipe[] pipes = new Pipe[3];
+            for (int i = 0; i < 3; i++) {
+                pipes[i] = fds[i] >= 0 ? new Pipe(fds[i]) : null;
+            }
+            OwnedHandle owner = new OwnedHandle(handle, pid, !detached, false, pipes);
+            NativeProcess process = new NativeProcess(owner, processHandle, pipes);
             ProcessWatcher.watch(owner);
-            return new NativeProcess(owner, processHandle, pipeFds);
+            return process;
         } catch (ProcessOpException | RuntimeException | Error e) {
-            abandon(handle, detached, pipeFds);
+            abandon(handle, detached, fds);
             throw new IOException("Cannot follow the new process: " + e.getMessage(), e);
         }
     }
 
-    /** Ends a launched program that can't be followed, collects it, and gives everything back. */
-    private static void abandon(long handle, boolean detached, int[] pipeFds) {
+    /**
+     * Ends a launched program that can't be followed and gives everything back, as far as it goes: every
+     * step is tried whatever the one before threw. A child the wait here could not collect is collected by
+     * the library when it ends.
+     */
+    private static void abandon(long handle, boolean detached, int[] fds) {
         try {
-            UNIX.kill(handle);
-            NATIVE.waitFor(handle, detached ? 0 : -1);
-        } catch (ProcessOpException ignored) {
+            UnixProcessGlue.get().kill(handle);
+        } catch (Throwable ignored) {
+            // It may run on until its end; the wait below still tries.
+        }
+        try {
+            NativeProcessGlue.get().waitFor(handle, detached ? 0 : -1);
+        } catch (Throwable ignored) {
+            // Collected by the library's own watch of it.
+        }
+        try {
+            UnixProcessGlue.get().done(handle);
+        } catch (Throwable ignored) {
             // Nothing more can be done for it.
         }
-        UNIX.done(handle);
-        for (int fd : pipeFds) {
-            if (fd >= 0) {
-                try {
-                    NATIVE.close(fd);
-                } catch (IOException ignored) {
-                    // Given back as far as possible.
+        for (int fd : fds) {
+            try {
+                if (fd >= 0) {
+                    NativeProcessGlue.get().close(fd);
                 }
+            } catch (Throwable ignored) {
+                // Given back as far as possible.
             }
         }
     }
 
     /**
-     * Follows a running process by its PID. It need not be a child of this JVM; its exit status then reads
-     * 0. It has no streams: they are null streams, as {@code ProcessBuilder} gives for redirected ones.
-     * A child that {@code ProcessBuilder} started is collected by the JDK's own reaper and should not be
-     * adopted.
+     * Follows a running process by its PID. It need not be a child of this JVM; its exit status then can't
+     * be known. It has no streams: they are null streams, as {@code ProcessBuilder} gives for redirected
+     * ones. A child that {@code ProcessBuilder} started is collected by the JDK's own reaper and should not
+     * be adopted.
      *
      * @param pid the process ID; the running JVM's gives the same as {@link #self()}
      * @return a new process object, to be closed when no longer needed
@@ -133,15 +162,24 @@ public final class NativeProcess extends Process implements AutoCloseable {
         if (pid <= 0) {
             throw new IllegalArgumentException("not a process ID: " + pid);
         }
+        if (pid == ProcessHandle.current().pid()) {
+            return self();
+        }
         long handle;
         try {
-            handle = UNIX.recreate(Long.toString(pid));
+            handle = UnixProcessGlue.get().recreate(Long.toString(pid));
         } catch (ProcessOpException e) {
             throw new IOException("Cannot adopt process " + pid + ": " + e.getMessage(), e);
         }
-        boolean self = pid == ProcessHandle.current().pid();
-        ProcessHandle processHandle = self ? ProcessHandle.current() : ProcessHandle.of(pid).orElse(null);
-        return new NativeProcess(new OwnedHandle(handle, pid, false, self), processHandle, new int[] {-1, -1, -1});
+        try {
+            OwnedHandle owner = new OwnedHandle(handle, pid, false, false, new Pipe[3]);
+            NativeProcess process = new NativeProcess(owner, ProcessHandle.of(pid).orElse(null), new Pipe[3]);
+            ProcessWatcher.watch(owner);
+            return process;
+        } catch (ProcessOpException | RuntimeException | Error e) {
+            UnixProcessGlue.get().done(handle);
+            throw new IOException("Cannot adopt process " + pid + ": " + e.getMessage(), e);
+        }
     }
 
     /**
@@ -155,24 +193,27 @@ public final class NativeProcess extends Process implements AutoCloseable {
     public static NativeProcess self() throws IOException {
         long handle;
         try {
-            handle = UNIX.createSelf();
+            handle = UnixProcessGlue.get().createSelf();
         } catch (ProcessOpException e) {
             throw new IOException("Cannot follow the running JVM: " + e.getMessage(), e);
         }
-        return new NativeProcess(new OwnedHandle(handle, ProcessHandle.current().pid(), false, true),
-                ProcessHandle.current(), new int[] {-1, -1, -1});
+        return new NativeProcess(new OwnedHandle(handle, ProcessHandle.current().pid(), false, true, new Pipe[3]),
+                ProcessHandle.current(), new Pipe[3]);
     }
 
     /**
      * The stream to the program's stdin, buffered: flush it to send, close it to give the program end of
-     * file.
+     * file. Once the program has ended, writes to it fail.
      *
      * @return the pipe, or a stream whose writes fail when stdin is not a pipe
      * @throws IllegalStateException after {@link #close()}
      */
     @Override
-    public OutputStream getOutputStream() {
-        checkOpen();
+    public synchronized OutputStream getOutputStream() {
+        owner.checkOpen();
+        if (stdin == null) {
+            stdin = pipes[0] != null ? new BufferedOutputStream(pipes[0].output()) : new ClosedOutputStream();
+        }
         return stdin;
     }
 
@@ -183,8 +224,11 @@ public final class NativeProcess extends Process implements AutoCloseable {
      * @throws IllegalStateException after {@link #close()}
      */
     @Override
-    public InputStream getInputStream() {
-        checkOpen();
+    public synchronized InputStream getInputStream() {
+        owner.checkOpen();
+        if (stdout == null) {
+            stdout = pipes[1] != null ? new BufferedInputStream(pipes[1].input()) : InputStream.nullInputStream();
+        }
         return stdout;
     }
 
@@ -195,8 +239,11 @@ public final class NativeProcess extends Process implements AutoCloseable {
      * @throws IllegalStateException after {@link #close()}
      */
     @Override
-    public InputStream getErrorStream() {
-        checkOpen();
+    public synchronized InputStream getErrorStream() {
+        owner.checkOpen();
+        if (stderr == null) {
+            stderr = pipes[2] != null ? new BufferedInputStream(pipes[2].input()) : InputStream.nullInputStream();
+        }
         return stderr;
     }
 
@@ -205,8 +252,8 @@ public final class NativeProcess extends Process implements AutoCloseable {
      *
      * @return the exit value, as {@link #exitValue()} gives it
      * @throws InterruptedException when the waiting thread is interrupted
-     * @throws IllegalStateException after {@link #close()}, also when it comes during the wait, and for the
-     *     running JVM
+     * @throws IllegalStateException when called after {@link #close()} (a wait in progress at the close
+     *     finishes normally), and for the running JVM
      */
     @Override
     public int waitFor() throws InterruptedException {
@@ -227,8 +274,8 @@ public final class NativeProcess extends Process implements AutoCloseable {
      * @param unit the unit of {@code timeout}
      * @return true when the process has ended
      * @throws InterruptedException when the waiting thread is interrupted
-     * @throws IllegalStateException after {@link #close()}, also when it comes during the wait, and for the
-     *     running JVM
+     * @throws IllegalStateException when called after {@link #close()} (a wait in progress at the close
+     *     finishes normally), and for the running JVM
      */
     @Override
     public boolean waitFor(long timeout, TimeUnit unit) throws InterruptedException {
@@ -237,29 +284,29 @@ public final class NativeProcess extends Process implements AutoCloseable {
                 return true;
             }
             long nanos = unit.toNanos(timeout);
-            return nanos > 0 && (awaitEnd(nanos) || owner.hasEnded());
+            return nanos > 0 && awaitEnd(nanos);
         } finally {
             Reference.reachabilityFence(this);
         }
     }
 
-    /** Waits for the watcher to report the end: false when {@code nanos} (-1: no limit) ran out first. */
+    /** Waits for the end: false when {@code nanos} (-1: no limit) ran out first. */
     private boolean awaitEnd(long nanos) throws InterruptedException {
         if (owner.self) {
             throw new IllegalStateException("the running JVM cannot wait for its own end");
         }
-        // A program whose output has just ended usually ends within a moment. A short native wait sees that
-        // without the thread switch through the watcher; it can't be interrupted, hence short.
-        boolean forever = nanos < 0;
-        long nativeMillis = forever ? NATIVE_WAIT_MILLIS : Math.min(NATIVE_WAIT_MILLIS, nanos / 1_000_000);
-        if (owner.endsWithin(nativeMillis)) {
-            return true;
-        }
-        if (Thread.interrupted()) {
-            throw new InterruptedException();
-        }
-        owner.ensureWatched();
+        owner.beginWait();
         try {
+            // A program whose output has just ended usually ends within a moment. A short native wait sees
+            // that without the thread switch through the watcher; it can't be interrupted, hence short.
+            boolean forever = nanos < 0;
+            long nativeMillis = forever ? NATIVE_WAIT_MILLIS : Math.min(NATIVE_WAIT_MILLIS, nanos / 1_000_000);
+            if (owner.endsWithin(nativeMillis)) {
+                return true;
+            }
+            if (Thread.interrupted()) {
+                throw new InterruptedException();
+            }
             if (forever) {
                 owner.ended.get();
             } else {
@@ -267,18 +314,20 @@ public final class NativeProcess extends Process implements AutoCloseable {
             }
             return true;
         } catch (TimeoutException e) {
-            return false;
+            return owner.endsWithin(0); // the last look, at the deadline itself
         } catch (ExecutionException e) {
             if (e.getCause() instanceof RuntimeException cause) {
                 throw cause;
             }
             throw new IllegalStateException(e.getCause());
+        } finally {
+            owner.endWait();
         }
     }
 
     /**
-     * The exit value of the ended process: its exit status, or 128+N when signal N ended it; 0 for a
-     * process that is no child of this JVM, whose status can't be known.
+     * The exit value of the ended process: its exit status, or 128+N when signal N ended it. Meaningless
+     * (0) when {@link #exitStatusKnown()} is false.
      *
      * @throws IllegalThreadStateException while the process runs
      * @throws IllegalStateException after {@link #close()}
@@ -286,16 +335,27 @@ public final class NativeProcess extends Process implements AutoCloseable {
     @Override
     public int exitValue() {
         if (owner.self || !owner.hasEnded()) {
-            checkOpen();
             throw new IllegalThreadStateException("process " + owner.pid + " has not exited");
         }
         return owner.exitValue();
     }
 
     /**
+     * Whether the exit status of this process can be known: true for a program that {@link Launcher}
+     * started as a child of this JVM; false for a detached program, an adopted process and the running JVM,
+     * whose {@link #exitValue()} and {@link #exitSignal()} read 0.
+     *
+     * @return whether {@link #exitValue()} tells how the process ended
+     */
+    public boolean exitStatusKnown() {
+        return owner.child;
+    }
+
+    /**
      * The signal that ended the process.
      *
-     * @return the signal number, or 0 when the process exited or its end can't be known (no child of this JVM)
+     * @return the signal number, or 0 when the process exited or its end can't be known (see
+     *     {@link #exitStatusKnown()})
      * @throws IllegalThreadStateException while the process runs
      * @throws IllegalStateException after {@link #close()}
      */
@@ -312,7 +372,7 @@ public final class NativeProcess extends Process implements AutoCloseable {
     @Override
     public boolean isAlive() {
         if (owner.self) {
-            checkOpen();
+            owner.checkOpen();
             return true;
         }
         return !owner.hasEnded();
@@ -325,7 +385,7 @@ public final class NativeProcess extends Process implements AutoCloseable {
      */
     @Override
     public long pid() {
-        checkOpen();
+        owner.checkOpen();
         return owner.pid;
     }
 
@@ -338,7 +398,7 @@ public final class NativeProcess extends Process implements AutoCloseable {
      */
     @Override
     public ProcessHandle toHandle() {
-        checkOpen();
+        owner.checkOpen();
         if (processHandle == null) {
             throw new UnsupportedOperationException("process " + owner.pid + " ended before it could be followed");
         }
@@ -348,18 +408,18 @@ public final class NativeProcess extends Process implements AutoCloseable {
     /**
      * A future completed with this object when the process ends, through the one watcher thread of all
      * processes; dependent actions run in the {@link ForkJoinPool#commonPool() common pool}, never in the
-     * watcher. Closing this object completes it exceptionally.
+     * watcher. For a child of this JVM it completes when the child ends, even after {@link #close()}; for
+     * any other process, closing this object completes it exceptionally unless a wait is in progress.
      *
      * @throws IllegalStateException after {@link #close()}, and for the running JVM
      */
     @Override
     public CompletableFuture<Process> onExit() {
-        checkOpen();
+        owner.checkOpen();
         if (owner.self) {
             throw new IllegalStateException("the running JVM cannot wait for its own end");
         }
-        owner.ensureWatched();
-        return owner.ended.thenApplyAsync(ended -> this, EXIT_ACTIONS);
+        return owner.ended.thenApplyAsync(ended -> this, exitActions());
     }
 
     /**
@@ -372,7 +432,7 @@ public final class NativeProcess extends Process implements AutoCloseable {
     @Override
     public void destroy() {
         try {
-            signal(UNIX::stop);
+            endingCall(UnixProcessGlue.get()::stop);
         } catch (ProcessOpException e) {
             throw OwnedHandle.failure(e);
         }
@@ -389,7 +449,7 @@ public final class NativeProcess extends Process implements AutoCloseable {
     @Override
     public NativeProcess destroyForcibly() {
         try {
-            signal(UNIX::kill);
+            endingCall(UnixProcessGlue.get()::kill);
         } catch (ProcessOpException e) {
             throw OwnedHandle.failure(e);
         }
@@ -403,6 +463,32 @@ public final class NativeProcess extends Process implements AutoCloseable {
     }
 
     /**
+     * Sends a signal to the process, through a descriptor that names this process for good, so never to
+     * another process that reused its PID. Common numbers on Linux: 1 SIGHUP (reload), 2 SIGINT, 3 SIGQUIT,
+     * 9 SIGKILL, 10 SIGUSR1, 12 SIGUSR2, 15 SIGTERM, 18 SIGCONT, 19 SIGSTOP.
+     *
+     * @param signal the signal's number, 1 to 64
+     * @return true when the signal was sent; false when the process had ended, and nothing was sent
+     * @throws IllegalArgumentException for a number that is no signal
+     * @throws IOException when the system refuses the signal (a process of another user); the cause is the
+     *     library's {@link ProcessOpException}
+     * @throws IllegalStateException after {@link #close()}, and for the running JVM
+     */
+    public boolean signal(int signal) throws IOException {
+        if (signal < 1 || signal > 64) {
+            throw new IllegalArgumentException("not a signal: " + signal);
+        }
+        refuseForSelf();
+        try {
+            return owner.signal(signal);
+        } catch (ProcessOpException e) {
+            throw new IOException("Cannot send signal " + signal + " to process " + owner.pid + ": " + e.getMessage(), e);
+        } finally {
+            Reference.reachabilityFence(this);
+        }
+    }
+
+    /**
      * Stops the process: SIGTERM, then SIGKILL when it is still running after the grace period, and waits
      * for its end.
      *
@@ -413,9 +499,9 @@ public final class NativeProcess extends Process implements AutoCloseable {
      * @throws IllegalStateException after {@link #close()}, and for the running JVM
      */
     public int stop(Duration grace) throws IOException, InterruptedException {
-        send(UNIX::stop);
+        send(UnixProcessGlue.get()::stop);
         if (!waitFor(grace.toNanos(), TimeUnit.NANOSECONDS)) {
-            send(UNIX::kill);
+            send(UnixProcessGlue.get()::kill);
             waitFor();
         }
         return exitValue();
@@ -423,19 +509,17 @@ public final class NativeProcess extends Process implements AutoCloseable {
 
     /**
      * Sends SIGQUIT, on which a JVM writes a thread dump to its stdout; the running JVM may ask itself.
+     * Nothing is sent to a process that has ended.
      *
      * @throws IOException when the signal is refused; the cause is the library's {@link ProcessOpException}
      * @throws IllegalStateException after {@link #close()}
      */
     public void requestThreadDump() throws IOException {
-        checkOpen();
-        owner.acquire();
         try {
-            UNIX.pokeVMThreadDump(owner.handle);
+            owner.unlessEnded(UnixProcessGlue.get()::pokeVMThreadDump);
         } catch (ProcessOpException e) {
             throw new IOException(e.getMessage(), e);
         } finally {
-            owner.release();
             Reference.reachabilityFence(this);
         }
     }
@@ -446,91 +530,96 @@ public final class NativeProcess extends Process implements AutoCloseable {
      * is frozen first, so that no process can escape by forking meanwhile. Nothing is sent once the process
      * has ended: its orphans have passed to init and can no longer be told from unrelated processes.
      *
+     * @throws IllegalStateException when the tree holds this JVM (the process is the JVM's parent or another
+     *     ancestor, or leads its process group); after {@link #close()}; and for the running JVM
      * @throws IOException when the signal is refused; the cause is the library's {@link ProcessOpException}
-     * @throws IllegalStateException after {@link #close()}, and for the running JVM
      */
     public void killTree() throws IOException {
-        send(handle -> owner.killTree());
+        refuseForSelf();
+        refuseTreeOfThisJvm();
+        try {
+            owner.killTree();
+        } catch (ProcessOpException e) {
+            throw new IOException(e.getMessage(), e);
+        } finally {
+            Reference.reachabilityFence(this);
+        }
     }
 
-    /**
-     * Gives back the native handle and closes the pipes to the program (unflushed bytes of
-     * {@link #getOutputStream()} are dropped). The process itself runs on; a launched child is still
-     * collected when it ends. Waits in progress in other threads end with {@link IllegalStateException}, and
-     * the {@link #onExit()} futures complete exceptionally. Calling it again does nothing.
-     */
-    @Override
-    public void close() {
-        cleanable.clean();
-        for (Closeable pipe : pipes) {
-            if (pipe != null) {
-                try {
-                    pipe.close();
-                } catch (IOException ignored) {
-                    // The descriptor is given back all the same.
-                }
+    private void refuseTreeOfThisJvm() {
+        ProcessHandle current = ProcessHandle.current();
+        for (ProcessHandle ancestor = current.parent().orElse(null); ancestor != null;
+                ancestor = ancestor.parent().orElse(null)) {
+            if (ancestor.pid() == owner.pid) {
+                throw new IllegalStateException("the tree of process " + owner.pid + " holds this JVM (process "
+                        + current.pid() + "): nothing was sent");
             }
         }
     }
 
-    /** @return the PID and the exit value, "running" or "closed" */
+    /**
+     * Flushes what was written to {@link #getOutputStream()}, closes the pipes and gives back the native
+     * handle. The process itself runs on; a launched child is still collected when it ends. Calls that
+     * start afterwards throw {@link IllegalStateException}; waits in progress in other threads finish
+     * with the process's outcome, and so do the {@link #onExit()} futures of a child. Calling it again
+     * does nothing.
+     */
+    @Override
+    public void close() {
+        OutputStream buffered;
+        synchronized (this) {
+            buffered = stdin;
+        }
+        if (buffered != null && pipes[0] != null) {
+            try {
+                buffered.flush();
+            } catch (IOException ignored) {
+                // The program has ended or closed its stdin: nobody is left to read it.
+            }
+        }
+        cleanable.clean();
+        owner.closePipes();
+    }
+
+    /** @return the PID and the exit value, "running", "ended" (status unknown) or "closed" */
     @Override
     public String toString() {
         String state;
         try {
-            state = isAlive() ? "running" : "exitValue=" + exitValue();
+            state = isAlive() ? "running" : exitStatusKnown() ? "exitValue=" + exitValue() : "ended";
         } catch (IllegalStateException e) {
             state = "closed";
         }
         return "NativeProcess[pid=" + owner.pid + ", " + state + "]";
     }
 
-    private interface Signal {
-        void send(long handle) throws ProcessOpException;
-    }
-
-    private void signal(Signal signal) throws ProcessOpException {
+    private void refuseForSelf() {
+        owner.checkOpen();
         if (owner.self) {
-            checkOpen();
             throw new IllegalStateException("the running JVM does not end itself through its process object");
         }
-        owner.acquire();
+    }
+
+    /** A signal that ends the process, sent unless it has ended. */
+    private void endingCall(OwnedHandle.Native call) throws ProcessOpException {
+        refuseForSelf();
         try {
-            signal.send(owner.handle);
+            owner.unlessEnded(call);
         } finally {
-            owner.release();
             Reference.reachabilityFence(this);
         }
     }
 
-    private void send(Signal signal) throws IOException {
+    private void send(OwnedHandle.Native call) throws IOException {
         try {
-            signal(signal);
+            endingCall(call);
         } catch (ProcessOpException e) {
             throw new IOException(e.getMessage(), e);
         }
     }
 
-    private void checkOpen() {
-        owner.acquire();
-        owner.release();
-    }
-
-    /** stdout or stderr that is no pipe: always at end of file, as {@code ProcessBuilder}'s. */
-    private static final class NullInputStream extends InputStream {
-        @Override
-        public int read() {
-            return -1;
-        }
-
-        @Override
-        public int available() {
-            return 0;
-        }
-    }
-
     /** stdin that is no pipe: writes fail, as with {@code ProcessBuilder}'s. */
-    private static final class NullOutputStream extends OutputStream {
+    private static final class ClosedOutputStream extends OutputStream {
         @Override
         public void write(int b) throws IOException {
             throw new IOException("Stream closed");

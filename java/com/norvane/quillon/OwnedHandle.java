@@ -9,130 +9,189 @@ import java.util.concurrent.CompletableFuture;
 import java.util.concurrent.locks.ReentrantReadWriteLock;
 
 /**
- * The native handle of one {@link NativeProcess}, given back with {@code done} exactly once.
+ * The native handle of one {@link NativeProcess}, given back with {@code done} exactly once, its pipes, and
+ * what is known of the process's end.
  *
- * <p>Native calls on the handle are counted. {@link #close} refuses new calls at once, but the handle is
- * released only when the last call in progress has left, so no call ever meets a released handle. The
- * watcher counts as a caller of a child of the JVM until it has collected the child's end: a child whose
- * object is closed or collected as garbage is still reaped and never stays a zombie. Other processes
- * need no collection; the watcher looks their handle up and steps aside once it is closed.
+ * <p>Native calls on the handle are counted as uses, and the watch is one of them: every process but the
+ * running JVM is watched from the start, so its end is seen whether or not anybody waits, and a child's end
+ * is collected. Once the end is known, it is kept here, the pipes go (stdin closed, unread output drained
+ * into memory) and the handle is given back as soon as no call uses it: an ended process holds no
+ * descriptor, closed or not.
  *
- * <p>The end, once known, is kept here, so that waits and exit values need no native call any more.
+ * <p>{@link #close} refuses calls that start after it; calls in progress finish with the process's outcome.
+ * A child's watch goes on after the close until its end is collected. The watch of any other process ends
+ * with the close, or with the last wait in progress at the close.
  */
 final class OwnedHandle implements Runnable {
-    private static final UnixProcessGlue UNIX = UnixProcessGlue.get();
-    private static final NativeProcessGlue NATIVE = NativeProcessGlue.get();
-
     /** How the process ended: its exit status or 0, and the signal that ended it or 0. */
     private record End(int exitCode, int signal) {}
 
     final long handle;
     final long pid;
-    /** A child of the JVM, whose end the watcher must collect. */
+    /** A child of the JVM, whose exit status can be known. */
     final boolean child;
     /** The running JVM itself. */
     final boolean self;
-    /** Completed when the end is known, or exceptionally by close. */
+    /** Completed when the end is known; exceptionally when the process can no longer be followed. */
     final CompletableFuture<Void> ended = new CompletableFuture<>();
+    /** stdin, stdout and stderr, null where they are no pipe. */
+    private final Pipe[] pipes;
 
     /**
      * Looks that may collect a child's end hold it shared; a tree kill holds it alone, so that the PID it
      * walks /proc for can't be collected and given to another process meanwhile.
      */
     private final ReentrantReadWriteLock collection = new ReentrantReadWriteLock();
-    private int users;         // native calls in progress, the watcher's use of a child included
-    private boolean closed;    // no new calls
-    private boolean watched;   // handed to the watcher
+    private int users;              // native calls in progress, and the watch
+    private int waiters;            // waits in progress
+    private boolean watched;        // the watcher reports the end; counts as a use
+    private boolean released;       // the handle was given back
+    private volatile boolean closed; // no new calls
     private volatile End end;
 
-    OwnedHandle(long handle, long pid, boolean child, boolean self) {
+    OwnedHandle(long handle, long pid, boolean child, boolean self, Pipe[] pipes) {
         this.handle = handle;
         this.pid = pid;
         this.child = child;
         this.self = self;
-        users = child ? 1 : 0;
+        this.pipes = pipes;
+        watched = !self;
+        users = watched ? 1 : 0;
     }
 
     static UncheckedIOException failure(ProcessOpException e) {
         return new UncheckedIOException(new IOException(e.getMessage(), e));
     }
 
-    /** Counts a call in; every call must be followed by {@link #release}. */
-    synchronized void acquire() {
-        if (closed) {
-            throw new IllegalStateException("the process object has been closed");
-        }
-        users++;
+    private static IllegalStateException closedFailure() {
+        return new IllegalStateException("the process object has been closed");
     }
 
-    private synchronized boolean tryAcquire() {
+    /** Refuses a call that starts after {@link #close}. */
+    void checkOpen() {
         if (closed) {
+            throw closedFailure();
+        }
+    }
+
+    /** Counts a native call in: false when the handle is gone because the end is known (answer from it). */
+    boolean enter() {
+        return enter(true);
+    }
+
+    /** The same for a call in progress at a close, such as a wait, which is not refused. */
+    private synchronized boolean enter(boolean refuseClosed) {
+        if (refuseClosed) {
+            checkOpen();
+        }
+        if (released) {
             return false;
         }
         users++;
         return true;
     }
 
-    /** Counts a call out; the last one after a close releases the handle. */
-    void release() {
-        boolean last;
+    /** Counts a use out; the last one gives the handle back once the object is closed or the end known. */
+    void leave() {
+        boolean giveBack;
         synchronized (this) {
-            last = --users == 0 && closed;
+            users--;
+            giveBack = users == 0 && !released && (closed || end != null);
+            released |= giveBack;
         }
-        if (last) {
-            UNIX.done(handle);
+        if (giveBack) {
+            UnixProcessGlue.get().done(handle);
         }
     }
 
-    /** Refuses new calls, fails pending waits, and releases the handle now or after the last call. */
+    /** Refuses new calls; stops watching a process that is no child unless waits are in progress. */
     void close() {
-        boolean last;
+        boolean stopWatch;
+        boolean giveBack;
         synchronized (this) {
             if (closed) {
                 return;
             }
             closed = true;
-            last = users == 0;
+            stopWatch = watched && !child && waiters == 0 && end == null;
+            watched &= !stopWatch;
+            giveBack = users == 0 && !released;
+            released |= giveBack;
         }
-        ended.completeExceptionally(new IllegalStateException("the process object has been closed"));
-        if (!child) {
-            ProcessWatcher.forget(this);
-        }
-        if (last) {
-            UNIX.done(handle);
+        if (stopWatch) {
+            stopWatching();
+        } else if (giveBack) {
+            UnixProcessGlue.get().done(handle);
         }
     }
 
-    /** The cleaning action of a process object that became unreachable. */
+    private void stopWatching() {
+        ProcessWatcher.forget(this);
+        ended.completeExceptionally(closedFailure());
+        leave();
+    }
+
+    /** The cleaning action of a process object that became unreachable; streams handed out stay usable. */
     @Override
     public void run() {
         close();
+        for (Pipe pipe : pipes) {
+            if (pipe != null) {
+                pipe.closeUnlessHandedOut();
+            }
+        }
     }
 
-    /**
-     * Looks once whether the process has ended, collecting a child's end without waiting. The running JVM
-     * has not.
-     *
-     * @throws IllegalStateException after close
-     */
+    /** Closes the pipes for good, the streams handed out included. */
+    void closePipes() {
+        for (Pipe pipe : pipes) {
+            if (pipe != null) {
+                pipe.close();
+            }
+        }
+    }
+
+    /** A wait begins; refused after close. */
+    synchronized void beginWait() {
+        checkOpen();
+        waiters++;
+    }
+
+    /** A wait ends; the last one after a close ends the watch of a process that is no child. */
+    void endWait() {
+        boolean stopWatch;
+        synchronized (this) {
+            waiters--;
+            stopWatch = closed && waiters == 0 && watched && !child && end == null;
+            watched &= !stopWatch;
+        }
+        if (stopWatch) {
+            stopWatching();
+        }
+    }
+
+    /** @throws IllegalStateException after close */
     boolean hasEnded() {
+        checkOpen();
         return endsWithin(0);
     }
 
     /**
      * Waits natively, which the end of the process wakes at once, but not an interrupt: for short times only.
+     * A wait in progress calls it after a close too.
      *
      * @return whether the process ended within {@code millis}
-     * @throws IllegalStateException after close
      */
     boolean endsWithin(long millis) {
-        acquire();
+        if (end != null || !enter(false)) {
+            return true;
+        }
         try {
             return end != null || (!self && look(millis));
         } catch (ProcessOpException e) {
             throw failure(e);
         } finally {
-            release();
+            leave();
         }
     }
 
@@ -140,9 +199,39 @@ final class OwnedHandle implements Runnable {
     private boolean look(long millis) throws ProcessOpException {
         collection.readLock().lock();
         try {
-            return NATIVE.waitFor(handle, millis) && recordEnd();
+            return NativeProcessGlue.get().waitFor(handle, millis) && recordEnd();
         } finally {
             collection.readLock().unlock();
+        }
+    }
+
+    /** Reads the end of an ended process, once; its pipes go with it. The caller holds a use. */
+    private boolean recordEnd() throws ProcessOpException {
+        if (end == null) {
+            End known = new End(UnixProcessGlue.get().getExitCode(handle), NativeProcessGlue.get().terminationSignal(handle));
+            boolean first;
+            synchronized (this) {
+                first = end == null;
+                if (first) {
+                    end = known;
+                }
+            }
+            if (first) {
+                endPipes();
+            }
+        }
+        ended.complete(null);
+        return true;
+    }
+
+    private void endPipes() {
+        if (pipes[0] != null) {
+            pipes[0].closeAtEnd();
+        }
+        for (int i = 1; i < 3; i++) {
+            if (pipes[i] != null) {
+                pipes[i].drain();
+            }
         }
     }
 
@@ -151,28 +240,46 @@ final class OwnedHandle implements Runnable {
      * to init and its PID may name another process, whose children the native walk would take for its own.
      */
     void killTree() throws ProcessOpException {
-        acquire();
+        if (!enter()) {
+            return;
+        }
         collection.writeLock().lock();
         try {
             if (end == null && !look(0)) {
-                NATIVE.killTree(handle);
+                NativeProcessGlue.get().killTree(handle);
             }
         } finally {
             collection.writeLock().unlock();
-            release();
+            leave();
         }
     }
 
-    /** Reads the end of an ended process; the caller holds a use. */
-    private boolean recordEnd() throws ProcessOpException {
-        End known = new End(UNIX.getExitCode(handle), NATIVE.terminationSignal(handle));
-        synchronized (this) {
-            if (end == null) {
-                end = known;
-            }
+    /** Sends a signal unless the process has ended. @return whether it was sent */
+    boolean signal(int signal) throws ProcessOpException {
+        if (end != null || !enter()) {
+            return false;
         }
-        ended.complete(null);
-        return true;
+        try {
+            return NativeProcessGlue.get().signal(handle, signal);
+        } finally {
+            leave();
+        }
+    }
+
+    /** Calls a native on the handle unless the process has ended (then nothing is done). */
+    void unlessEnded(Native call) throws ProcessOpException {
+        if (end != null || !enter()) {
+            return;
+        }
+        try {
+            call.on(handle);
+        } finally {
+            leave();
+        }
+    }
+
+    interface Native {
+        void on(long handle) throws ProcessOpException;
     }
 
     /** The exit value of an ended process: the status, or 128 plus the signal. */
@@ -185,63 +292,34 @@ final class OwnedHandle implements Runnable {
         return end.signal();
     }
 
-    /** Hands a process that was not launched to the watcher, once, so that {@link #ended} completes. */
-    void ensureWatched() {
-        synchronized (this) {
-            if (watched) {
-                return;
-            }
-            watched = true;
-        }
-        acquire();
-        try {
-            ProcessWatcher.watch(this);
-        } catch (ProcessOpException e) {
-            synchronized (this) {
-                watched = false;
-            }
-            throw failure(e);
-        } finally {
-            release();
-        }
-    }
-
-    /** Marks a launched process as handed to the watcher by its launch. */
-    synchronized void watchedByLaunch() {
-        watched = true;
-    }
-
     /**
      * Called by the watcher once the process has been seen to end: collects the end, completes
-     * {@link #ended} and drops the watcher's use of a child.
+     * {@link #ended}, and drops the watch's use. An Error on the way leaves it to be called again.
+     *
+     * @return false when the process was reported but is still there, and is watched again
      */
-    void collect() {
-        if (!child && !tryAcquire()) {
-            return; // closed meanwhile: nobody is waiting any more
-        }
-        boolean again = false;
-        try {
-            again = !look(0);
-        } catch (ProcessOpException e) {
-            ended.completeExceptionally(failure(e));
-        } finally {
-            if (again) {
-                again = rewatch();
-            }
-            if (!again) {
-                release();
+    boolean collect() {
+        synchronized (this) {
+            if (!watched) {
+                return true; // the close took the watch
             }
         }
-    }
-
-    /** The process was reported but is still there: back to the watcher, keeping the use. */
-    private boolean rewatch() {
         try {
-            ProcessWatcher.watch(this);
-            return true;
+            if (!look(0)) {
+                ProcessWatcher.watch(this); // keeping the use
+                return false;
+            }
         } catch (ProcessOpException e) {
             ended.completeExceptionally(failure(e));
-            return false;
         }
+        boolean mine;
+        synchronized (this) {
+            mine = watched;
+            watched = false;
+        }
+        if (mine) {
+            leave();
+        }
+        return true;
     }
 }

@@ -6,6 +6,7 @@ import java.io.InputStream;
 import java.io.OutputStream;
 import java.lang.ref.Cleaner;
 import java.lang.ref.Reference;
+import java.util.Arrays;
 import java.util.Objects;
 
 /**
@@ -13,39 +14,51 @@ import java.util.Objects;
  *
  * <p>The kernel hands a closed descriptor number to the next file opened, by any thread. Closing the number
  * while another thread is inside a read or write on it would let that call land on an unrelated file. So
- * every native call on the descriptor is counted, and {@link #close} only marks it: when calls are in
- * progress, the last one to leave closes it. New calls are refused from the mark on. A reader blocked on
- * a pipe therefore keeps the number open until data or end of file arrives, at the latest when the
- * program, and whatever inherited the pipe from it, has ended. That is preferred over waking the reader
- * by force, which would need a second descriptor per pipe.
+ * every native call on the descriptor is counted, and a close only marks it: when calls are in progress,
+ * the last one to leave closes it. New calls are refused from the mark on. A reader blocked on a pipe
+ * therefore keeps the number open until data or end of file arrives, at the latest when the program, and
+ * whatever inherited the pipe from it, has ended. That is preferred over waking the reader by force, which
+ * would need a second descriptor per pipe.
+ *
+ * <p>When the program ends, the pipe goes away by itself: stdin's is closed, and what stdout or stderr hold
+ * unread is drained into memory, where the stream reads it on. A read in progress at that moment finishes
+ * first, and the drain follows in its thread.
  */
-final class Pipe implements Runnable {
-    private static final NativeProcessGlue GLUE = NativeProcessGlue.get();
-
+final class Pipe {
     private final int fd;
-    private int users;         // native calls in progress
-    private boolean closing;   // close() was called: no new calls
-    private boolean closed;    // the number was given back
+    private int users;          // native calls in progress
+    private boolean closing;    // no new native calls
+    private boolean closed;     // the number was given back
+    private boolean drainAtEnd; // the program ended during a read: the reader drains
+    private boolean draining;   // readers wait for the drain
+    private byte[] drained;     // what was left unread at the end, read from memory from then on
+    private int drainedAt;
+    private boolean userClosed; // reads and writes fail
+    private boolean handedOut;  // the stream exists; it is closed with it, or when it becomes unreachable
     private Cleaner.Cleanable cleanable;
 
-    private Pipe(int fd) {
+    Pipe(int fd) {
         this.fd = fd;
     }
 
-    /** The stream that reads the pipe from a program's stdout or stderr; the pipe closes with it. */
-    static InputStream input(int fd) {
-        Pipe pipe = new Pipe(fd);
-        Input stream = new Input(pipe);
-        pipe.cleanable = NativeProcess.CLEANER.register(stream, pipe);
+    /** The stream that reads the pipe from a program's stdout or stderr, once. */
+    synchronized InputStream input() {
+        return handOut(new Input(this));
+    }
+
+    /** The stream that writes the pipe to a program's stdin, once; closing it gives the program end of file. */
+    synchronized OutputStream output() {
+        return handOut(new Output(this));
+    }
+
+    private <T> T handOut(T stream) {
+        handedOut = true;
+        cleanable = NativeProcess.cleaner().register(stream, this::close);
         return stream;
     }
 
-    /** The stream that writes the pipe to a program's stdin; closing it gives the program end of file. */
-    static OutputStream output(int fd) {
-        Pipe pipe = new Pipe(fd);
-        Output stream = new Output(pipe);
-        pipe.cleanable = NativeProcess.CLEANER.register(stream, pipe);
-        return stream;
+    private static NativeProcessGlue glue() {
+        return NativeProcessGlue.get();
     }
 
     /** Counts a call in; every successful call must be followed by {@link #release}. @return the number */
@@ -57,50 +70,226 @@ final class Pipe implements Runnable {
         return fd;
     }
 
-    /** Counts a call out, closing the number when a close was asked for meanwhile. */
+    /** Counts a call out: the last one closes the number when a close was asked for, or drains at the end. */
     private void release() {
         boolean last;
+        boolean drain;
         synchronized (this) {
-            last = --users == 0 && closing && !closed;
+            users--;
+            drain = users == 0 && drainAtEnd && !closing;
+            last = users == 0 && closing && !closed;
             closed |= last;
         }
-        if (last) {
-            try {
-                GLUE.close(fd);
-            } catch (IOException ignored) {
-                // The close() that asked for it has returned already; nobody is left to tell.
-            }
+        if (drain) {
+            drain();
+        } else if (last) {
+            closeNumber();
         }
     }
 
-    /** Closes the number now, or once the calls in progress have left. Later calls do nothing. */
-    private void close() throws IOException {
+    private void closeNumber() {
+        try {
+            glue().close(fd);
+        } catch (IOException ignored) {
+            // Whoever asked for the close has returned already; nobody is left to tell.
+        }
+    }
+
+    /** Closes the pipe for good: later reads and writes fail. Calling it again does nothing. */
+    void close() {
+        boolean now;
+        synchronized (this) {
+            userClosed = true;
+            drained = null;
+            now = !closing && users == 0;
+            closing = true;
+            closed |= now;
+        }
+        if (now) {
+            closeNumber();
+        }
+    }
+
+    /** The stream's close: the pipe's, and the stream's cleaning action is no longer needed. */
+    private void closeStream() {
+        close();
+        Cleaner.Cleanable registered;
+        synchronized (this) {
+            registered = cleanable;
+        }
+        if (registered != null) {
+            registered.clean();
+        }
+    }
+
+    /** The close of a process object becoming unreachable: a stream that was handed out stays usable. */
+    void closeUnlessHandedOut() {
+        boolean mine;
+        synchronized (this) {
+            mine = !handedOut;
+        }
+        if (mine) {
+            close();
+        }
+    }
+
+    /** The program has ended: stdin's pipe is closed (once writes in progress have left). */
+    void closeAtEnd() {
+        boolean now;
+        synchronized (this) {
+            now = !closing && users == 0;
+            closing = true;
+            closed |= now;
+        }
+        if (now) {
+            closeNumber();
+        }
+    }
+
+    /**
+     * The program has ended: what stdout or stderr hold unread is drained into memory and the number given
+     * back; a read in progress drains when it leaves. Only what is there is read, so this never blocks.
+     */
+    void drain() {
         synchronized (this) {
             if (closing) {
                 return;
             }
-            closing = true;
             if (users > 0) {
+                drainAtEnd = true;
                 return;
             }
-            closed = true;
+            closing = true; // no other call meanwhile: readers wait for the drain
+            draining = true;
         }
-        GLUE.close(fd);
-    }
-
-    /** The stream's close: the pipe's, and the cleaning action is no longer needed. */
-    private void closeForOwner() throws IOException {
-        close();
-        cleanable.clean();
-    }
-
-    /** The cleaning action of a stream that became unreachable. */
-    @Override
-    public void run() {
+        byte[] left = new byte[0];
         try {
-            close();
-        } catch (IOException ignored) {
-            // Nobody to tell.
+            left = readAvailable();
+        } catch (IOException | RuntimeException e) {
+            // What could not be read is lost with the pipe, as it would be for the program's other readers.
+        } finally {
+            synchronized (this) {
+                if (!userClosed) {
+                    drained = left;
+                }
+                draining = false;
+                closed = true;
+                notifyAll();
+            }
+            closeNumber();
+        }
+    }
+
+    private byte[] readAvailable() throws IOException {
+        byte[] left = new byte[0];
+        for (int ready; (ready = glue().available(fd)) > 0;) {
+            byte[] grown = Arrays.copyOf(left, left.length + ready);
+            int got = glue().read(fd, grown, left.length, ready);
+            if (got <= 0) {
+                break;
+            }
+            left = got == ready ? grown : Arrays.copyOf(grown, left.length + got);
+        }
+        return left;
+    }
+
+    /** Waits while a drain is running; the caller holds the monitor. */
+    private void awaitDrain() {
+        boolean interrupted = false;
+        while (draining) {
+            try {
+                wait();
+            } catch (InterruptedException e) {
+                interrupted = true;
+            }
+        }
+        if (interrupted) {
+            Thread.currentThread().interrupt();
+        }
+    }
+
+    /** Reads from memory after the drain: the count, -1 at the end, or null while the pipe is still open. */
+    private synchronized Integer readDrained(byte[] buffer, int offset, int length) throws IOException {
+        awaitDrain();
+        if (userClosed) {
+            throw new IOException("Stream closed");
+        }
+        if (drained == null) {
+            return null;
+        }
+        int count = Math.min(length, drained.length - drainedAt);
+        if (count <= 0) {
+            return -1;
+        }
+        System.arraycopy(drained, drainedAt, buffer, offset, count);
+        drainedAt += count;
+        return count;
+    }
+
+    private int read(byte[] buffer, int offset, int length) throws IOException {
+        Objects.checkFromIndexSize(offset, length, buffer.length);
+        if (length == 0) {
+            return 0;
+        }
+        Integer fromMemory = readDrained(buffer, offset, length);
+        if (fromMemory != null) {
+            return fromMemory;
+        }
+        int number;
+        try {
+            number = acquire();
+        } catch (IOException e) {
+            fromMemory = readDrained(buffer, offset, length); // drained meanwhile
+            if (fromMemory != null) {
+                return fromMemory;
+            }
+            throw e;
+        }
+        try {
+            return glue().read(number, buffer, offset, length);
+        } finally {
+            release();
+        }
+    }
+
+    /** What can be read without blocking: from memory after the drain, else -1 while the pipe is open. */
+    private synchronized int availableDrained() throws IOException {
+        awaitDrain();
+        if (userClosed) {
+            throw new IOException("Stream closed");
+        }
+        return drained != null ? drained.length - drainedAt : -1;
+    }
+
+    private int available() throws IOException {
+        int fromMemory = availableDrained();
+        if (fromMemory >= 0) {
+            return fromMemory;
+        }
+        int number;
+        try {
+            number = acquire();
+        } catch (IOException e) {
+            fromMemory = availableDrained(); // drained meanwhile
+            if (fromMemory >= 0) {
+                return fromMemory;
+            }
+            throw e;
+        }
+        try {
+            return glue().available(number);
+        } finally {
+            release();
+        }
+    }
+
+    private void write(byte[] buffer, int offset, int length) throws IOException {
+        Objects.checkFromIndexSize(offset, length, buffer.length);
+        int number = acquire();
+        try {
+            glue().write(number, buffer, offset, length);
+        } finally {
+            release();
         }
     }
 
@@ -119,33 +308,25 @@ final class Pipe implements Runnable {
 
         @Override
         public int read(byte[] buffer, int offset, int length) throws IOException {
-            Objects.checkFromIndexSize(offset, length, buffer.length);
-            if (length == 0) {
-                return 0;
-            }
-            int fd = pipe.acquire();
             try {
-                return GLUE.read(fd, buffer, offset, length);
+                return pipe.read(buffer, offset, length);
             } finally {
-                pipe.release();
                 Reference.reachabilityFence(this);
             }
         }
 
         @Override
         public int available() throws IOException {
-            int fd = pipe.acquire();
             try {
-                return GLUE.available(fd);
+                return pipe.available();
             } finally {
-                pipe.release();
                 Reference.reachabilityFence(this);
             }
         }
 
         @Override
-        public void close() throws IOException {
-            pipe.closeForOwner();
+        public void close() {
+            pipe.closeStream();
         }
     }
 
@@ -163,19 +344,16 @@ final class Pipe implements Runnable {
 
         @Override
         public void write(byte[] buffer, int offset, int length) throws IOException {
-            Objects.checkFromIndexSize(offset, length, buffer.length);
-            int fd = pipe.acquire();
             try {
-                GLUE.write(fd, buffer, offset, length);
+                pipe.write(buffer, offset, length);
             } finally {
-                pipe.release();
                 Reference.reachabilityFence(this);
             }
         }
 
         @Override
-        public void close() throws IOException {
-            pipe.closeForOwner();
+        public void close() {
+            pipe.closeStream();
         }
     }
 }

@@ -12,10 +12,6 @@ import java.io.IOException;
  * native there and is released with {@link UnixProcessGlue#done}.
  */
 public final class NativeProcessGlue {
-    static {
-        NativeLibrary.load();
-    }
-
     /** The standard descriptor is the JVM's own. */
     public static final int STD_INHERIT = 0;
     /** A pipe: the JVM's end comes back in {@code pipeFds}. */
@@ -83,13 +79,27 @@ public final class NativeProcessGlue {
     /** Failed step: the exec of the program. */
     public static final int STEP_EXEC = 9;
 
-    private static final NativeProcessGlue INSTANCE = new NativeProcessGlue();
+    private static volatile NativeProcessGlue instance;
 
     private NativeProcessGlue() {}
 
-    /** @return the one instance through which the natives are called */
+    /**
+     * @return the one instance through which the natives are called. The library is loaded at the first call,
+     *     not when the class is initialised: a failure (no memory for a moment) is tried again at the next call
+     *     instead of leaving the class unusable for the life of the JVM
+     */
     public static NativeProcessGlue get() {
-        return INSTANCE;
+        NativeProcessGlue glue = instance;
+        if (glue == null) {
+            synchronized (NativeProcessGlue.class) {
+                if (instance == null) {
+                    NativeLibrary.load();
+                    instance = new NativeProcessGlue();
+                }
+                glue = instance;
+            }
+        }
+        return glue;
     }
 
     /**
@@ -109,7 +119,8 @@ public final class NativeProcessGlue {
      * @param userName user of the program, or null
      * @param settings {@link #SETTINGS} values, indexed by the {@code SETTING_} constants
      * @param launched {@link #LAUNCHED} values, indexed by the {@code LAUNCHED_} constants, filled in
-     * @return the handle of the new process
+     * @return the handle of the new process; a child's end is collected by the library as soon as it ends,
+     *     whether or not anybody asks for it, also after {@link UnixProcessGlue#done}
      * @throws ProcessOpException with the subclass of the failure
      */
     public native long launch(String executable, String[] arguments, String[] environment, String[] baseEnvironment,
@@ -153,6 +164,19 @@ public final class NativeProcessGlue {
      */
     public native int awaitEnded(long[] ended, int timeoutMillis);
 
-    /** Sends SIGKILL to the process group the process leads and to every descendant, at once. */
+    /**
+     * Sends a signal through the process's pidfd, so never to a process that reused its PID.
+     *
+     * @param signal the signal's number, 1 to 64
+     * @return false when the process has ended and nothing was sent
+     * @throws ProcessOpException EINVAL for a number that is no signal, {@code AccessDeniedException} when the
+     *     system refuses
+     */
+    public native boolean signal(long handle, int signal) throws ProcessOpException;
+
+    /**
+     * Sends SIGKILL to the process group the process leads and to every descendant, at once. A tree that
+     * holds the calling process is refused (EDEADLK) before anything is sent.
+     */
     public native void killTree(long handle) throws ProcessOpException;
 }

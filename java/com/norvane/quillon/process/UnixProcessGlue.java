@@ -11,17 +11,27 @@ import com.norvane.quillon.process.exception.ProcessOpException;
  * uses it any more. A handle must not be used after {@code done}.
  */
 public final class UnixProcessGlue {
-    static {
-        NativeLibrary.load();
-    }
-
-    private static final UnixProcessGlue INSTANCE = new UnixProcessGlue();
+    private static volatile UnixProcessGlue instance;
 
     private UnixProcessGlue() {}
 
-    /** @return the one instance through which the natives are called */
+    /**
+     * @return the one instance through which the natives are called. The library is loaded at the first call,
+     *     not when the class is initialised: a failure (no memory for a moment) is tried again at the next call
+     *     instead of leaving the class unusable for the life of the JVM
+     */
     public static UnixProcessGlue get() {
-        return INSTANCE;
+        UnixProcessGlue glue = instance;
+        if (glue == null) {
+            synchronized (UnixProcessGlue.class) {
+                if (instance == null) {
+                    NativeLibrary.load();
+                    instance = new UnixProcessGlue();
+                }
+                glue = instance;
+            }
+        }
+        return glue;
     }
 
     /**

@@ -2,11 +2,19 @@ package com.norvane.quillon;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertNotEquals;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 import static org.junit.jupiter.api.Assumptions.assumeTrue;
 
+import com.norvane.quillon.process.ChildJvm;
+import com.norvane.quillon.process.NativeProcessGlue;
+import com.norvane.quillon.process.UnixProcessGlue;
+import com.norvane.quillon.process.exception.ProcessOpException;
+import java.io.BufferedReader;
+import java.io.File;
 import java.io.IOException;
+import java.io.InputStreamReader;
 import java.lang.ProcessBuilder.Redirect;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
@@ -145,6 +153,7 @@ class LauncherTest {
         long pid = Long.parseLong(out.strip().lines().reduce((first, last) -> last).orElseThrow());
         assertFalse(ended(pid), "the program outlived the JVM that started it");
         try (NativeProcess adopted = NativeProcess.adopt(pid)) {
+            assertFalse(adopted.exitStatusKnown());
             assertTrue(adopted.isAlive());
             assertEquals(pid, adopted.toHandle().pid());
             assertTrue(ProcessHandle.current().children().noneMatch(child -> child.pid() == pid), "no child of ours");
@@ -154,6 +163,83 @@ class LauncherTest {
             assertEquals(0, adopted.exitSignal());
             assertFalse(adopted.isAlive());
         }
+    }
+
+    /** Tries four launches that fail and prints each exception's message and cause; nothing else. */
+    public static final class FailedStarts {
+        public static void main(String[] args) {
+            Launcher[] launchers = {new Launcher("true").redirectOutput(new File("/no/dir/out")),
+                new Launcher("true").user("no-such-user-q"), new Launcher("true").group("no-such-group-q"),
+                new Launcher("true").directory(new File("/no/such/dir"))};
+            for (Launcher launcher : launchers) {
+                try {
+                    launcher.start().close();
+                    System.out.println("started");
+                } catch (IOException e) {
+                    System.out.println(e.getMessage() + " | " + e.getCause().getClass().getSimpleName());
+                }
+            }
+        }
+    }
+
+    @Test
+    void aFailedStartWritesNothingToTheJvmsStreamsAndNamesWhatWasAtFault() throws Exception {
+        assertEquals(String.join("\n",
+                "Cannot run program \"true\": stdout file \"/no/dir/out\": No such file or directory | InvalidFileException",
+                "Cannot run program \"true\": user \"no-such-user-q\": no such user | InvalidUsernameException",
+                "Cannot run program \"true\": group \"no-such-group-q\": no such group | InvalidGroupException",
+                "Cannot run program \"true\" (in directory \"/no/such/dir\"): directory \"/no/such/dir\": No such file or "
+                        + "directory | InvalidDirectoryException") + "\n",
+                ChildJvm.run(false, FailedStarts.class));
+    }
+
+    @Test
+    void signalReachesAProgramThatTrapsItAndIsRefusedOnceItHasEnded() throws Exception {
+        try (NativeProcess process = shell("trap 'echo hup; exit 7' HUP; echo ready; while :; do sleep 0.05; done")
+                .start()) {
+            BufferedReader out = new BufferedReader(new InputStreamReader(process.getInputStream(), StandardCharsets.UTF_8));
+            assertEquals("ready", out.readLine());
+            assertTrue(process.signal(1));
+            assertEquals("hup", out.readLine());
+            assertEquals(7, process.waitFor());
+            assertFalse(process.signal(1), "nothing is sent to a process that has ended");
+            for (int notASignal : new int[] {0, -1, 65}) {
+                assertThrows(IllegalArgumentException.class, () -> process.signal(notASignal));
+            }
+        }
+    }
+
+    @ParameterizedTest(name = "{0}")
+    @CsvSource({"umask -1, -1", "umask 01000, 512", "umask 0x7fffffff, 2147483647", "process group -1, -1",
+            "process group above the largest PID, 2147483648"})
+    void valuesTheSystemCannotTakeAreRefused(String name, long value) {
+        Launcher launcher = new Launcher("true");
+        assertThrows(IllegalArgumentException.class, () -> {
+            if (name.startsWith("umask")) {
+                launcher.umask((int) value);
+            } else {
+                launcher.processGroup(value);
+            }
+        });
+    }
+
+    /** Stopping the tree of the JVM's own parent would stop the JVM itself for good. */
+    @Test
+    void aTreeThatHoldsTheJvmIsRefusedBeforeAnythingIsSent() throws Exception {
+        long parent = ProcessHandle.current().parent().orElseThrow().pid();
+        try (NativeProcess ancestor = NativeProcess.adopt(parent)) {
+            IllegalStateException e = assertThrows(IllegalStateException.class, ancestor::killTree);
+            assertTrue(e.getMessage().contains("holds this JVM"), e.getMessage());
+        }
+        long handle = UnixProcessGlue.get().recreate(Long.toString(parent));
+        try { // the native refuses too, for callers of the glue
+            ProcessOpException e = assertThrows(ProcessOpException.class, () -> NativeProcessGlue.get().killTree(handle));
+            assertEquals("Error terminating process.  035: Resource deadlock avoided", e.getMessage());
+        } finally {
+            UnixProcessGlue.get().done(handle);
+        }
+        String state = Files.readString(Path.of("/proc/" + parent + "/stat")).replaceFirst(".*\\) ", "").substring(0, 1);
+        assertNotEquals("T", state, "the parent was stopped");
     }
 
     @Test

@@ -3,6 +3,7 @@ package com.norvane.quillon;
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertInstanceOf;
+import static org.junit.jupiter.api.Assertions.assertSame;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 import static org.junit.jupiter.api.Assertions.fail;
@@ -22,9 +23,13 @@ import java.util.concurrent.ExecutorService;
 import java.util.concurrent.Executors;
 import java.util.concurrent.Future;
 import java.util.concurrent.TimeUnit;
+import java.util.concurrent.CopyOnWriteArrayList;
 import java.util.stream.Stream;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.function.Executable;
+import org.junit.jupiter.api.io.TempDir;
+import org.junit.jupiter.params.ParameterizedTest;
+import org.junit.jupiter.params.provider.ValueSource;
 
 /** The process object owns its native handle and pipes: closes, garbage collection and waits may race. */
 class OwnershipTest {
@@ -61,23 +66,73 @@ class OwnershipTest {
         assertTrue(gone(pid), "the closed object's child was collected, no zombie");
     }
 
-    @Test
-    void closeEndsWaitsInOtherThreads() throws Exception {
+    /** Runs each call in a thread of its own and returns once every one of them waits inside the call. */
+    private static List<Future<Object>> waitingIn(ExecutorService pool, List<Callable<Object>> calls)
+            throws InterruptedException {
+        List<Thread> threads = new CopyOnWriteArrayList<>();
+        List<Future<Object>> futures = new ArrayList<>();
+        for (Callable<Object> call : calls) {
+            futures.add(pool.submit(() -> {
+                threads.add(Thread.currentThread());
+                return call.call();
+            }));
+        }
+        while (threads.size() < calls.size() || threads.stream().anyMatch(t -> t.getState() == Thread.State.RUNNABLE)) {
+            Thread.sleep(10);
+        }
+        return futures;
+    }
+
+    @ParameterizedTest(name = "detached: {0}")
+    @ValueSource(booleans = {false, true})
+    void closeLetsTheWaitsInProgressFinishWithTheOutcome(boolean detached) throws Exception {
         ExecutorService pool = Executors.newCachedThreadPool();
-        try (NativeProcess process = new Launcher("sleep", "30").start()) {
+        try {
+            NativeProcess process = new Launcher("sleep", "30").detached(detached).start();
+            ProcessHandle handle = process.toHandle();
             CompletableFuture<Process> exit = process.onExit();
-            Future<Integer> waiter = pool.submit(() -> process.waitFor());
-            Future<Boolean> timedWaiter = pool.submit(() -> process.waitFor(20, TimeUnit.SECONDS));
-            Thread.sleep(200);
-            process.toHandle().destroyForcibly(); // the close below must not stop the collection of the end
+            List<Future<Object>> waits = waitingIn(pool, List.of(process::waitFor,
+                    () -> process.waitFor(20, TimeUnit.SECONDS)));
             process.close();
-            for (Future<?> wait : List.of(waiter, timedWaiter, exit)) {
-                ExecutionException e = assertThrows(ExecutionException.class, () -> wait.get(5, TimeUnit.SECONDS));
-                assertInstanceOf(IllegalStateException.class, e.getCause());
-            }
+            assertThrows(IllegalStateException.class, process::waitFor, "a wait that starts after the close");
+            handle.destroyForcibly();
+            assertEquals(detached ? 0 : 137, waits.get(0).get(10, TimeUnit.SECONDS));
+            assertEquals(true, waits.get(1).get(10, TimeUnit.SECONDS));
+            assertSame(process, exit.get(10, TimeUnit.SECONDS));
         } finally {
             pool.shutdown();
         }
+    }
+
+    /** A child's end is still collected after a close, so its futures complete; nobody follows any other process. */
+    @ParameterizedTest(name = "detached: {0}")
+    @ValueSource(booleans = {false, true})
+    void closeWithoutWaitsEndsTheFollowingOfAProcessThatIsNoChild(boolean detached) throws Exception {
+        NativeProcess process = new Launcher("sleep", "30").detached(detached).start();
+        ProcessHandle handle = process.toHandle();
+        CompletableFuture<Process> exit = process.onExit();
+        process.close();
+        if (detached) {
+            ExecutionException e = assertThrows(ExecutionException.class, () -> exit.get(10, TimeUnit.SECONDS));
+            assertInstanceOf(IllegalStateException.class, e.getCause());
+            handle.destroyForcibly();
+        } else {
+            assertFalse(exit.isDone());
+            handle.destroyForcibly();
+            assertSame(process, exit.get(10, TimeUnit.SECONDS));
+        }
+    }
+
+    @Test
+    void closeFlushesWhatWasWrittenToStdin(@TempDir Path dir) throws Exception {
+        Path out = dir.resolve("out");
+        ProcessHandle handle;
+        try (NativeProcess cat = new Launcher("cat").redirectOutput(out.toFile()).start()) {
+            handle = cat.toHandle();
+            cat.getOutputStream().write("the tail of the input".getBytes(StandardCharsets.UTF_8));
+        }
+        handle.onExit().get(10, TimeUnit.SECONDS);
+        assertEquals("the tail of the input", Files.readString(out));
     }
 
     /** Each racer, a read of stdout among them, either completes or meets the close; nothing else, nothing hangs. */
@@ -166,9 +221,9 @@ class OwnershipTest {
         launchMany(200); // starts the watcher and cleaner threads, opens what the JVM opens lazily
         System.gc();
         Thread.sleep(500);
+        long zombies = zombieChildren(); // first: its first file read opens what the JDK keeps open for good
         long fds = descriptors();
         int threads = Thread.getAllStackTraces().size();
-        long zombies = zombieChildren();
         launchMany(10_000);
         boolean settled = false;
         for (int i = 0; i < 100 && !settled; i++) { // the dropped ones go with the garbage

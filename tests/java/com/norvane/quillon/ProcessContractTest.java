@@ -10,15 +10,19 @@ import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.norvane.quillon.process.exception.InvalidDirectoryException;
 import com.norvane.quillon.process.exception.InvalidExecutableException;
+import com.norvane.quillon.process.exception.InvalidFileException;
 import java.io.File;
 import java.io.IOException;
 import java.io.InputStream;
 import java.io.OutputStream;
 import java.io.UncheckedIOException;
 import java.nio.charset.StandardCharsets;
+import java.nio.file.Files;
+import java.nio.file.Path;
 import java.time.Duration;
 import java.util.ArrayList;
 import java.util.List;
+import java.util.Set;
 import java.util.concurrent.CompletableFuture;
 import java.util.concurrent.TimeUnit;
 import java.util.function.Consumer;
@@ -26,6 +30,7 @@ import java.util.stream.Stream;
 import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.Arguments;
+import org.junit.jupiter.params.provider.CsvSource;
 import org.junit.jupiter.params.provider.EnumSource;
 import org.junit.jupiter.params.provider.MethodSource;
 
@@ -41,10 +46,14 @@ class ProcessContractTest {
         LAUNCHER {
             @Override
             Process start(ProcessBuilder builder) throws IOException {
-                return new Launcher(builder.command()).directory(builder.directory())
+                Launcher launcher = new Launcher().command(builder.command()).directory(builder.directory())
                         .redirectInput(builder.redirectInput()).redirectOutput(builder.redirectOutput())
-                        .redirectError(builder.redirectError()).redirectErrorStream(builder.redirectErrorStream())
-                        .start();
+                        .redirectError(builder.redirectError()).redirectErrorStream(builder.redirectErrorStream());
+                if (!builder.environment().equals(System.getenv())) {
+                    launcher.environment().clear();
+                    launcher.environment().putAll(builder.environment());
+                }
+                return launcher.start();
             }
         };
 
@@ -182,20 +191,117 @@ class ProcessContractTest {
 
     static Stream<Arguments> failures() {
         return Stream.of(Kind.values()).flatMap(kind -> Stream.of(
-                Arguments.of(kind, "missing program", new ProcessBuilder("/no/such/program"),
+                Arguments.of(kind, "missing program", new ProcessBuilder("/no/such/program"), "/no/such/program",
                         InvalidExecutableException.class),
                 Arguments.of(kind, "missing directory", new ProcessBuilder("true").directory(new File("/no/such/dir")),
-                        InvalidDirectoryException.class)));
+                        "/no/such/dir", InvalidDirectoryException.class),
+                Arguments.of(kind, "stdout in a missing directory",
+                        new ProcessBuilder("true").redirectOutput(new File("/no/dir/out")), "/no/dir/out",
+                        InvalidFileException.class),
+                Arguments.of(kind, "missing stdin file", new ProcessBuilder("cat").redirectInput(new File("/no/in")),
+                        "/no/in", InvalidFileException.class)));
     }
 
     @ParameterizedTest(name = "{0}: {1}")
     @MethodSource("failures")
-    void failuresToStartAreIOExceptions(Kind kind, String name, ProcessBuilder builder, Class<?> cause) {
+    void failuresToStartNameWhatWasAtFault(Kind kind, String name, ProcessBuilder builder, String culprit,
+            Class<?> cause) {
         IOException e = assertThrows(IOException.class, () -> start(kind, builder));
+        assertTrue(e.getMessage().startsWith("Cannot run program \"" + builder.command().get(0) + "\""), e.getMessage());
+        assertTrue(e.getMessage().contains(culprit), e.getMessage());
         assertTrue(e.getMessage().contains("No such file or directory"), e.getMessage());
         if (kind == Kind.LAUNCHER) {
             assertInstanceOf(cause, e.getCause());
             assertEquals("Error creating new process. 002: No such file or directory", e.getCause().getMessage());
         }
+    }
+
+    private static long descriptors() throws IOException {
+        try (Stream<Path> fds = Files.list(Path.of("/proc/self/fd"))) {
+            return fds.count();
+        }
+    }
+
+    /** Descriptors of the JVM once the ones of ended processes had a moment to go. */
+    private static long settledDescriptors(long before) throws Exception {
+        long now = descriptors();
+        for (int i = 0; i < 100 && now > before; i++) {
+            Thread.sleep(20);
+            now = descriptors();
+        }
+        return now;
+    }
+
+    /**
+     * An ended process lets go of its descriptors without close() and without the garbage collector: the
+     * objects stay reachable and the streams open, as code written for Process leaves them.
+     */
+    @ParameterizedTest(name = "{0}: {1}")
+    @CsvSource({"PROCESS_BUILDER, read to the end", "LAUNCHER, read to the end", "PROCESS_BUILDER, destroyForcibly",
+            "LAUNCHER, destroyForcibly"})
+    void twoThousandEndedProcessesHoldNoDescriptor(Kind kind, String ending) throws Exception {
+        boolean killed = ending.equals("destroyForcibly");
+        shell(kind, "true").waitFor(); // what the JVM opens once, at the first launch
+        long before = descriptors();
+        List<Process> kept = new ArrayList<>();
+        for (int i = 0; i < 2000; i++) {
+            Process process = killed ? shell(kind, "exec sleep 30") : shell(kind, "echo " + i);
+            kept.add(process);
+            if (killed) {
+                process.destroyForcibly();
+            } else {
+                assertEquals(i + "\n", text(process.getInputStream()));
+            }
+            assertEquals(killed ? 137 : 0, process.waitFor());
+        }
+        assertTrue(settledDescriptors(before) <= before + 10, "descriptors: " + before + " -> " + descriptors());
+        started.removeAll(kept); // ended already
+    }
+
+    @ParameterizedTest(name = "{0}")
+    @EnumSource(Kind.class)
+    void stdinIsClosedWhenTheProgramEnds(Kind kind) throws Exception {
+        Process process = shell(kind, "exit 0");
+        OutputStream stdin = process.getOutputStream();
+        assertEquals(0, process.waitFor());
+        Thread.sleep(100);
+        stdin.write('x');
+        IOException e = assertThrows(IOException.class, stdin::flush);
+        assertEquals("Stream closed", e.getMessage());
+    }
+
+    @ParameterizedTest(name = "{0}")
+    @EnumSource(Kind.class)
+    void theEnvironmentMapIsAllTheProgramSees(Kind kind) throws Exception {
+        ProcessBuilder builder = new ProcessBuilder("/usr/bin/env");
+        builder.environment().clear();
+        builder.environment().put("ONLY", "1");
+        builder.environment().put("LANGUAGE", "de");
+        assertThrows(IllegalArgumentException.class, () -> builder.environment().put("A=B", "x"));
+        Process process = start(kind, builder);
+        assertEquals(Set.of("ONLY=1", "LANGUAGE=de"), Set.of(text(process.getInputStream()).split("\n")));
+        assertEquals(0, process.waitFor());
+    }
+
+    /** Job control behaves the same: signals ignored or blocked in the program as in a ProcessBuilder child. */
+    @ParameterizedTest(name = "{0}")
+    @EnumSource(Kind.class)
+    void signalDispositionsAreThoseOfAProcessBuilderChild(Kind kind) throws Exception {
+        String script = "grep -E '^Sig(Blk|Ign)' /proc/self/status";
+        String expected = standardSignals(text(new ProcessBuilder("/bin/sh", "-c", script).start().getInputStream()));
+        assertEquals(expected, standardSignals(text(shell(kind, script).getInputStream())));
+    }
+
+    /**
+     * The masks of signals 1 to 31. Above them, ProcessBuilder's children inherit 32 and 33 ignored: glibc's
+     * own signals, which the C library's spawn sets so in its child.
+     */
+    private static String standardSignals(String status) {
+        StringBuilder masks = new StringBuilder();
+        for (String line : status.strip().split("\n")) {
+            String[] field = line.split(":\\s*");
+            masks.append(field[0]).append(':').append(Long.parseLong(field[1], 16) & 0x7fffffffL).append(' ');
+        }
+        return masks.toString().strip();
     }
 }

@@ -5,17 +5,27 @@ import com.norvane.quillon.process.exception.ProcessOpException;
 
 /** Native mutexes held by {@code long} handles, and the threading model of the process. */
 public final class ThreadUtil {
-    static {
-        NativeLibrary.load();
-    }
-
-    private static final ThreadUtil INSTANCE = new ThreadUtil();
+    private static volatile ThreadUtil instance;
 
     private ThreadUtil() {}
 
-    /** @return the one instance through which the natives are called */
+    /**
+     * @return the one instance through which the natives are called. The library is loaded at the first call,
+     *     not when the class is initialised: a failure (no memory for a moment) is tried again at the next call
+     *     instead of leaving the class unusable for the life of the JVM
+     */
     public static ThreadUtil get() {
-        return INSTANCE;
+        ThreadUtil glue = instance;
+        if (glue == null) {
+            synchronized (ThreadUtil.class) {
+                if (instance == null) {
+                    NativeLibrary.load();
+                    instance = new ThreadUtil();
+                }
+                glue = instance;
+            }
+        }
+        return glue;
     }
 
     /** @return the handle of a new mutex with default attributes */

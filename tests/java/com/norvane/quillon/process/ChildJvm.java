@@ -15,22 +15,28 @@ import java.util.concurrent.TimeUnit;
 import java.util.stream.Stream;
 
 /** Runs a main class of the tests in a JVM of its own, under -Xcheck:jni, optionally as user nobody. */
-final class ChildJvm {
+public final class ChildJvm {
     private ChildJvm() {}
 
-    static boolean isRoot() {
+    public static boolean isRoot() {
         return "root".equals(System.getProperty("user.name"));
     }
 
-    static List<String> command(boolean asNobody, Class<?> main, String... args) {
+    public static List<String> command(boolean asNobody, Class<?> main, String... args) {
+        return command(asNobody, List.of(), main, args);
+    }
+
+    /** With options for the child JVM, such as a heap size. */
+    public static List<String> command(boolean asNobody, List<String> options, Class<?> main, String... args) {
         List<String> command = new ArrayList<>();
         if (asNobody) {
             command.addAll(List.of("setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"));
         }
         String[] paths = asNobody ? NobodyCopies.PATHS
                 : new String[] {System.getProperty("quillon.classpath"), System.getProperty("java.library.path")};
-        command.addAll(List.of(System.getProperty("java.home") + "/bin/java", "-Xcheck:jni",
-                "-Djava.library.path=" + paths[1], "-cp", paths[0], main.getName()));
+        command.addAll(List.of(System.getProperty("java.home") + "/bin/java", "-Xcheck:jni"));
+        command.addAll(options);
+        command.addAll(List.of("-Djava.library.path=" + paths[1], "-cp", paths[0], main.getName()));
         command.addAll(List.of(args));
         return command;
     }
@@ -83,9 +89,20 @@ final class ChildJvm {
     }
 
     /** Runs it to its end and returns what it wrote to stdout and stderr. */
-    static String run(boolean asNobody, Map<String, String> environment, boolean clearEnvironment, Class<?> main,
+    public static String run(boolean asNobody, Map<String, String> environment, boolean clearEnvironment, Class<?> main,
             String... args) throws IOException, InterruptedException {
-        ProcessBuilder builder = new ProcessBuilder(command(asNobody, main, args)).redirectErrorStream(true);
+        return run(asNobody, environment, clearEnvironment, List.of(), main, args);
+    }
+
+    /** Runs it with options for the child JVM, such as a heap size. */
+    public static String run(boolean asNobody, List<String> options, Class<?> main, String... args)
+            throws IOException, InterruptedException {
+        return run(asNobody, Map.of(), false, options, main, args);
+    }
+
+    private static String run(boolean asNobody, Map<String, String> environment, boolean clearEnvironment,
+            List<String> options, Class<?> main, String... args) throws IOException, InterruptedException {
+        ProcessBuilder builder = new ProcessBuilder(command(asNobody, options, main, args)).redirectErrorStream(true);
         if (clearEnvironment) {
             builder.environment().clear();
         }
@@ -99,12 +116,12 @@ final class ChildJvm {
         return new String(output, StandardCharsets.UTF_8);
     }
 
-    static String run(boolean asNobody, Class<?> main, String... args) throws IOException, InterruptedException {
+    public static String run(boolean asNobody, Class<?> main, String... args) throws IOException, InterruptedException {
         return run(asNobody, Map.of(), false, main, args);
     }
 
     /** The output without the library's trace and error lines. */
-    static String withoutTrace(String output) {
+    public static String withoutTrace(String output) {
         return output.replaceAll("(?m)^Time: \\[0x[0-9a-f]+\\], Process: .*\n", "");
     }
 }
