@@ -48,8 +48,8 @@ NEW_PROCESS_CODE void close_descriptors_except(const int* keep, int count, int o
 NEW_PROCESS_CODE void close_inherited_descriptors(const LaunchRequest& request) {
     int keep[4] = {request.writeEnd, -1, -1, -1};
     int count = 1;
-    for (const UniqueFd& end : request.childPipeEnds)
-        if (end.get() >= 0) keep[count++] = end.get();
+    for (const StdPlan& plan : request.plans)
+        if (plan.kind == StdPlan::Kind::Pipe || plan.kind == StdPlan::Kind::Descriptor) keep[count++] = plan.pipeEnd;
     for (int i = 1; i < count; ++i) // a handful of numbers: an insertion sort
         for (int j = i; j > 0 && keep[j - 1] > keep[j]; --j)
             std::swap(keep[j - 1], keep[j]);

@@ -20,17 +20,19 @@ enum StdMode : int {
     kStdWrite = 4,
     kStdAppend = 5,
     kStdAsStdout = 6,
-    kStdNamed = 7, // a redirection name of `create`: a leading '!' truncates, anything else appends
+    kStdNamed = 7,      // a redirection name of `create`: a leading '!' truncates, anything else appends
+    kStdDescriptor = 8, // a descriptor of the launcher's (a pipe between two new processes), duplicated
 };
 
 struct StdRequest {
     int mode = kStdInherit;
     const char* path = nullptr;
+    int fd = -1; // kStdDescriptor
 };
 
 // One standard descriptor as the new process sets it up.
 struct StdPlan {
-    enum class Kind { Inherit, DevNullStdin, File, Pipe, AsStdout };
+    enum class Kind { Inherit, DevNullStdin, File, Pipe, Descriptor, AsStdout };
     Kind kind = Kind::Inherit;
     // File: the name as given (behind a '!'), the flags, and how the name was built, for the trace.
     const char* name = nullptr;
@@ -40,7 +42,7 @@ struct StdPlan {
     bool slashAppended = false;
     int freeSpace[2] = {0, 0};  // the free space of the name buffer before and after the '/'
     char* path = nullptr;
-    // Pipe: the new process's end.
+    // Pipe: the new process's end; Descriptor: the launcher's descriptor it duplicates.
     int pipeEnd = -1;
 };
 

@@ -228,6 +228,10 @@ int plan_std_handles(LaunchRequest* request, int* sysErr) {
         case kStdAsStdout:
             plan->kind = StdPlan::Kind::AsStdout;
             break;
+        case kStdDescriptor:
+            plan->kind = StdPlan::Kind::Descriptor;
+            plan->pipeEnd = asked.fd;
+            break;
         }
         if (!planned) {
             *sysErr = ENOMEM;
@@ -253,6 +257,7 @@ NEW_PROCESS_CODE ExecOutcome SetupChildStdHandles(const LaunchRequest& request, 
             result = redirect_to_file(context, plan, i, request.workingDirectory, &sysErr);
             break;
         case StdPlan::Kind::Pipe:
+        case StdPlan::Kind::Descriptor:
             result = duplicate_onto(context, plan.pipeEnd, i, &sysErr);
             break;
         case StdPlan::Kind::AsStdout:

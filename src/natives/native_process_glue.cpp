@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -15,7 +16,7 @@
 #include "quillon/boundary.h"
 #include "supervision/supervision_internal.h"
 #include "supervision/tree.h"
-#include "supervision/watcher.h"
+#include "supervision/events.h"
 
 namespace {
 constexpr size_t kStackBuffer = 8192;
@@ -59,6 +60,7 @@ constexpr int kSettingFlags = com_norvane_quillon_process_NativeProcessGlue_SETT
 constexpr int kSettingNice = com_norvane_quillon_process_NativeProcessGlue_SETTING_NICE;
 constexpr int kSettingUmask = com_norvane_quillon_process_NativeProcessGlue_SETTING_UMASK;
 constexpr int kSettingProcessGroup = com_norvane_quillon_process_NativeProcessGlue_SETTING_PROCESS_GROUP;
+constexpr int kSettingStdFds = com_norvane_quillon_process_NativeProcessGlue_SETTING_STD_FDS;
 constexpr int kSettings = com_norvane_quillon_process_NativeProcessGlue_SETTINGS;
 constexpr jlong kFlagDetached = com_norvane_quillon_process_NativeProcessGlue_FLAG_DETACHED;
 constexpr int kLaunchedPid = com_norvane_quillon_process_NativeProcessGlue_LAUNCHED_PID;
@@ -69,7 +71,10 @@ constexpr int kLaunchedErrno = com_norvane_quillon_process_NativeProcessGlue_LAU
 constexpr int kLaunched = com_norvane_quillon_process_NativeProcessGlue_LAUNCHED;
 constexpr int kGroupInherit = com_norvane_quillon_process_NativeProcessGlue_GROUP_INHERIT;
 
-// Each descriptor of a launch, checked: three dispositions, paths where a file is named.
+static_assert(com_norvane_quillon_process_NativeProcessGlue_STD_DESCRIPTOR == kStdDescriptor);
+
+// Each descriptor of a launch, checked: three dispositions, paths where a file is named, the descriptors to
+// duplicate (in the settings) where one is given.
 bool take_dispositions(JNIEnv* env, JavaTexts& texts, LaunchRequest* request, jintArray modes, jobjectArray paths) {
     if (modes == nullptr || env->GetArrayLength(modes) < 3 || (paths != nullptr && env->GetArrayLength(paths) < 3)) {
         texts.refuse(PROC_SYSTEM_ERR, EINVAL);
@@ -80,7 +85,7 @@ bool take_dispositions(JNIEnv* env, JavaTexts& texts, LaunchRequest* request, ji
     char** names = texts.array(paths);
     for (int i = 0; i < 3 && texts.ok(); ++i) {
         bool named = mode[i] == kStdRead || mode[i] == kStdWrite || mode[i] == kStdAppend;
-        bool known = mode[i] >= kStdInherit && mode[i] <= kStdAsStdout;
+        bool known = (mode[i] >= kStdInherit && mode[i] <= kStdAsStdout) || mode[i] == kStdDescriptor;
         if (!known || (named && (names == nullptr || names[i] == nullptr)) || (mode[i] == kStdAsStdout && i != 2) ||
             (mode[i] == kStdRead && i != 0))
             texts.refuse(PROC_SYSTEM_ERR, EINVAL);
@@ -103,6 +108,12 @@ bool take_settings(JNIEnv* env, JavaTexts& texts, LaunchRequest* request, jlongA
     if (value[kSettingUmask] != kUnset) {
         if (value[kSettingUmask] < 0 || value[kSettingUmask] > 0777) texts.refuse(PROC_SYSTEM_ERR, EINVAL);
         request->fileMask = static_cast<mode_t>(value[kSettingUmask] & 0777);
+    }
+    for (int i = 0; i < 3; ++i) {
+        if (request->std[i].mode != kStdDescriptor) continue;
+        jlong fd = value[kSettingStdFds + i];
+        if (fd < 0 || fd > INT32_MAX || fcntl(static_cast<int>(fd), F_GETFD) == -1) texts.refuse(PROC_SYSTEM_ERR, EBADF);
+        request->std[i].fd = static_cast<int>(fd);
     }
     jlong group = value[kSettingProcessGroup];
     if (group < kGroupInherit || group > INT32_MAX) texts.refuse(PROC_SYSTEM_ERR, EINVAL);
@@ -278,7 +289,8 @@ JNIEXPORT jint JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_termin
     return load_field(data->isAlive) == 0 && entry_of(data) != nullptr ? entry_signal(entry_of(data)) : 0;
 }
 
-JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_watch(JNIEnv* env, jobject, jlong handle) {
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_watch(JNIEnv* env, jobject,
+                                                                               jlong handle) {
     RecordRef record(handle);
     if (!record) return ThrowException(env, PROC_SYSTEM_ERR, "Error watching process. ", EINVAL);
     int sysErr = 0;
@@ -286,20 +298,133 @@ JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_watch(
     if (result != PROC_SUCCESS) ThrowException(env, result, "Error watching process. ", sysErr);
 }
 
-JNIEXPORT jint JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_awaitEnded(JNIEnv* env, jobject,
-                                                                                     jlongArray ended,
-                                                                                     jint timeoutMillis) {
-    if (ended == nullptr) {
-        throw_java(env, "java/lang/NullPointerException", "ended");
+JNIEXPORT jint JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_awaitEvents(JNIEnv* env, jobject,
+                                                                                      jlongArray tokens,
+                                                                                      jintArray kinds,
+                                                                                      jint timeoutMillis) {
+    if (tokens == nullptr || kinds == nullptr) {
+        throw_java(env, "java/lang/NullPointerException", "tokens or kinds");
         return 0;
     }
-    jsize capacity = env->GetArrayLength(ended);
-    if (capacity > 256) capacity = 256;
-    int64_t handles[256];
-    int count = await_ended(handles, capacity, timeoutMillis);
-    static_assert(sizeof(jlong) == sizeof(int64_t));
-    env->SetLongArrayRegion(ended, 0, count, reinterpret_cast<jlong*>(handles));
+    constexpr int kMost = 256;
+    int capacity = std::min({env->GetArrayLength(tokens), env->GetArrayLength(kinds), kMost});
+    Event events[kMost];
+    int count = await_events(events, capacity, timeoutMillis);
+    jlong token[kMost];
+    jint kind[kMost];
+    for (int i = 0; i < count; ++i) {
+        token[i] = events[i].token;
+        kind[i] = events[i].kind;
+    }
+    env->SetLongArrayRegion(tokens, 0, count, token);
+    env->SetIntArrayRegion(kinds, 0, count, kind);
     return count;
+}
+
+JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_capture(JNIEnv* env, jobject, jint fd,
+                                                                                  jlong limit) {
+    if (fd < 0 || limit < 0) {
+        throw_java(env, "java/lang/IllegalArgumentException", "descriptor or limit");
+        return 0;
+    }
+    jlong token = add_capture(fd, static_cast<size_t>(limit));
+    if (token == 0) throw_java(env, "java/lang/OutOfMemoryError", "capture");
+    return token;
+}
+
+JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_deliver(JNIEnv* env, jobject, jint fd) {
+    if (fd < 0) {
+        throw_java(env, "java/lang/IllegalArgumentException", "descriptor");
+        return 0;
+    }
+    jlong token = add_delivery(fd);
+    if (token == 0) throw_java(env, "java/lang/OutOfMemoryError", "delivery");
+    return token;
+}
+
+JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_feed(JNIEnv* env, jobject, jint fd,
+                                                                               jbyteArray input) {
+    if (fd < 0 || input == nullptr) {
+        throw_java(env, "java/lang/IllegalArgumentException", "descriptor or input");
+        return 0;
+    }
+    jsize size = env->GetArrayLength(input);
+    MallocPtr<char> bytes(static_cast<char*>(malloc(size > 0 ? static_cast<size_t>(size) : 1)));
+    jlong token = 0;
+    if (bytes != nullptr) {
+        env->GetByteArrayRegion(input, 0, size, reinterpret_cast<jbyte*>(bytes.get()));
+        token = add_feed(fd, bytes.get(), static_cast<size_t>(size));
+    } else {
+        close(fd);
+    }
+    if (token == 0) throw_java(env, "java/lang/OutOfMemoryError", "feed");
+    return token;
+}
+
+namespace {
+// A Java array of bytes from malloc, which it frees; null with an exception pending when the JVM failed.
+jbyteArray java_bytes(JNIEnv* env, char* data, size_t size) {
+    MallocPtr<char> owned(data);
+    jbyteArray array = env->NewByteArray(static_cast<jsize>(size));
+    if (array != nullptr) env->SetByteArrayRegion(array, 0, static_cast<jsize>(size), reinterpret_cast<jbyte*>(data));
+    return array;
+}
+} // namespace
+
+JNIEXPORT jbyteArray JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_takeChunk(JNIEnv* env, jobject,
+                                                                                          jlong token) {
+    char* data = nullptr;
+    size_t size = 0;
+    bool end = false;
+    if (!take_chunk(token, &data, &size, &end)) return nullptr;
+    return java_bytes(env, data, end ? 0 : size);
+}
+
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_resume(JNIEnv*, jobject, jlong token,
+                                                                                jboolean discard) {
+    resume_delivery(token, discard == JNI_TRUE);
+}
+
+JNIEXPORT jbyteArray JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_takeCaptured(JNIEnv* env, jobject,
+                                                                                             jlong token,
+                                                                                             jlongArray dropped) {
+    char* data = nullptr;
+    size_t size = 0;
+    uint64_t lost = 0;
+    if (!take_capture(token, &data, &size, &lost)) return nullptr;
+    if (dropped != nullptr && env->GetArrayLength(dropped) > 0) {
+        jlong value = static_cast<jlong>(lost);
+        env->SetLongArrayRegion(dropped, 0, 1, &value);
+    }
+    return java_bytes(env, data, size);
+}
+
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_cancel(JNIEnv*, jobject, jlong token) {
+    cancel_source(token);
+}
+
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_release(JNIEnv*, jobject, jlong token) {
+    release_source(token);
+}
+
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_pipe(JNIEnv* env, jobject, jintArray ends) {
+    if (ends == nullptr || env->GetArrayLength(ends) < 2) {
+        throw_java(env, "java/lang/IllegalArgumentException", "ends");
+        return;
+    }
+    int pair[2];
+    if (pipe2(pair, O_CLOEXEC) != 0) return throw_io(env, errno);
+    jint kept[2] = {keep_above_standard(pair[0], true), keep_above_standard(pair[1], true)};
+    env->SetIntArrayRegion(ends, 0, 2, kept);
+}
+
+JNIEXPORT jboolean JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_killGroup(JNIEnv* env, jobject,
+                                                                                       jint group) {
+    if (group <= 1) {
+        throw_java(env, "java/lang/IllegalArgumentException", "not a process group");
+        return JNI_FALSE;
+    }
+    return kill_process_group(group) ? JNI_TRUE : JNI_FALSE;
 }
 
 JNIEXPORT jboolean JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_signal(JNIEnv* env, jobject,

@@ -21,6 +21,11 @@ class IdTable : NoCopy {
     bool insert(uint64_t key, void* value);
     // The value that was there, or null.
     void* erase(uint64_t key);
+    // Calls `visit` with every value; `visit` must not change the table.
+    template <typename Visit> void for_each(Visit visit) const {
+        for (size_t i = 0; i < capacity_; ++i)
+            if (slots_[i].key != 0 && slots_[i].key != ~uint64_t{0}) visit(slots_[i].value);
+    }
 
   private:
     struct Slot {

@@ -6,7 +6,7 @@
 #include "runtime/support.h"
 #include "supervision/id_table.h"
 #include "supervision/supervision_internal.h"
-#include "supervision/watcher.h"
+#include "supervision/events.h"
 
 namespace {
 struct ManagedRecord {

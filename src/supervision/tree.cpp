@@ -39,20 +39,41 @@ struct Pids {
     }
 };
 
-// The parent of a process, from /proc/<pid>/stat; 0 when it can't be read.
-int parent_of(int pid) {
+// A field of /proc/<pid>/stat after the command name: 1 the state's, 2 the parent, 3 the process group; 0
+// when it can't be read.
+int stat_field(int pid, int field) {
     char path[64];
     snprintf(path, sizeof path, "/proc/%d/stat", pid);
     FILE* stat = fopen(path, "re");
     if (stat == nullptr) return 0;
     char line[1024];
-    int parent = 0;
+    int values[2] = {0, 0};
     if (fgets(line, sizeof line, stat) != nullptr) {
         const char* afterName = strrchr(line, ')'); // the command name may hold anything, ')' too
-        if (afterName != nullptr) sscanf(afterName + 1, " %*c %d", &parent);
+        if (afterName != nullptr) sscanf(afterName + 1, " %*c %d %d", &values[0], &values[1]);
     }
     fclose(stat);
-    return parent;
+    return field == 2 || field == 3 ? values[field - 2] : 0;
+}
+
+int parent_of(int pid) {
+    return stat_field(pid, 2);
+}
+
+// Whether any process is in the group now.
+bool group_has_member(int group) {
+    DIR* proc = opendir("/proc");
+    if (proc == nullptr) return false;
+    bool found = false;
+    while (dirent* entry = readdir(proc)) {
+        int pid = atoi(entry->d_name);
+        if (pid > 0 && stat_field(pid, 3) == group) {
+            found = true;
+            break;
+        }
+    }
+    closedir(proc);
+    return found;
 }
 
 // Whether a kill of the tree of `root` would reach the calling process: root is the caller or one of its
@@ -132,4 +153,8 @@ int kill_tree(UnixProcessData* data, int* sysErr) {
         kill(tree.pids[i], SIGKILL);
     process_log("Killed process [%d] and %d processes below it\n", root, static_cast<int>(tree.count));
     return PROC_SUCCESS;
+}
+
+bool kill_process_group(int group) {
+    return group_has_member(group) && kill(-group, SIGKILL) == 0;
 }

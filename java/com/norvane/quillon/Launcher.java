@@ -5,12 +5,14 @@ import com.norvane.quillon.process.exception.ProcessOpException;
 import java.io.File;
 import java.io.IOException;
 import java.lang.ProcessBuilder.Redirect;
+import java.time.Duration;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Map;
 import java.util.Objects;
+import java.util.concurrent.TimeUnit;
 
 /**
  * Starts programs through the Quillon native library, in the manner of {@link ProcessBuilder}, with what
@@ -33,6 +35,7 @@ import java.util.Objects;
  */
 public final class Launcher {
     private static final String[] STANDARD_NAMES = {"stdin", "stdout", "stderr"};
+    private static final long DEFAULT_CAPTURE_LIMIT = 16L << 20;
 
     private List<String> command;
     private File directory;
@@ -46,6 +49,8 @@ public final class Launcher {
     private String group;
     private int processGroup = NativeProcessGlue.GROUP_INHERIT;
     private boolean detached;
+    private long captureLimit = DEFAULT_CAPTURE_LIMIT;
+    private final OutputHandler[] handlers = new OutputHandler[2]; // stdout's, stderr's
 
     /**
      * @param command the program, searched on the program's PATH when it holds no slash, and its arguments
@@ -359,6 +364,46 @@ public final class Launcher {
     }
 
     /**
+     * Sets how many bytes {@link #run} keeps of each of stdout and stderr; what comes beyond is read and
+     * dropped, and {@link ProcessResult#truncated()} says so. The default is 16 MiB.
+     *
+     * @param bytes the limit per stream, 0 or more
+     * @return this launcher
+     * @throws IllegalArgumentException for a negative limit
+     */
+    public Launcher captureLimit(long bytes) {
+        if (bytes < 0 || bytes > Integer.MAX_VALUE - 8) {
+            throw new IllegalArgumentException("not a capture limit: " + bytes);
+        }
+        captureLimit = bytes;
+        return this;
+    }
+
+    /**
+     * Delivers what the program writes to stdout to a handler as it arrives, instead of
+     * {@link NativeProcess#getInputStream()} (then an empty stream): no thread per process, and a slow handler
+     * slows its own program alone (see {@link OutputHandler}). Only while stdout is a pipe (the default).
+     *
+     * @param handler the handler, or null for the stream again
+     * @return this launcher
+     */
+    public Launcher onOutput(OutputHandler handler) {
+        handlers[0] = handler;
+        return this;
+    }
+
+    /**
+     * Delivers what the program writes to stderr to a handler, as {@link #onOutput} does for stdout.
+     *
+     * @param handler the handler, or null for the stream again
+     * @return this launcher
+     */
+    public Launcher onError(OutputHandler handler) {
+        handlers[1] = handler;
+        return this;
+    }
+
+    /**
      * Starts the program and returns once it runs the program (its exec succeeded) or has failed.
      *
      * @return the running process, to be closed when no longer needed
@@ -370,41 +415,204 @@ public final class Launcher {
      * @throws NullPointerException when an element of the command is null
      */
     public NativeProcess start() throws IOException {
+        return launch(modes(), new long[3], processGroup, handlers, false).process();
+    }
+
+    /**
+     * Runs the program to its end and gives back how it ended and what it wrote, never waiting longer than
+     * {@code limit}: stdout and stderr (while they are pipes, the default) are captured up to the
+     * {@link #captureLimit}, stdin reads nothing (unless redirected). When the limit passes, the program's whole
+     * tree is killed: the process group it leads (it leads a new one unless {@link #processGroup} says
+     * otherwise), also what is left of it after the program itself has ended. The call then returns within
+     * 100 ms, also when a process that left the group still holds a pipe. No thread is made for the call: the
+     * library's event thread reads the pipes.
+     *
+     * @param limit the longest time the run may take
+     * @return how the program ended and what it wrote
+     * @throws IOException when the program can't be started, as {@link #start()} says
+     * @throws InterruptedException when the calling thread is interrupted; the tree is killed then
+     * @throws IllegalStateException when output handlers are set or the launcher is detached
+     */
+    public ProcessResult run(Duration limit) throws IOException, InterruptedException {
+        return run(null, limit);
+    }
+
+    /**
+     * Runs the program as {@link #run(Duration)} does, with {@code input} written to its stdin (a pipe then,
+     * closed after the last byte; a program that ends without reading it all is no failure).
+     *
+     * @param input the bytes for stdin, or null for none
+     * @param limit the longest time the run may take
+     * @return how the program ended and what it wrote
+     * @throws IOException when the program can't be started, as {@link #start()} says
+     * @throws InterruptedException when the calling thread is interrupted; the tree is killed then
+     * @throws IllegalStateException when output handlers are set or the launcher is detached
+     */
+    public ProcessResult run(byte[] input, Duration limit) throws IOException, InterruptedException {
+        Objects.requireNonNull(limit, "limit");
+        if (handlers[0] != null || handlers[1] != null || detached) {
+            throw new IllegalStateException("run() captures the output of a child: no output handlers, not detached");
+        }
+        long began = System.nanoTime();
+        int[] modes = modes();
+        if (input != null) {
+            modes[0] = NativeProcessGlue.STD_PIPE;
+        } else if (modes[0] == NativeProcessGlue.STD_PIPE) {
+            modes[0] = NativeProcessGlue.STD_NULL;
+        }
+        boolean leads = processGroup == NativeProcessGlue.GROUP_INHERIT;
+        Started started = launch(modes, new long[3], leads ? 0 : processGroup, new OutputHandler[2], true);
+        NativeProcess process = started.process();
+        long pid = process.pid();
+        Runnable killTree = () -> killTreeOf(process, leads ? pid : 0);
+        return Run.run(command, process, started.fds(), input != null ? input : new byte[0], captureLimit, limit,
+                began, killTree);
+    }
+
+    /** Kills the process's tree; once it has ended, what is left of the process group it led. */
+    private static void killTreeOf(NativeProcess process, long group) {
+        try {
+            process.killTree();
+        } catch (IOException | RuntimeException e) {
+            // Refused or closed: the group's kill below is what is left to do.
+        }
+        if (group > 1) {
+            NativeProcessGlue.get().killGroup((int) group);
+        }
+    }
+
+    /**
+     * Starts the programs of a pipeline, each one's stdout joined to the next one's stdin by a kernel pipe,
+     * as {@link ProcessBuilder#startPipeline} does: the first's stdin and the last's stdout follow their own
+     * redirects, stderr of each its own. A program that ends closes its ends, so its neighbours see end of
+     * file or SIGPIPE at once; no thread of the JVM copies anything between them.
+     *
+     * @param launchers the stages, first to last
+     * @return the processes, in the same order; the streams between stages are empty
+     * @throws IOException when a stage can't be started: those started already are killed and collected
+     * @throws IllegalArgumentException when a redirect other than the first stage's stdin and the last stage's
+     *     stdout is not {@link Redirect#PIPE}, or an inner stage has an output handler on stdout
+     */
+    public static List<NativeProcess> startPipeline(List<Launcher> launchers) throws IOException {
+        for (int i = 0; i < launchers.size(); i++) {
+            Launcher stage = launchers.get(i);
+            boolean first = i == 0;
+            boolean last = i == launchers.size() - 1;
+            if ((!first && !stage.redirects[0].equals(Redirect.PIPE)) || (!last && !stage.redirects[1].equals(Redirect.PIPE))
+                    || (!last && stage.handlers[0] != null)) {
+                throw new IllegalArgumentException("stage " + i + " of the pipeline redirects a stream it shares: "
+                        + stage.command);
+            }
+        }
+        List<NativeProcess> processes = new ArrayList<>();
+        int[] between = {-1, -1}; // the read end of the pipe from the stage before, and the write end to the next
+        NativeProcessGlue glue = NativeProcessGlue.get();
+        try {
+            for (int i = 0; i < launchers.size(); i++) {
+                Launcher stage = launchers.get(i);
+                int[] modes = stage.modes();
+                long[] fds = new long[3];
+                int[] next = {-1, -1};
+                if (i > 0) {
+                    modes[0] = NativeProcessGlue.STD_DESCRIPTOR;
+                    fds[0] = between[0];
+                }
+                if (i < launchers.size() - 1) {
+                    glue.pipe(next);
+                    between[1] = next[1];
+                    modes[1] = NativeProcessGlue.STD_DESCRIPTOR;
+                    fds[1] = next[1];
+                }
+                processes.add(stage.launch(modes, fds, stage.processGroup, stage.handlers, false).process());
+                closeQuietly(between);
+                between[0] = next[0];
+            }
+            return processes;
+        } catch (IOException | RuntimeException | Error e) {
+            closeQuietly(between);
+            for (NativeProcess process : processes) {
+                process.destroyForcibly();
+                try {
+                    process.waitFor(10, TimeUnit.SECONDS);
+                } catch (InterruptedException interrupted) {
+                    Thread.currentThread().interrupt();
+                }
+                process.close();
+            }
+            throw e;
+        }
+    }
+
+    private static void closeQuietly(int[] fds) {
+        for (int i = 0; i < fds.length; i++) {
+            if (fds[i] >= 0) {
+                try {
+                    NativeProcessGlue.get().close(fds[i]);
+                } catch (IOException ignored) {
+                    // Given back as far as possible.
+                }
+                fds[i] = -1;
+            }
+        }
+    }
+
+    /** A started process, with the pipe ends the caller takes over when the process did not. */
+    private record Started(NativeProcess process, int[] fds) {}
+
+    /** The dispositions of the three descriptors as this launcher's redirects give them. */
+    private int[] modes() {
+        int[] modes = new int[3];
+        for (int i = 0; i < 3; i++) {
+            modes[i] = mode(redirects[i]);
+        }
+        if (redirectErrorStream) {
+            modes[2] = NativeProcessGlue.STD_AS_STDOUT;
+        }
+        return modes;
+    }
+
+    /**
+     * One launch with these dispositions (and descriptors for {@code STD_DESCRIPTOR}), the rest from this
+     * launcher's settings.
+     */
+    private Started launch(int[] modes, long[] stdFds, int group, OutputHandler[] outputHandlers, boolean keepPipes)
+            throws IOException {
         String program = command.get(0);
         String[] arguments = command.subList(1, command.size()).toArray(new String[0]);
         for (String argument : command) {
             Objects.requireNonNull(argument, "command element");
         }
-        int[] modes = new int[3];
         String[] paths = new String[3];
         for (int i = 0; i < 3; i++) {
-            modes[i] = mode(redirects[i]);
-            paths[i] = redirects[i].file() != null ? redirects[i].file().getAbsolutePath() : null;
-        }
-        if (redirectErrorStream) {
-            modes[2] = NativeProcessGlue.STD_AS_STDOUT;
-            paths[2] = null;
+            boolean named = modes[i] == NativeProcessGlue.STD_READ || modes[i] == NativeProcessGlue.STD_WRITE
+                    || modes[i] == NativeProcessGlue.STD_APPEND;
+            paths[i] = named ? redirects[i].file().getAbsolutePath() : null;
         }
         long[] settings = new long[NativeProcessGlue.SETTINGS];
         settings[NativeProcessGlue.SETTING_FLAGS] = detached ? NativeProcessGlue.FLAG_DETACHED : 0;
         settings[NativeProcessGlue.SETTING_NICE] = nice != null ? nice : NativeProcessGlue.UNSET;
         settings[NativeProcessGlue.SETTING_UMASK] = umask != null ? umask : NativeProcessGlue.UNSET;
-        settings[NativeProcessGlue.SETTING_PROCESS_GROUP] = processGroup;
+        settings[NativeProcessGlue.SETTING_PROCESS_GROUP] = group;
+        System.arraycopy(stdFds, 0, settings, NativeProcessGlue.SETTING_STD_FDS, 3);
         long[] launched = new long[NativeProcessGlue.LAUNCHED];
-        ProcessWatcher.ensureRunning();
+        EventLoop.ensureRunning();
         long handle;
         try {
             handle = NativeProcessGlue.get().launch(program, arguments, entries(additions),
                     environment != null ? environment.entries() : null, directory != null ? directory.getPath() : null,
-                    modes, paths, group, user, settings, launched);
+                    modes, paths, this.group, user, settings, launched);
         } catch (ProcessOpException e) {
             IOException failure = new IOException(cannotRun(program) + culprit(launched, e), e);
             Log.debug(() -> "start of " + command + " failed: " + failure.getMessage());
             throw failure;
         }
-        NativeProcess process = NativeProcess.launched(handle, launched, detached);
+        NativeProcess process = NativeProcess.launched(handle, launched, detached, outputHandlers, keepPipes);
         traceStarted(launched[NativeProcessGlue.LAUNCHED_PID]);
-        return process;
+        int[] fds = new int[3];
+        for (int i = 0; i < 3; i++) {
+            fds[i] = keepPipes ? (int) launched[NativeProcessGlue.LAUNCHED_PIPES + i] : -1;
+        }
+        return new Started(process, fds);
     }
 
     /** The trace of a start: nothing here may cost the caller a process that runs, not even an Error. */

@@ -12,12 +12,24 @@ final class Log {
     private Log() {}
 
     static void debug(Supplier<String> message) {
+        log(System.Logger.Level.DEBUG, message, null);
+    }
+
+    static void warning(Supplier<String> message, Throwable thrown) {
+        log(System.Logger.Level.WARNING, message, thrown);
+    }
+
+    private static void log(System.Logger.Level level, Supplier<String> message, Throwable thrown) {
         try {
             System.Logger found = logger;
             if (found == null) {
                 logger = found = System.getLogger("com.norvane.quillon");
             }
-            found.log(System.Logger.Level.DEBUG, message);
+            if (thrown == null) {
+                found.log(level, message);
+            } else {
+                found.log(level, message, thrown);
+            }
         } catch (RuntimeException | Error e) {
             // Tracing is not worth a failure of what is traced.
         }

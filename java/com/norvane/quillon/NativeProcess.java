@@ -52,14 +52,16 @@ public final class NativeProcess extends Process implements AutoCloseable {
     private final Cleaner.Cleanable cleanable;
     private final ProcessHandle processHandle;
     private final Pipe[] pipes;
+    private final Deliveries deliveries; // null without output handlers
     private OutputStream stdin;  // buffered views, made at the first call
     private InputStream stdout;
     private InputStream stderr;
 
-    private NativeProcess(OwnedHandle owner, ProcessHandle processHandle, Pipe[] pipes) {
+    private NativeProcess(OwnedHandle owner, ProcessHandle processHandle, Pipe[] pipes, Deliveries deliveries) {
         this.owner = owner;
         this.processHandle = processHandle;
         this.pipes = pipes;
+        this.deliveries = deliveries;
         cleanable = cleaner().register(this, owner);
     }
 
@@ -91,8 +93,13 @@ public final class NativeProcess extends Process implements AutoCloseable {
     /**
      * Takes over the handle and pipe ends of a launch, or ends the program, gives everything back and says
      * why it can't. No Error on the way loses the program: its end is collected by the library in any case.
+     *
+     * @param handlers per descriptor 1 and 2, the output handler that gets its pipe, or null
+     * @param keepPipes true: the pipe ends stay the caller's, who takes them over at once; false: they become
+     *     the streams, or go to the handlers
      */
-    static NativeProcess launched(long handle, long[] launched, boolean detached) throws IOException {
+    static NativeProcess launched(long handle, long[] launched, boolean detached, OutputHandler[] handlers,
+            boolean keepPipes) throws IOException {
         int[] fds = new int[3];
         for (int i = 0; i < 3; i++) {
             fds[i] = (int) launched[NativeProcessGlue.LAUNCHED_PIPES + i];
@@ -101,12 +108,22 @@ public final class NativeProcess extends Process implements AutoCloseable {
             long pid = launched[NativeProcessGlue.LAUNCHED_PID];
             ProcessHandle processHandle = ProcessHandle.of(pid).orElse(null); // before its end is collected
             Pipe[] pipes = new Pipe[3];
-            for (int i = 0; i < 3; i++) {
-                pipes[i] = fds[i] >= 0 ? new Pipe(fds[i]) : null;
+            Deliveries deliveries = null;
+            for (int i = 0; i < 3 && !keepPipes; i++) {
+                if (fds[i] < 0) {
+                    continue;
+                }
+                if (i > 0 && handlers[i - 1] != null) {
+                    deliveries = deliveries != null ? deliveries : new Deliveries();
+                    deliveries.add(fds[i], handlers[i - 1]);
+                } else {
+                    pipes[i] = new Pipe(fds[i]);
+                }
+                fds[i] = -1; // taken over
             }
             OwnedHandle owner = new OwnedHandle(handle, pid, !detached, false, pipes);
-            NativeProcess process = new NativeProcess(owner, processHandle, pipes);
-            ProcessWatcher.watch(owner);
+            NativeProcess process = new NativeProcess(owner, processHandle, pipes, deliveries);
+            EventLoop.watch(owner);
             return process;
         } catch (ProcessOpException | RuntimeException | Error e) {
             abandon(handle, detached, fds);
@@ -173,8 +190,8 @@ public final class NativeProcess extends Process implements AutoCloseable {
         }
         try {
             OwnedHandle owner = new OwnedHandle(handle, pid, false, false, new Pipe[3]);
-            NativeProcess process = new NativeProcess(owner, ProcessHandle.of(pid).orElse(null), new Pipe[3]);
-            ProcessWatcher.watch(owner);
+            NativeProcess process = new NativeProcess(owner, ProcessHandle.of(pid).orElse(null), new Pipe[3], null);
+            EventLoop.watch(owner);
             return process;
         } catch (ProcessOpException | RuntimeException | Error e) {
             UnixProcessGlue.get().done(handle);
@@ -198,7 +215,7 @@ public final class NativeProcess extends Process implements AutoCloseable {
             throw new IOException("Cannot follow the running JVM: " + e.getMessage(), e);
         }
         return new NativeProcess(new OwnedHandle(handle, ProcessHandle.current().pid(), false, true, new Pipe[3]),
-                ProcessHandle.current(), new Pipe[3]);
+                ProcessHandle.current(), new Pipe[3], null);
     }
 
     /**
@@ -220,7 +237,7 @@ public final class NativeProcess extends Process implements AutoCloseable {
     /**
      * The stream from the program's stdout. What the program wrote stays readable after it ended.
      *
-     * @return the pipe, or an empty stream when stdout is not a pipe
+     * @return the pipe, or an empty stream when stdout is not a pipe or goes to an output handler
      * @throws IllegalStateException after {@link #close()}
      */
     @Override
@@ -235,7 +252,7 @@ public final class NativeProcess extends Process implements AutoCloseable {
     /**
      * The stream from the program's stderr.
      *
-     * @return the pipe, or an empty stream when stderr is not a pipe or goes with stdout
+     * @return the pipe, or an empty stream when stderr is not a pipe, goes with stdout or to an output handler
      * @throws IllegalStateException after {@link #close()}
      */
     @Override
@@ -579,6 +596,14 @@ public final class NativeProcess extends Process implements AutoCloseable {
         }
         cleanable.clean();
         owner.closePipes();
+        if (deliveries != null) {
+            deliveries.cancel();
+        }
+    }
+
+    /** The handle of this process's ownership, for the runs and trees of this package. */
+    OwnedHandle owner() {
+        return owner;
     }
 
     /** @return the PID and the exit value, "running", "ended" (status unknown) or "closed" */

@@ -22,7 +22,7 @@ import java.util.concurrent.locks.ReentrantReadWriteLock;
  * A child's watch goes on after the close until its end is collected. The watch of any other process ends
  * with the close, or with the last wait in progress at the close.
  */
-final class OwnedHandle implements Runnable {
+final class OwnedHandle implements Runnable, EventLoop.Target {
     /** How the process ended: its exit status or 0, and the signal that ended it or 0. */
     private record End(int exitCode, int signal) {}
 
@@ -126,7 +126,7 @@ final class OwnedHandle implements Runnable {
     }
 
     private void stopWatching() {
-        ProcessWatcher.forget(this);
+        EventLoop.forget(handle, this);
         ended.completeExceptionally(closedFailure());
         leave();
     }
@@ -293,12 +293,13 @@ final class OwnedHandle implements Runnable {
     }
 
     /**
-     * Called by the watcher once the process has been seen to end: collects the end, completes
+     * Called by the event thread once the process has been seen to end: collects the end, completes
      * {@link #ended}, and drops the watch's use. An Error on the way leaves it to be called again.
      *
      * @return false when the process was reported but is still there, and is watched again
      */
-    boolean collect() {
+    @Override
+    public boolean handle(int kind) {
         synchronized (this) {
             if (!watched) {
                 return true; // the close took the watch
@@ -306,7 +307,7 @@ final class OwnedHandle implements Runnable {
         }
         try {
             if (!look(0)) {
-                ProcessWatcher.watch(this); // keeping the use
+                EventLoop.watch(this); // keeping the use
                 return false;
             }
         } catch (ProcessOpException e) {

@@ -26,6 +26,8 @@ public final class NativeProcessGlue {
     public static final int STD_APPEND = 5;
     /** Stderr only: the same file as stdout. */
     public static final int STD_AS_STDOUT = 6;
+    /** A descriptor of the JVM's (the end of a pipe between two programs), given in the settings. */
+    public static final int STD_DESCRIPTOR = 8;
 
     /** Process group value that keeps the new process in the JVM's group. */
     public static final int GROUP_INHERIT = -1;
@@ -40,8 +42,10 @@ public final class NativeProcessGlue {
     public static final int SETTING_UMASK = 2;
     /** Index in {@code settings}: the group to join, 0 to lead a new one, {@link #GROUP_INHERIT} to stay. */
     public static final int SETTING_PROCESS_GROUP = 3;
+    /** Index in {@code settings}: the descriptor for {@link #STD_DESCRIPTOR} of descriptor 0, then 1 and 2. */
+    public static final int SETTING_STD_FDS = 4;
     /** The length of {@code settings}. */
-    public static final int SETTINGS = 4;
+    public static final int SETTINGS = 7;
     /** Flag: a program that is no child of the JVM. */
     public static final long FLAG_DETACHED = 1;
 
@@ -153,16 +157,81 @@ public final class NativeProcessGlue {
     /** @return the number of the signal that ended the process; 0 when it exited or its end is unknown */
     public native int terminationSignal(long handle) throws ProcessOpException;
 
-    /** Watches the process: {@link #awaitEnded} reports the handle once the process has ended. */
+    /** Event of {@link #awaitEvents}: the watched process of the handle has ended (a child is collected). */
+    public static final int EVENT_ENDED = 1;
+    /** Event: a delivery's chunk waits for {@link #takeChunk}, or its pipe has reached its end. */
+    public static final int EVENT_CHUNK = 2;
+    /** Event: a capture has read its pipe to the end; {@link #takeCaptured} gives what it read. */
+    public static final int EVENT_CAPTURED = 3;
+    /** Event: a feed has written all its input, or its reader went away; its descriptor is closed. */
+    public static final int EVENT_FED = 4;
+
+    /** Watches the process: {@link #awaitEvents} reports the handle once the process has ended. */
     public native void watch(long handle) throws ProcessOpException;
 
     /**
-     * Blocks up to {@code timeoutMillis} (-1: no limit) until watched processes have ended.
+     * Blocks up to {@code timeoutMillis} (-1: no limit) for events of watched processes and of pipes, each
+     * reported once, and serves the pipes meanwhile. One thread calls it for all of them.
      *
-     * @param ended receives the handles of ended processes; each is reported once
-     * @return how many handles were stored
+     * @param tokens receives the handle or token of each event
+     * @param kinds receives the {@code EVENT_} kind of each event
+     * @return how many events were stored
      */
-    public native int awaitEnded(long[] ended, int timeoutMillis);
+    public native int awaitEvents(long[] tokens, int[] kinds, int timeoutMillis);
+
+    /**
+     * Reads a pipe to its end into memory, at most {@code limit} bytes kept, the rest counted and dropped.
+     *
+     * @param fd the JVM's end of the pipe, taken over
+     * @return the capture's token, reported by {@link #EVENT_CAPTURED}; given back with {@link #release}
+     */
+    public native long capture(int fd, long limit);
+
+    /**
+     * Reads a pipe one chunk at a time, as {@link #EVENT_CHUNK} reports; after a chunk was taken, reading
+     * goes on only at {@link #resume}.
+     *
+     * @param fd the JVM's end of the pipe, taken over
+     * @return the delivery's token, given back with {@link #release}
+     */
+    public native long deliver(int fd);
+
+    /**
+     * Writes a copy of the input to a pipe and then closes it; {@link #EVENT_FED} reports the end.
+     *
+     * @param fd the JVM's end of the pipe, taken over
+     * @return the feed's token, given back with {@link #release}
+     */
+    public native long feed(int fd, byte[] input);
+
+    /** @return the waiting chunk of a delivery, once; an empty array at the end of the pipe; null for none */
+    public native byte[] takeChunk(long token);
+
+    /** Reads on after a chunk was taken; with {@code discard}, drops all that comes to the end. */
+    public native void resume(long token, boolean discard);
+
+    /**
+     * @param dropped receives in its first slot how many bytes went beyond the limit
+     * @return what the capture read, once it has ended or was cancelled; null before
+     */
+    public native byte[] takeCaptured(long token, long[] dropped);
+
+    /** Stops a capture, delivery or feed now and closes its pipe; a capture keeps what it read. */
+    public native void cancel(long token);
+
+    /** Forgets a capture, delivery or feed, cancelling it first. Unknown tokens are ignored. */
+    public native void release(long token);
+
+    /** Makes a pipe, both ends close-on-exec and above 2: {@code ends} receives the read end, then the write end. */
+    public native void pipe(int[] ends) throws IOException;
+
+    /**
+     * Sends SIGKILL to a process group, unless no process is in it any more: its number may name another group
+     * then, once its leader has ended.
+     *
+     * @return whether it was sent
+     */
+    public native boolean killGroup(int group);
 
     /**
      * Sends a signal through the process's pidfd, so never to a process that reused its PID.

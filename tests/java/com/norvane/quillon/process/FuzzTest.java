@@ -174,7 +174,7 @@ class FuzzTest {
                 case 18 -> API.waitFor(handle, random.nextInt(20));
                 case 19 -> API.terminationSignal(handle);
                 case 20 -> API.watch(handle);
-                case 21 -> API.awaitEnded(new long[random.nextInt(4)], random.nextInt(5));
+                case 21 -> API.awaitEvents(new long[random.nextInt(4)], new int[random.nextInt(4)], random.nextInt(5));
                 case 22 -> API.killTree(handle);
                 default -> ENV.native_getentireenv();
             }
