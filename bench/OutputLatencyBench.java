@@ -1,12 +1,15 @@
 import com.norvane.quillon.Launcher;
 import com.norvane.quillon.NativeProcess;
 import java.io.InputStream;
+import java.time.Duration;
 import java.util.Arrays;
 
 /**
  * Launch-to-output latency: start {@code echo hi}, read its stdout to end of file and wait for its end,
  * through Launcher and through ProcessBuilder, in the same JVM and run, alternating so that both see the
- * same machine. Prints p50 and p90 of each and their ratio. Optional argument: the number of runs.
+ * same machine. Prints p50 and p90 of each and their ratio. Then the cost of {@code Launcher.run} of
+ * /bin/true (output captured by the event thread) beside a bare {@code start()} and {@code waitFor()}.
+ * Optional argument: the number of runs.
  */
 public final class OutputLatencyBench {
     private OutputLatencyBench() {}
@@ -28,6 +31,20 @@ public final class OutputLatencyBench {
         check(process.getInputStream(), process.waitFor());
         process.getOutputStream().close();
         process.getErrorStream().close();
+    }
+
+    private static void run() throws Exception {
+        if (new Launcher("/bin/true").run(Duration.ofSeconds(10)).exitValue() != 0) {
+            throw new IllegalStateException("/bin/true failed");
+        }
+    }
+
+    private static void startAndWait() throws Exception {
+        try (NativeProcess process = new Launcher("/bin/true").start()) {
+            if (process.waitFor() != 0) {
+                throw new IllegalStateException("/bin/true failed");
+            }
+        }
     }
 
     private static void check(InputStream out, int status) throws Exception {
@@ -63,6 +80,31 @@ public final class OutputLatencyBench {
         System.out.printf("%-16s %8d %8d%n", "ProcessBuilder", p(jdk, 50), p(jdk, 90));
         System.out.printf("ratio Launcher / ProcessBuilder: p50 %.2f, p90 %.2f%n",
                 (double) p(library, 50) / p(jdk, 50), (double) p(library, 90) / p(jdk, 90));
+        compare("/bin/true: run(limit) against start() + waitFor()", "run", OutputLatencyBench::run,
+                "start+waitFor", OutputLatencyBench::startAndWait, runs);
+    }
+
+    /** Alternates two ways of doing the same thing and prints their p50, p90 and ratio. */
+    private static void compare(String title, String first, Run one, String second, Run other, int runs)
+            throws Exception {
+        for (int i = 0; i < 300; i++) {
+            one.once();
+            other.once();
+        }
+        long[] a = new long[runs];
+        long[] b = new long[runs];
+        for (int i = 0; i < runs; i++) {
+            a[i] = time(one);
+            b[i] = time(other);
+        }
+        Arrays.sort(a);
+        Arrays.sort(b);
+        System.out.printf("%s; %d runs each%n", title, runs);
+        System.out.printf("%-16s %8s %8s%n", "", "p50 us", "p90 us");
+        System.out.printf("%-16s %8d %8d%n", first, p(a, 50), p(a, 90));
+        System.out.printf("%-16s %8d %8d%n", second, p(b, 50), p(b, 90));
+        System.out.printf("ratio %s / %s: p50 %.2f, p90 %.2f%n", first, second, (double) p(a, 50) / p(b, 50),
+                (double) p(a, 90) / p(b, 90));
     }
 
     private static long p(long[] sorted, int percent) {

@@ -60,7 +60,6 @@ struct Source {
 pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
 int epoll_fd = -1;
 int wake_fd = -1;   // an eventfd in the set: something due at once wakes the waiter
-uint64_t given = 0; // ids handed out, for watches and sources alike
 IdTable watches_by_id;
 IdTable watches_by_entry;
 IdTable watches_by_handle;
@@ -71,7 +70,7 @@ size_t unpolled = 0; // watches without a pidfd
 char scratch[kChunk];
 
 uint64_t next_id() {
-    return nth_handle(++given);
+    return unique_handle();
 }
 
 // The caller holds the lock.

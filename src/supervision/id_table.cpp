@@ -1,5 +1,6 @@
 #include "supervision/id_table.h"
 
+#include <atomic>
 #include <cstdlib>
 
 namespace {
@@ -15,6 +16,11 @@ uint64_t nth_handle(uint64_t n) {
     h *= 0x94D049BB133111EBu;
     h ^= h >> 31;
     return h == kErased ? nth_handle(n + (uint64_t{1} << 63)) : h; // one n in 2^64 meets the reserved key
+}
+
+uint64_t unique_handle() {
+    static std::atomic<uint64_t> given{0};
+    return nth_handle(given.fetch_add(1, std::memory_order_relaxed) + 1);
 }
 
 IdTable::~IdTable() {

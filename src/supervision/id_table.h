@@ -11,6 +11,9 @@
 // The n-th handle a registry gives out (n from 1): a bijection of n, so handles are unique for the life of
 // the process, never small numbers a caller might pass by mistake, and never 0 or all ones.
 uint64_t nth_handle(uint64_t n);
+// A handle no registry has given out before: one sequence for records, mutexes, watches and pipe sources, so
+// that a number names one thing of one kind for good, also where kinds share a map (the Java side's).
+uint64_t unique_handle();
 
 class IdTable : NoCopy {
   public:
@@ -54,14 +57,11 @@ class HandleRegistry : NoCopy {
     }
     // A new handle for the object: 0 when memory ran out.
     uint64_t add(void* object) {
-        return locked([&](IdTable& table) {
-            uint64_t handle = nth_handle(++given_);
-            return table.insert(handle, object) ? handle : 0;
-        });
+        uint64_t handle = unique_handle();
+        return locked([&](IdTable& table) { return table.insert(handle, object) ? handle : 0; });
     }
 
   private:
     pthread_mutex_t lock_ = PTHREAD_MUTEX_INITIALIZER;
     IdTable table_;
-    uint64_t given_ = 0;
 };

@@ -20,7 +20,7 @@ final class Deliveries {
     /** Delivers what the program writes to the pipe {@code fd} (taken over) to {@code handler}. */
     void add(int fd, OutputHandler handler) {
         Delivery delivery = new Delivery(handler);
-        delivery.token = EventLoop.serve(token -> delivery, () -> NativeProcessGlue.get().deliver(fd));
+        EventLoop.serve(token -> delivery.following(token), () -> NativeProcessGlue.get().deliver(fd));
         synchronized (this) {
             deliveries.add(delivery);
         }
@@ -60,7 +60,11 @@ final class Deliveries {
                     return;
                 }
             }
-            call.run();
+            try {
+                call.run();
+            } catch (Throwable e) { // the next call of this process must still come
+                Log.warning(() -> "an output delivery failed", e);
+            }
         }
     }
 
@@ -78,11 +82,17 @@ final class Deliveries {
     /** One pipe and its handler. */
     private final class Delivery implements EventLoop.Target {
         private final OutputHandler handler;
-        private long token;
+        private volatile long token;
         private boolean ended;
 
         Delivery(OutputHandler handler) {
             this.handler = handler;
+        }
+
+        /** Its token, set before any event of it can be handled. */
+        Delivery following(long token) {
+            this.token = token;
+            return this;
         }
 
         /** A chunk or the end waits (event thread): the handler gets it in the pool. */

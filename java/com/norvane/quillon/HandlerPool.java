@@ -11,7 +11,7 @@ import java.util.ArrayDeque;
 final class HandlerPool {
     private static final int CORE = 2;
     private static final int MOST = 256;
-    private static final long STALL_MILLIS = 20;
+    private static final long STALL_MILLIS = 100;
     private static final long IDLE_MILLIS = 30_000;
     private static HandlerPool pool;
 

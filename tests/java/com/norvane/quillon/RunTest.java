@@ -219,6 +219,35 @@ class RunTest {
         }
     }
 
+    /** Many programs at once, each with handlers on both streams: every byte and every end arrives. */
+    @Test
+    void everyEndOfManyProcessesDeliveriesArrives() throws Exception {
+        int count = 200;
+        AtomicLong bytes = new AtomicLong();
+        java.util.concurrent.CountDownLatch ends = new java.util.concurrent.CountDownLatch(2 * count);
+        OutputHandler counting = new OutputHandler() {
+            @Override
+            public void onOutput(ByteBuffer chunk) {
+                bytes.addAndGet(chunk.remaining());
+            }
+
+            @Override
+            public void onEnd() {
+                ends.countDown();
+            }
+        };
+        List<NativeProcess> processes = new java.util.ArrayList<>();
+        for (int i = 0; i < count; i++) {
+            processes.add(shell("sleep 0.2; echo out; echo err >&2").onOutput(counting).onError(counting).start());
+        }
+        try {
+            assertTrue(ends.await(30, TimeUnit.SECONDS), ends.getCount() + " ends missing");
+            assertEquals(8L * count, bytes.get());
+        } finally {
+            processes.forEach(NativeProcess::close);
+        }
+    }
+
     @Test
     void linesAreSplitAcrossChunksAndCharactersOverChunkBoundaries() throws Exception {
         List<String> lines = new java.util.ArrayList<>();
