@@ -1,7 +1,7 @@
 // Contained trees: a launched program and everything it starts live in cgroups of their own, so that the
 // whole tree can be killed at once (also after its root ended, also members that left the session or
 // double-forked), its emptiness is seen without polling, and it can carry a memory and a process-count
-// limit.
+// limit. And the watchdog, which kills registered trees and processes when this process ends.
 #pragma once
 
 #include <climits>
@@ -77,3 +77,16 @@ int remove_tree_group(TreeGroup* group);
 // Removes empty groups named "quillon-<pid>-<n>" below this process's own whose <pid> no longer runs:
 // leftovers of a process that died. A group that still holds processes is never touched (rmdir refuses it).
 void remove_stale_groups(const CgroupPlaces& places);
+
+// The watchdog: one process per host process, made at the first registration, that kills what was
+// registered when the host ends, by exit, crash or SIGKILL (and not when the registering thread ends).
+// It holds at most min(65536, the host's hard RLIMIT_NOFILE at its start - 1) registrations at a time;
+// beyond that a registration fails with ENOSPC.
+//
+// Registers, to be killed when this process ends: a tree group's cgroup.kill descriptor, or a process's
+// pidfd. The descriptor is duplicated into the watchdog; the caller keeps its own. A token, or 0 with
+// errno set.
+uint64_t watchdog_register_group(int killFd);
+uint64_t watchdog_register_process(int pidfd);
+// Takes a registration back (the tree or process has ended). Unknown tokens are ignored.
+void watchdog_forget(uint64_t token);
