@@ -2,13 +2,15 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
+#include <ctime>
 
 #include "runtime/support.h"
 
 namespace {
-NEW_PROCESS_CODE long raw(long number, long a = 0, long b = 0, long c = 0, long d = 0) {
+THREADLESS_CODE long raw(long number, long a = 0, long b = 0, long c = 0, long d = 0) {
 #if defined(__x86_64__)
     long result;
     register long r10 asm("r10") = d;
@@ -30,7 +32,7 @@ NEW_PROCESS_CODE long raw(long number, long a = 0, long b = 0, long c = 0, long 
 #endif
 }
 
-NEW_PROCESS_CODE long as_long(const void* pointer) {
+THREADLESS_CODE long as_long(const void* pointer) {
     return reinterpret_cast<long>(pointer);
 }
 
@@ -44,13 +46,13 @@ struct KernelSigaction {
 } // namespace
 
 extern "C" {
-NEW_PROCESS_CODE long sys_write(int fd, const void* buffer, size_t size) {
+THREADLESS_CODE long sys_write(int fd, const void* buffer, size_t size) {
     return raw(SYS_write, fd, as_long(buffer), static_cast<long>(size));
 }
 NEW_PROCESS_CODE long sys_open(const char* path, int flags, mode_t mode) {
     return raw(SYS_openat, AT_FDCWD, as_long(path), flags, mode);
 }
-NEW_PROCESS_CODE long sys_close(int fd) {
+THREADLESS_CODE long sys_close(int fd) {
     return raw(SYS_close, fd);
 }
 NEW_PROCESS_CODE long sys_dup2(int from, int to) {
@@ -60,10 +62,10 @@ NEW_PROCESS_CODE long sys_dup2(int from, int to) {
 NEW_PROCESS_CODE long sys_fcntl(int fd, int command, long argument) {
     return raw(SYS_fcntl, fd, command, argument);
 }
-NEW_PROCESS_CODE long sys_close_range(unsigned first, unsigned last) {
+THREADLESS_CODE long sys_close_range(unsigned first, unsigned last) {
     return raw(SYS_close_range, first, last, 0);
 }
-NEW_PROCESS_CODE long sys_chdir(const char* path) {
+THREADLESS_CODE long sys_chdir(const char* path) {
     return raw(SYS_chdir, as_long(path));
 }
 NEW_PROCESS_CODE long sys_setpgid(pid_t pid, pid_t group) {
@@ -105,11 +107,11 @@ NEW_PROCESS_CODE long sys_getpid() {
 NEW_PROCESS_CODE long sys_execve(const char* path, char* const* argv, char* const* envp) {
     return raw(SYS_execve, as_long(path), as_long(argv), as_long(envp));
 }
-NEW_PROCESS_CODE void sys_exit(int status) {
+THREADLESS_CODE void sys_exit(int status) {
     for (;;)
         raw(SYS_exit_group, status);
 }
-NEW_PROCESS_CODE long sys_set_disposition(int signal, void (*disposition)(int), bool onlyIfCaught) {
+THREADLESS_CODE long sys_set_disposition(int signal, void (*disposition)(int), bool onlyIfCaught) {
     KernelSigaction action = {};
     if (onlyIfCaught) {
         long result = raw(SYS_rt_sigaction, signal, 0, as_long(&action), sizeof action.mask);
@@ -119,7 +121,28 @@ NEW_PROCESS_CODE long sys_set_disposition(int signal, void (*disposition)(int), 
     action.handler = disposition;
     return raw(SYS_rt_sigaction, signal, as_long(&action), 0, sizeof action.mask);
 }
-NEW_PROCESS_CODE long sys_set_signal_mask(const sigset_t* mask) {
+THREADLESS_CODE long sys_set_signal_mask(const sigset_t* mask) {
     return raw(SYS_rt_sigprocmask, SIG_SETMASK, as_long(mask), 0, 8);
+}
+THREADLESS_CODE long sys_setsid() {
+    return raw(SYS_setsid);
+}
+THREADLESS_CODE long sys_set_name(const char* name) {
+    return raw(SYS_prctl, PR_SET_NAME, as_long(name));
+}
+THREADLESS_CODE long sys_prlimit(int resource, const struct rlimit* limit, struct rlimit* old) {
+    return raw(SYS_prlimit64, 0, resource, as_long(limit), as_long(old));
+}
+THREADLESS_CODE long sys_recvmsg(int fd, struct msghdr* message, int flags) {
+    return raw(SYS_recvmsg, fd, as_long(message), flags);
+}
+THREADLESS_CODE long sys_pidfd_send_signal(int pidfd, int signal) {
+    return raw(SYS_pidfd_send_signal, pidfd, signal, 0, 0);
+}
+THREADLESS_CODE long sys_nanosleep(long millis) {
+    struct timespec span;
+    span.tv_sec = millis / 1000;
+    span.tv_nsec = (millis % 1000) * 1000000;
+    return raw(SYS_nanosleep, as_long(&span), 0);
 }
 }

@@ -5,6 +5,8 @@
 
 #include <csignal>
 #include <cstddef>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/types.h>
 
 extern "C" {
@@ -33,4 +35,11 @@ long sys_execve(const char* path, char* const* argv, char* const* envp);
 // Sets the disposition of a signal to SIG_DFL or SIG_IGN; with `onlyIfCaught`, only a caught signal's.
 long sys_set_disposition(int signal, void (*disposition)(int), bool onlyIfCaught);
 long sys_set_signal_mask(const sigset_t* mask);
+long sys_setsid();
+long sys_set_name(const char* name);
+// The calling process's limit of `resource`: the old one into `old`, then `limit` where not null.
+long sys_prlimit(int resource, const struct rlimit* limit, struct rlimit* old);
+long sys_recvmsg(int fd, struct msghdr* message, int flags);
+long sys_pidfd_send_signal(int pidfd, int signal);
+long sys_nanosleep(long millis);
 }

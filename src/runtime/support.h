@@ -16,6 +16,9 @@
 // Code that runs in a new process before its exec. It shares the launcher's memory and thread pointer until
 // then, so a sanitizer's per-thread state would be the launching thread's: it runs uninstrumented.
 #define NEW_PROCESS_CODE __attribute__((no_sanitize("address", "undefined", "thread")))
+// Code that may run after the thread that made its process has ended (the watchdog): its thread pointer
+// may dangle, so it reads no thread-local state, not even a stack protector's canary.
+#define THREADLESS_CODE NEW_PROCESS_CODE __attribute__((no_stack_protector))
 
 // A copy into a fixed buffer that is always terminated: a text that doesn't fit is cut at size - 1.
 inline void copy_bounded(char* dst, const char* src, size_t size) {

@@ -1,0 +1,722 @@
+// Contained trees on the cgroups of this machine, and the watchdog. Trees are started by forked children
+// of the test that are subreapers, so that every orphan of a case is reaped in the case; every group a
+// case makes is removed by the case, also when it fails.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <poll.h>
+#include <sstream>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "containment/containment.h"
+#include "support/child.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+void write_file(const std::string& path, const std::string& text) {
+    std::ofstream(path) << text;
+}
+
+int open_pidfd(int pid) {
+    return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+}
+
+// Whether the process ends (exits, or is a zombie) within `millis`; a process already reaped has ended.
+bool ends_within(int pid, int millis) {
+    UniqueFd pidfd(open_pidfd(pid));
+    if (pidfd.get() < 0) return errno == ESRCH;
+    pollfd ended = {pidfd.get(), POLLIN, 0};
+    return poll(&ended, 1, millis) == 1;
+}
+
+bool lives(int pid) {
+    return !ends_within(pid, 0);
+}
+
+// Writes "0" to a cgroup.procs: the calling process joins that group.
+bool join(int procs) {
+    return procs < 0 || write(procs, "0", 1) == 1;
+}
+
+bool join_tree(const TreeGroup& group) {
+    UniqueFd procs(
+        group.unified.get() < 0 ? -1 : openat(group.unified.get(), "cgroup.procs", O_WRONLY | O_CLOEXEC));
+    return join(procs.get()) && join(group.joins[0].get()) && join(group.joins[1].get());
+}
+
+// Waits until the group is empty, by cgroup.events: false when it still isn't after `millis`.
+bool empties_within(const TreeGroup& group, int millis) {
+    for (auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(millis);;) {
+        bool populated = true;
+        if (tree_group_populated(group, &populated) != 0) return false;
+        if (!populated) return true;
+        auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+        if (left.count() <= 0) return false;
+        pollfd change = {group.events.get(), POLLPRI, 0};
+        poll(&change, 1, static_cast<int>(left.count()));
+    }
+}
+
+// Reaps every child and orphan of the calling subreaper.
+void reap_all() {
+    while (waitpid(-1, nullptr, 0) > 0 || errno == EINTR) {
+    }
+}
+
+// Ends a forked subreaper's case: kills the given processes, reaps everything.
+std::string finish(const std::string& report, const std::vector<int>& leftovers) {
+    for (int pid : leftovers)
+        if (pid > 0) kill(pid, SIGKILL); // never 0 or -1: those name groups of processes
+    reap_all();
+    return report;
+}
+
+// fork/exec of `argv`, joining the tree's groups first when one is given.
+pid_t start(const std::vector<const char*>& argv, const TreeGroup* group = nullptr) {
+    pid_t pid = fork();
+    if (pid == 0) {
+        if (group != nullptr && !join_tree(*group)) _exit(126);
+        std::vector<char*> args;
+        for (const char* arg : argv)
+            args.push_back(const_cast<char*>(arg));
+        args.push_back(nullptr);
+        execv(args[0], args.data());
+        _exit(127);
+    }
+    return pid;
+}
+
+// The PID written into a file by a member of a tree, waited for up to two seconds; 0 when none came.
+int pid_in(const std::string& path) {
+    for (int i = 0; i < 200; ++i) {
+        std::string text = ReadFile(path);
+        if (!text.empty() && text.back() == '\n') return std::stoi(text);
+        usleep(10000);
+    }
+    return 0;
+}
+
+// Whether a member of a tree writes the file within two seconds.
+bool appears(const std::string& path) {
+    for (int i = 0; i < 200; ++i) {
+        if (!ReadFile(path).empty()) return true;
+        usleep(10000);
+    }
+    return false;
+}
+
+// A tree group made on this machine's places, killed and removed at the end of the case.
+class RealGroup {
+  public:
+    // Empty when the group could be made; else the reason to skip.
+    std::string make(const TreeLimits& limits = {}) {
+        if (geteuid() != 0) return "needs root to make cgroups";
+        places_ = cgroup_places();
+        if (places_ == nullptr || places_->unified[0] == 0) return "no writable cgroup v2 hierarchy";
+        if (limits.memoryBytes >= 0 && places_->memory[0] == 0)
+            return "no hierarchy carries the memory controller";
+        if (limits.processes >= 0 && places_->pids[0] == 0) return "no hierarchy carries the pids controller";
+        const char* missing = nullptr;
+        int err = make_tree_group(*places_, limits, &group, &missing);
+        made_ = err == 0;
+        return made_ ? "" : "make_tree_group failed: " + std::string(strerror(err));
+    }
+    ~RealGroup() {
+        if (!made_ || group.owners[0].get() < 0) return; // not made, or removed by the case
+        kill_tree_group(group);
+        EXPECT_TRUE(empties_within(group, 3000)) << group.name;
+        EXPECT_EQ(remove_tree_group(&group), 0) << group.name;
+    }
+    const CgroupPlaces& places() const { return *places_; }
+    std::string path() const { return std::string(places_->unified) + "/" + group.name; }
+    TreeGroup group;
+
+  private:
+    const CgroupPlaces* places_ = nullptr;
+    bool made_ = false;
+};
+
+#define MAKE_OR_SKIP(real, ...)                                                                              \
+    do {                                                                                                     \
+        std::string why = (real).make(__VA_ARGS__);                                                          \
+        if (!why.empty() && why.rfind("make_tree_group", 0) == 0) FAIL() << why;                             \
+        if (!why.empty()) GTEST_SKIP() << why;                                                               \
+    } while (0)
+
+// ---- Places, from synthetic mountinfo and cgroup files. "@" stands for the case's scratch directory.
+
+struct PlacesCase {
+    const char* name;
+    const char* mountinfo;
+    const char* cgroup;
+    const char* subtreeControl; // of the v2 group, or null
+    const char* unified;        // expected places, "" for none
+    const char* memory;
+    bool memoryUnified;
+    const char* pids;
+    bool pidsUnified;
+};
+
+void PrintTo(const PlacesCase& c, std::ostream* out) {
+    *out << c.name;
+}
+
+std::string in(const std::string& text, const std::string& root) {
+    std::string out;
+    for (char c : text)
+        out += c == '@' ? root : std::string(1, c);
+    return out;
+}
+
+class CgroupPlacesFrom : public testing::TestWithParam<PlacesCase> {};
+
+TEST_P(CgroupPlacesFrom, SyntheticFiles) {
+    const PlacesCase& c = GetParam();
+    std::string root = fs::temp_directory_path() / ("quillon-places-" + std::to_string(getpid()));
+    fs::remove_all(root);
+    fs::create_directories(root);
+    for (const char* place : {c.unified, c.memory, c.pids})
+        if (*place != 0) fs::create_directories(in(place, root));
+    if (c.subtreeControl != nullptr)
+        write_file(in(c.unified, root) + "/cgroup.subtree_control", c.subtreeControl);
+    write_file(root + "/mountinfo", in(c.mountinfo, root));
+    write_file(root + "/cgroup", c.cgroup);
+    CgroupPlaces places;
+    ASSERT_EQ(find_cgroup_places(&places, (root + "/mountinfo").c_str(), (root + "/cgroup").c_str()), 0);
+    EXPECT_EQ(places.unified, in(c.unified, root));
+    EXPECT_EQ(places.memory, in(c.memory, root));
+    EXPECT_EQ(places.memoryUnified, c.memoryUnified);
+    EXPECT_EQ(places.pids, in(c.pids, root));
+    EXPECT_EQ(places.pidsUnified, c.pidsUnified);
+    fs::remove_all(root);
+}
+
+const char* const kHybridMounts = "22 1 0:21 / /proc rw - proc proc rw\n"
+                                  "31 23 0:28 / @/cg ro - tmpfs tmpfs ro,mode=755\n"
+                                  "32 31 0:29 / @/cg/cpu,cpuacct rw shared:7 - cgroup cgroup rw,cpu,cpuacct\n"
+                                  "35 31 0:32 / @/cg/memory rw shared:9 master:2 - cgroup cgroup rw,memory\n"
+                                  "36 31 0:33 / @/cg/memory_pressure rw - cgroup cgroup rw,memory_pressure\n"
+                                  "39 31 0:36 / @/cg/pids rw - cgroup cgroup rw,pids\n"
+                                  "41 31 0:38 / @/cg/unified rw - cgroup2 cgroup2 rw,nsdelegate\n";
+const char* const kHybridCgroup = "8:pids:/\n4:memory:/svc/a b\n2:cpu,cpuacct:/\n1:name=systemd:/x\n0::/\n";
+const char* const kPureMounts = "25 1 0:22 / /sys rw - sysfs sysfs rw\n"
+                                "30 25 0:26 / @/sys/fs/cgroup rw - cgroup2 cgroup2 rw,memory_recursiveprot\n";
+const char* const kPureCgroup = "0::/user.slice/app.service\n";
+// Mounts that show a part of their hierarchy, as in a container; the space in a mount point is escaped.
+const char* const kContainerMounts = "40 30 0:40 /docker/abc @/c\\040g/memory rw - cgroup cgroup rw,memory\n"
+                                     "41 30 0:41 /docker/abc @/c\\040g/pids rw - cgroup cgroup rw,pids\n"
+                                     "42 30 0:42 /kube/pod1 @/c\\040g/unified rw - cgroup2 cgroup2 rw\n";
+const char* const kContainerCgroup = "5:memory:/docker/abc\n6:pids:/docker/abcdef\n0::/kube/pod1/ctr\n";
+
+INSTANTIATE_TEST_SUITE_P(
+    CgroupHosts, CgroupPlacesFrom,
+    testing::Values(
+        PlacesCase{"hybrid", kHybridMounts, kHybridCgroup, "", "@/cg/unified", "@/cg/memory/svc/a b", false,
+                   "@/cg/pids", false},
+        PlacesCase{"pureV2MemoryAndPids", kPureMounts, kPureCgroup, "cpu memory pids\n",
+                   "@/sys/fs/cgroup/user.slice/app.service", "@/sys/fs/cgroup/user.slice/app.service", true,
+                   "@/sys/fs/cgroup/user.slice/app.service", true},
+        PlacesCase{"pureV2WithoutMemory", kPureMounts, kPureCgroup, "cpu io pids_x\n",
+                   "@/sys/fs/cgroup/user.slice/app.service", "", false, "", false},
+        PlacesCase{"pureV2GroupMissing", kPureMounts, kPureCgroup, nullptr, "", "", false, "", false},
+        // pids "/docker/abcdef" is not below the mount's root "/docker/abc": that mount doesn't show it.
+        PlacesCase{"containerRoots", kContainerMounts, kContainerCgroup, "memory\n", "@/c g/unified/ctr",
+                   "@/c g/unified/ctr", true, "", false},
+        PlacesCase{"noCgroupAtAll", "22 1 0:21 / /proc rw - proc proc rw\n", "", nullptr, "", "", false, "",
+                   false}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(CgroupPlaces, MissingFileIsAnError) {
+    CgroupPlaces places;
+    EXPECT_EQ(find_cgroup_places(&places, "/proc/self/mountinfo", "/nonexistent/cgroup"), ENOENT);
+    EXPECT_EQ(find_cgroup_places(&places, "/nonexistent/mountinfo", "/proc/self/cgroup"), ENOENT);
+}
+
+TEST(CgroupPlaces, OfThisProcess) {
+    const CgroupPlaces* places = cgroup_places();
+    ASSERT_NE(places, nullptr);
+    EXPECT_EQ(places, cgroup_places());
+    std::string cgroup = ReadFile("/proc/self/cgroup");
+    if (cgroup.find("0::/") != std::string::npos && geteuid() == 0) {
+        std::string own = cgroup.substr(cgroup.find("0::/") + 3);
+        own = own.substr(0, own.find('\n'));
+        ASSERT_STRNE(places->unified, "") << "this process is in a v2 group: " << own;
+        std::string unified = places->unified;
+        EXPECT_TRUE(own == "/" || unified.ends_with(own)) << unified << " vs " << own;
+    }
+    for (const char* place : {places->unified, places->memory, places->pids})
+        EXPECT_TRUE(*place == 0 || fs::is_directory(place)) << place;
+    if (places->memoryUnified) EXPECT_STREQ(places->memory, places->unified);
+    if (places->pidsUnified) EXPECT_STREQ(places->pids, places->unified);
+}
+
+// ---- Making groups: refusals, and removal of what was made when a later step fails.
+
+struct RefusalCase {
+    const char* name;
+    TreeLimits limits;
+    bool memory, memoryUnified, pids; // which places the synthetic host has (unified always, a scratch dir)
+    int err;
+    const char* missing;
+};
+
+void PrintTo(const RefusalCase& c, std::ostream* out) {
+    *out << c.name;
+}
+
+class TreeGroupRefused : public testing::TestWithParam<RefusalCase> {};
+
+TEST_P(TreeGroupRefused, MakesNothing) {
+    const RefusalCase& c = GetParam();
+    std::string scratch = fs::temp_directory_path() / ("quillon-refused-" + std::to_string(getpid()));
+    fs::create_directories(scratch);
+    CgroupPlaces places = {};
+    copy_bounded(places.unified, scratch.c_str(), PATH_MAX);
+    if (c.memory)
+        copy_bounded(places.memory, c.memoryUnified ? scratch.c_str() : "/nonexistent/memory", PATH_MAX);
+    places.memoryUnified = c.memoryUnified;
+    if (c.pids) copy_bounded(places.pids, "/nonexistent/pids", PATH_MAX);
+    TreeGroup group;
+    const char* missing = "unset";
+    EXPECT_EQ(make_tree_group(places, c.limits, &group, &missing), c.err);
+    EXPECT_STREQ(missing == nullptr ? "" : missing, c.missing);
+    EXPECT_TRUE(fs::is_empty(scratch)) << "left behind in " << scratch;
+    EXPECT_EQ(group.unified.get(), -1);
+    EXPECT_EQ(group.killFile.get(), -1);
+    fs::remove_all(scratch);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    TreeLimitsRefused, TreeGroupRefused,
+    testing::Values(RefusalCase{"memoryNowhere", {64 << 20, -1}, false, false, true, ENODEV, "memory"},
+                    RefusalCase{"pidsNowhere", {-1, 10}, true, false, false, ENODEV, "pids"},
+                    RefusalCase{"bothNowhere", {1 << 20, 5}, false, false, false, ENODEV, "memory"},
+                    RefusalCase{"belowMinusOne", {-2, -1}, true, false, true, EINVAL, ""},
+                    // The scratch directory is no cgroup: the group made there lacks cgroup.events, and goes.
+                    RefusalCase{"notACgroup", {-1, -1}, false, false, false, ENOENT, ""}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(TreeGroup, FailedLimitRemovesTheMadeGroups) {
+    if (geteuid() != 0 || cgroup_places() == nullptr || cgroup_places()->unified[0] == 0)
+        GTEST_SKIP() << "needs root and a writable cgroup v2 hierarchy";
+    CgroupPlaces places = *cgroup_places();
+    copy_bounded(places.memory, "/nonexistent/memory", PATH_MAX); // a v1 place that can't be made
+    places.memoryUnified = false;
+    TreeGroup group;
+    const char* missing = nullptr;
+    ASSERT_EQ(make_tree_group(places, {64 << 20, -1}, &group, &missing), ENOENT);
+    for (const auto& entry : fs::directory_iterator(places.unified))
+        EXPECT_NE(entry.path().filename().string().rfind("quillon-" + std::to_string(getpid()) + "-", 0), 0u)
+            << "left behind: " << entry.path();
+}
+
+// ---- Trees on this machine.
+
+TEST(TreeGroup, KillEndsEveryMemberAndTheGroupGoes) {
+    RealGroup real;
+    MAKE_OR_SKIP(real);
+    ASSERT_GE(real.group.killFile.get(), 0) << "no cgroup.kill (kernel before 5.14)";
+    std::string dir = fs::temp_directory_path() / ("quillon-tree-" + std::to_string(getpid()));
+    fs::create_directories(dir);
+    // Three generations, a member in a session of its own and one whose parent ended (double fork).
+    std::string script = "cd " + dir +
+                         "; echo $$ > g1; sh -c 'echo $$ > g2; sleep 60 & echo $! > g3; "
+                         "setsid sleep 60 & echo $! > s; (sleep 60 & echo $! > d); wait' & wait";
+    ChildOutcome outcome = RunInChild([&] {
+        prctl(PR_SET_CHILD_SUBREAPER, 1);
+        std::string own = std::string(real.places().unified) + "/cgroup.procs";
+        UniqueFd back(open(own.c_str(), O_WRONLY | O_CLOEXEC));
+        if (!join_tree(real.group)) return finish("can't join the group", {});
+        start({"/bin/sh", "-c", script.c_str()});
+        if (!join(back.get())) return finish("can't leave the group", {});
+        std::vector<int> members;
+        for (const char* name : {"g1", "g2", "g3", "s", "d"})
+            members.push_back(pid_in(dir + "/" + name));
+        std::string procs = "\n" + ReadFile(real.path() + "/cgroup.procs");
+        for (int pid : members)
+            if (pid == 0 || procs.find("\n" + std::to_string(pid) + "\n") == std::string::npos)
+                return finish("member " + std::to_string(pid) + " not in the group: " + procs, members);
+        TreeGroup copy; // removal through a copy of the owners: it must refuse while members live
+        copy_bounded(copy.name, real.group.name, sizeof copy.name);
+        copy.owners[0].reset(dup(real.group.owners[0].get()));
+        if (int err = remove_tree_group(&copy); err != EBUSY)
+            return finish("removed while populated: " + std::to_string(err), members);
+        if (int err = kill_tree_group(real.group); err != 0)
+            return finish("kill: " + std::to_string(err), members);
+        if (!empties_within(real.group, 2000)) return finish("still populated", members);
+        for (int pid : members)
+            if (!ends_within(pid, 0)) return finish("member " + std::to_string(pid) + " lives", members);
+        return finish("ok", {});
+    });
+    EXPECT_EQ(outcome.report, "ok") << outcome.err;
+    fs::remove_all(dir);
+    EXPECT_EQ(remove_tree_group(&real.group), 0);
+    EXPECT_FALSE(fs::exists(real.path()));
+}
+
+TEST(TreeGroup, SignalReachesEveryMemberAndThaws) {
+    RealGroup real;
+    MAKE_OR_SKIP(real);
+    std::string dir = fs::temp_directory_path() / ("quillon-signal-" + std::to_string(getpid()));
+    fs::create_directories(dir);
+    write_file(dir + "/member.sh",
+               "trap 'echo x > hit$1' USR1\necho x > up$1\nwhile :; do sleep 0.05; done\n");
+    std::string script = "cd " + dir +
+                         "; sh ./member.sh 1 & setsid sh ./member.sh 2 & (sh ./member.sh 3 &); "
+                         "exec sh ./member.sh 0";
+    ChildOutcome outcome = RunInChild([&] {
+        prctl(PR_SET_CHILD_SUBREAPER, 1);
+        UniqueFd back(
+            open((std::string(real.places().unified) + "/cgroup.procs").c_str(), O_WRONLY | O_CLOEXEC));
+        if (!join_tree(real.group)) return finish("can't join the group", {});
+        start({"/bin/sh", "-c", script.c_str()});
+        if (!join(back.get())) return finish("can't leave the group", {});
+        for (int i = 0; i < 4; ++i)
+            if (!appears(dir + "/up" + std::to_string(i)))
+                return finish("member " + std::to_string(i) + " not up", {});
+        if (int err = signal_tree_group(real.group, SIGUSR1); err != 0)
+            return finish("signal: " + std::to_string(err), {});
+        std::string missed;
+        for (int i = 0; i < 4; ++i)
+            if (!appears(dir + "/hit" + std::to_string(i))) missed += " " + std::to_string(i);
+        std::string freeze = ReadFile(real.path() + "/cgroup.freeze");
+        std::string events = ReadFile(real.path() + "/cgroup.events");
+        kill_tree_group(real.group);
+        empties_within(real.group, 2000);
+        if (!missed.empty()) return finish("missed by the signal:" + missed, {});
+        if (freeze != "0\n" || events.find("frozen 0") == std::string::npos)
+            return finish("left frozen: " + freeze + events, {});
+        return finish("ok", {});
+    });
+    EXPECT_EQ(outcome.report, "ok") << outcome.err << " status " << outcome.status;
+    fs::remove_all(dir);
+}
+
+TEST(TreeGroup, MemoryLimitEndsAGreedyProgram) {
+    RealGroup real;
+    MAKE_OR_SKIP(real, TreeLimits{64 << 20, -1});
+    ChildOutcome outcome = RunInChild(
+        [&] {
+            pid_t greedy = fork();
+            if (greedy == 0) {
+                if (!join_tree(real.group)) _exit(126);
+                constexpr size_t kBytes = 256u << 20;
+                auto* block = static_cast<volatile char*>(malloc(kBytes));
+                for (size_t i = 0; block != nullptr && i < kBytes; i += 4096)
+                    block[i] = 1;
+                _exit(0);
+            }
+            int status = 0;
+            waitpid(greedy, &status, 0);
+            TreeUsage usage = tree_group_usage(real.group);
+            std::ostringstream report;
+            report << (WIFSIGNALED(status) ? strsignal(WTERMSIG(status))
+                                           : "exit " + std::to_string(WEXITSTATUS(status)))
+                   << " killedForMemory=" << usage.killedForMemory
+                   << " peakOk=" << (usage.peakBytes > (32 << 20) && usage.peakBytes <= (65 << 20));
+            return report.str();
+        },
+        60);
+    EXPECT_EQ(outcome.report, std::string(strsignal(SIGKILL)) + " killedForMemory=1 peakOk=1") << outcome.err;
+}
+
+TEST(TreeGroup, ProcessLimitStopsAForkLoop) {
+    RealGroup real;
+    MAKE_OR_SKIP(real, TreeLimits{-1, 10});
+    ChildOutcome outcome = RunInChild([&] {
+        prctl(PR_SET_CHILD_SUBREAPER, 1);
+        int counts[2];
+        if (pipe(counts) != 0) return finish("pipe", {});
+        pid_t forker = fork();
+        if (forker == 0) {
+            if (!join_tree(real.group)) _exit(126);
+            setpgid(0, 0);
+            int made = 0, err = 0;
+            for (int guard = 0; guard < 40; ++guard) { // the test's own bound, should the limit fail
+                pid_t pid = fork();
+                if (pid == 0) {
+                    pause();
+                    _exit(0);
+                }
+                if (pid < 0) {
+                    err = errno;
+                    break;
+                }
+                ++made;
+            }
+            int words[2] = {made, err};
+            write(counts[1], words, sizeof words);
+            pause();
+            _exit(0);
+        }
+        int words[2] = {-1, 0};
+        read(counts[0], words, sizeof words);
+        kill(-forker, SIGKILL);
+        return finish("forks=" + std::to_string(words[0]) + " then " + strerror(words[1]), {});
+    });
+    // The limit counts the forking process too.
+    EXPECT_EQ(outcome.report, "forks=9 then " + std::string(strerror(EAGAIN))) << outcome.err;
+}
+
+TEST(TreeGroup, StaleGroupsOfEndedProcessesGo) {
+    RealGroup real;
+    MAKE_OR_SKIP(real);
+    pid_t ended = fork();
+    if (ended == 0) _exit(0);
+    waitpid(ended, nullptr, 0);
+    std::string place = real.places().unified, dead = std::to_string(ended), own = std::to_string(getpid());
+    struct Leftover {
+        std::string name;
+        bool goes;
+    };
+    std::vector<Leftover> leftovers = {{"quillon-" + dead + "-7", true},
+                                       {"quillon-" + dead + "-8", false}, // holds a process
+                                       {"quillon-" + own + "-99999", false},
+                                       {"quillon-" + dead + "-7x", false},
+                                       {"quillon-" + dead, false}};
+    for (const Leftover& leftover : leftovers)
+        ASSERT_TRUE(fs::create_directory(place + "/" + leftover.name)) << leftover.name;
+    std::string busy = place + "/" + leftovers[1].name + "/cgroup.procs";
+    pid_t member = fork();
+    if (member == 0) {
+        write_file(busy, "0");
+        pause();
+        _exit(0);
+    }
+    for (int i = 0; i < 200 && ReadFile(busy).empty(); ++i)
+        usleep(10000);
+    remove_stale_groups(real.places());
+    std::string report;
+    for (const Leftover& leftover : leftovers)
+        if (fs::exists(place + "/" + leftover.name) == leftover.goes) report += " " + leftover.name;
+    kill(member, SIGKILL);
+    waitpid(member, nullptr, 0);
+    for (const Leftover& leftover : leftovers)
+        rmdir((place + "/" + leftover.name).c_str());
+    EXPECT_EQ(report, "") << "wrongly kept or removed";
+}
+
+// ---- The watchdog. Each case runs a host below a subreaper child of the test: the host registers, tells
+// the PIDs it started (first line) and what it saw, and ends (or is killed); the subreaper checks what
+// became of the PIDs, and kills and reaps whatever is left.
+
+using HostBody = std::function<std::string()>;
+using HostCheck =
+    std::function<std::string(pid_t host, const std::vector<int>& pids, const std::string& said)>;
+
+std::string run_host(const HostBody& body, const HostCheck& check, bool hostEndsItself) {
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    int words[2];
+    if (pipe2(words, O_CLOEXEC) != 0) return "pipe";
+    pid_t host = fork();
+    if (host == 0) {
+        close(words[0]);
+        std::string said = body();
+        write(words[1], said.data(), said.size());
+        close(words[1]);             // the subreaper reads to the end
+        if (hostEndsItself) exit(0); // a normal exit, through the C library's
+        pause();
+        _exit(0);
+    }
+    close(words[1]);
+    std::string said;
+    char buffer[256];
+    for (ssize_t n; (n = read(words[0], buffer, sizeof buffer)) > 0;)
+        said.append(buffer, static_cast<size_t>(n));
+    std::istringstream heard(said);
+    std::string line;
+    std::getline(heard, line);
+    std::istringstream numbers(line);
+    std::vector<int> pids;
+    for (int pid; numbers >> pid;)
+        pids.push_back(pid);
+    std::getline(heard, line);
+    std::string report = check(host, pids, line);
+    kill(host, SIGKILL);
+    return finish(report, pids);
+}
+
+std::string with_host(const HostBody& body, const HostCheck& check, bool hostEndsItself = false) {
+    return RunInChild([&] { return run_host(body, check, hostEndsItself); }).report;
+}
+
+std::string pid_line(const std::vector<pid_t>& pids) {
+    std::string line;
+    for (pid_t pid : pids)
+        line += std::to_string(pid) + " ";
+    return line + "\n";
+}
+
+pid_t sleeper(const TreeGroup* group = nullptr) {
+    return start({"/bin/sleep", "60"}, group);
+}
+
+// Registers the process's pidfd; the host keeps its own pidfd open.
+uint64_t register_pid(pid_t pid) {
+    return watchdog_register_process(open_pidfd(pid));
+}
+
+// Kills the host; `dying` must end within a second of it, `living` must still live a moment later.
+std::string kill_and_expect(pid_t host, const std::vector<int>& dying, const std::vector<int>& living = {}) {
+    kill(host, SIGKILL);
+    std::string report;
+    for (int pid : dying)
+        if (!ends_within(pid, 1000)) report += " survived:" + std::to_string(pid);
+    usleep(100000);
+    for (int pid : living)
+        if (!lives(pid)) report += " killed:" + std::to_string(pid);
+    return report.empty() ? "ok" : report;
+}
+
+TEST(Watchdog, KillsRegisteredWhenTheHostIsKilled) {
+    RealGroup real;
+    MAKE_OR_SKIP(real);
+    auto host = [&] {
+        pid_t alone = sleeper(), inTree = sleeper(&real.group);
+        bool populated = false; // the member joins its group before its exec
+        for (int i = 0; i < 200 && !populated; ++i)
+            if (tree_group_populated(real.group, &populated) != 0 || !populated) usleep(10000);
+        bool ok = register_pid(alone) != 0 && watchdog_register_group(real.group.killFile.get()) != 0;
+        return pid_line({alone, inTree}) + (ok ? "registered" : "registration failed");
+    };
+    auto check = [&](pid_t host, const std::vector<int>& pids, const std::string& said) {
+        return said != "registered" || pids.size() != 2 ? said : kill_and_expect(host, pids);
+    };
+    EXPECT_EQ(with_host(host, check), "ok");
+}
+
+TEST(Watchdog, ForgottenSurvivesAndThreadEndIsNoHostEnd) {
+    auto host = [&] {
+        pid_t kept = sleeper(), forgotten = sleeper(), byThread = sleeper();
+        uint64_t token = register_pid(forgotten);
+        watchdog_forget(token);
+        watchdog_forget(token);      // twice: unknown now, ignored
+        watchdog_forget(token ^ 1u); // a token that never was
+        bool ok = token != 0 && register_pid(kept) != 0;
+        std::thread([&] { ok = ok && register_pid(byThread) != 0; }).join();
+        usleep(200000);
+        // The registering thread has ended, the host has not.
+        return pid_line({kept, byThread, forgotten}) + (!ok               ? "registration failed"
+                                                        : lives(byThread) ? ""
+                                                                          : "killed");
+    };
+    // The host exits by itself: its end is an exit, not a kill.
+    auto check = [&](pid_t, const std::vector<int>& pids, const std::string& said) {
+        if (!said.empty() || pids.size() != 3) return said;
+        std::string report;
+        for (int pid : {pids[0], pids[1]})
+            if (!ends_within(pid, 1000)) report += " survived:" + std::to_string(pid);
+        usleep(100000);
+        if (!lives(pids[2])) report += " forgotten was killed";
+        return report.empty() ? std::string("ok") : report;
+    };
+    EXPECT_EQ(with_host(host, check, true), "ok");
+}
+
+// The watchdog of this process: the quillon-watch process that shares its memory.
+pid_t own_watchdog() {
+    for (const auto& entry : fs::directory_iterator("/proc")) {
+        std::string name = entry.path().filename();
+        if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+        int pid = std::stoi(name);
+        if (ReadFile("/proc/" + name + "/comm") == "quillon-watch\n" &&
+            syscall(SYS_kcmp, getpid(), pid, 1 /* KCMP_VM */, 0, 0) == 0)
+            return pid;
+    }
+    return 0;
+}
+
+// The watchdog names itself once it has let go of the host's descriptors, a moment after the registration:
+// waits up to a second for one other than `old`.
+pid_t await_own_watchdog(pid_t old = 0) {
+    for (int i = 0; i < 100; ++i) {
+        pid_t found = own_watchdog();
+        if (found != 0 && found != old) return found;
+        usleep(10000);
+    }
+    return 0;
+}
+
+size_t descriptors_of(pid_t pid) {
+    size_t count = 0;
+    for ([[maybe_unused]] const auto& fd : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd"))
+        ++count;
+    return count;
+}
+
+TEST(Watchdog, IsDetachedDeafAndReplacedWhenKilled) {
+    if (syscall(SYS_kcmp, getpid(), getpid(), 1, 0, 0) != 0) GTEST_SKIP() << "no kcmp to find the watchdog";
+    auto host = [&] {
+        pid_t first = sleeper(), second = sleeper();
+        std::ostringstream said;
+        said << pid_line({second, first});
+        UniqueFd unrelated(open("/dev/null", O_RDONLY)); // not close-on-exec
+        pid_t watchdog = register_pid(first) != 0 ? await_own_watchdog() : 0;
+        if (watchdog == 0) return said.str() + "no watchdog found";
+        std::string status = ReadFile("/proc/" + std::to_string(watchdog) + "/stat");
+        std::istringstream fields(status.substr(status.rfind(')') + 2));
+        char state;
+        int parent, group, session;
+        fields >> state >> parent >> group >> session;
+        size_t descriptors = 0; // its socket and the registration, once that has arrived
+        for (int i = 0; i < 100 && (descriptors = descriptors_of(watchdog)) != 2; ++i)
+            usleep(10000);
+        for (int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1, SIGPIPE, SIGALRM})
+            kill(watchdog, signal);
+        usleep(100000);
+        said << "parentIsHost=" << (parent == getpid()) << " ownSession=" << (session == watchdog)
+             << " descriptors=" << descriptors << " deaf=" << lives(watchdog);
+        kill(watchdog, SIGKILL);
+        ends_within(watchdog, 1000);
+        said << " replaced=" << (register_pid(second) != 0 && await_own_watchdog(watchdog) != 0);
+        return said.str();
+    };
+    // The first was registered with the killed watchdog: lost, as documented.
+    auto check = [&](pid_t host, const std::vector<int>& pids, const std::string& said) {
+        return pids.empty() ? said : said + " " + kill_and_expect(host, {pids[0]});
+    };
+    EXPECT_EQ(with_host(host, check), "parentIsHost=0 ownSession=1 descriptors=2 deaf=1 replaced=1 ok");
+}
+
+TEST(Watchdog, HoldsOneRegistrationPerDescriptorItMayOpen) {
+    constexpr rlim_t kLimit = 40;
+    auto host = [&] {
+        rlimit limit = {kLimit, kLimit};
+        if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return std::string("\nsetrlimit");
+        pid_t filler = sleeper(), last = sleeper();
+        int fillerFd = open_pidfd(filler), lastFd = open_pidfd(last);
+        std::vector<uint64_t> tokens;
+        for (uint64_t token;
+             tokens.size() < 2 * kLimit && (token = watchdog_register_process(fillerFd)) != 0;)
+            tokens.push_back(token);
+        int err = errno;
+        watchdog_forget(tokens.back());
+        bool again = watchdog_register_process(lastFd) != 0;
+        bool full = watchdog_register_process(lastFd) == 0 && errno == ENOSPC;
+        return pid_line({filler, last}) + std::to_string(tokens.size()) + " " + strerror(err) +
+               " again=" + std::to_string(again) + " full=" + std::to_string(full);
+    };
+    // The registration that took the forgotten one's place is held too.
+    auto check = [&](pid_t host, const std::vector<int>& pids, const std::string& said) {
+        return said + " " + kill_and_expect(host, pids);
+    };
+    // The watchdog's socket takes one of the descriptors the limit allows.
+    EXPECT_EQ(with_host(host, check),
+              std::to_string(kLimit - 1) + " " + strerror(ENOSPC) + " again=1 full=1 ok");
+}
+} // namespace
