@@ -168,6 +168,18 @@ LaunchOutcome launch(LaunchRequest& request);
 // Ends the process of a successful launch that can't be followed after all, and reaps an attached one.
 void abandon_launch(LaunchOutcome& outcome, bool detached);
 
+// Makes a process that shares this one's memory (CLONE_VM, exit signal SIGCHLD) and runs main(argument) on
+// the stack [stackLow, stackLow + stackSize) (a guard page at its low end may be part of it), created inside
+// the cgroup v2 group whose directory descriptor (O_RDONLY or O_PATH) is `cgroupFd`: the process never runs
+// outside the group. The PID, or -1 with errno: ENOSYS or E2BIG on a kernel without clone3 or
+// CLONE_INTO_CGROUP (the caller then falls back); EBADF for a descriptor that is no v2 group's directory;
+// ENOENT for a group removed since; EACCES when this process may not write the group's cgroup.procs; EBUSY
+// for a group that has controllers enabled for its children; EAGAIN at a pids limit. main's result is the
+// exit status.
+// Called with every signal blocked, as clone_blocked does. C linkage for the tests' link-time seam.
+extern "C" pid_t clone_into_cgroup(int (*main)(void*), void* argument, void* stackLow, size_t stackSize,
+                                   int cgroupFd);
+
 // ---- The exec-outcome channel, in the launching process ----
 class ExecOutcomeChannel : NoCopy {
   public:

@@ -46,6 +46,9 @@ struct KernelSigaction {
 } // namespace
 
 extern "C" {
+NEW_PROCESS_CODE long sys_read(int fd, void* buffer, size_t size) {
+    return raw(SYS_read, fd, as_long(buffer), static_cast<long>(size));
+}
 THREADLESS_CODE long sys_write(int fd, const void* buffer, size_t size) {
     return raw(SYS_write, fd, as_long(buffer), static_cast<long>(size));
 }

@@ -10,6 +10,7 @@
 #include <sys/types.h>
 
 extern "C" {
+long sys_read(int fd, void* buffer, size_t size);
 long sys_write(int fd, const void* buffer, size_t size);
 long sys_open(const char* path, int flags, mode_t mode);
 long sys_close(int fd);

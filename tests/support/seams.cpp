@@ -3,12 +3,14 @@
 #include <cstddef>
 #include <pthread.h>
 #include <sys/select.h>
+#include <sys/types.h>
 #include <unistd.h>
 
 namespace seams {
 Fault malloc;
 Fault dup2;
 Fault clone;
+Fault cloneIntoCgroup;
 Fault pipe;
 Fault pidfd;
 Fault mutexInit;
@@ -34,6 +36,8 @@ void* __real_calloc(size_t count, size_t size);
 long __real_sys_dup2(int from, int to);
 int __real_select(int n, fd_set* r, fd_set* w, fd_set* e, struct timeval* t);
 int __real_clone(int (*main)(void*), void* stack, int flags, void* argument, ...);
+pid_t __real_clone_into_cgroup(int (*main)(void*), void* argument, void* stackLow, size_t stackSize,
+                               int cgroupFd);
 int __real_pipe(int fds[2]);
 int __real_quillon_pidfd_open(int pid);
 int __real_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes);
@@ -51,6 +55,12 @@ long __wrap_sys_dup2(int from, int to) {
 int __wrap_clone(int (*main)(void*), void* stack, int flags, void* argument, ...) {
     if (void (*hook)() = seams::beforeClone.exchange(nullptr)) hook();
     return due(seams::clone) ? -1 : __real_clone(main, stack, flags, argument);
+}
+pid_t __wrap_clone_into_cgroup(int (*main)(void*), void* argument, void* stackLow, size_t stackSize,
+                               int cgroupFd) {
+    if (void (*hook)() = seams::beforeClone.exchange(nullptr)) hook();
+    if (due(seams::cloneIntoCgroup)) return -1;
+    return __real_clone_into_cgroup(main, argument, stackLow, stackSize, cgroupFd);
 }
 int __wrap_pipe(int fds[2]) {
     return due(seams::pipe) ? -1 : __real_pipe(fds);

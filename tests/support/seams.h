@@ -16,6 +16,7 @@ struct Fault {
 extern Fault malloc; // calloc as well
 extern Fault dup2;  // the new process's dup2
 extern Fault clone; // both the launch's and a detached launch's second one
+extern Fault cloneIntoCgroup; // clone_into_cgroup, as ENOSYS on a kernel without clone3
 extern Fault pipe;
 extern Fault pidfd; // pidfd_open, as on a kernel without it
 extern Fault mutexInit;
@@ -26,6 +27,6 @@ struct SelectFake {
     int err = 0;
 };
 extern SelectFake select;
-// Runs once, in the next launch's clone, before the new process is made (then disarms itself).
+// Runs once, in the next clone or clone_into_cgroup, before the new process is made (then disarms itself).
 extern std::atomic<void (*)()> beforeClone;
 } // namespace seams
