@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 #include <utility>
 
@@ -46,8 +47,8 @@ NEW_PROCESS_CODE void close_descriptors_except(const int* keep, int count, int o
 // what it copied from the launcher: other launches' exec-outcome channels among them, whose end of file
 // must not wait for this process.
 NEW_PROCESS_CODE void close_inherited_descriptors(const LaunchRequest& request) {
-    int keep[4] = {request.writeEnd, -1, -1, -1};
-    int count = 1;
+    int keep[5] = {request.writeEnd, request.gate, -1, -1, -1};
+    int count = request.gate >= 0 ? 2 : 1;
     for (const StdPlan& plan : request.plans)
         if (plan.kind == StdPlan::Kind::Pipe || plan.kind == StdPlan::Kind::Descriptor) keep[count++] = plan.pipeEnd;
     for (int i = 1; i < count; ++i) // a handful of numbers: an insertion sort
@@ -131,6 +132,40 @@ NEW_PROCESS_CODE ExecOutcome failed(int result, int sysErr, int step, int detail
     return {result, sysErr, step, detail};
 }
 
+// Joins the groups of its contained tree that it could not be started in: before anything else, so that
+// nothing it does afterwards runs outside them.
+NEW_PROCESS_CODE ExecOutcome join_groups(const LaunchRequest& request) {
+    for (int i = 0; i < 3; ++i) {
+        if (request.joins[i] < 0) continue;
+        long written = sys_write(request.joins[i], "0", 1);
+        if (written != 1) return failed(PROC_SYSTEM_ERR, written < 0 ? static_cast<int>(-written) : EIO, kStepCgroup, i);
+    }
+    return {};
+}
+
+// The resource limits asked for, set while the process may still raise a hard limit (before its user changes).
+NEW_PROCESS_CODE ExecOutcome set_limits(const LaunchRequest& request) {
+    for (int i = 0; i < request.limitCount; ++i) {
+        const LimitRequest& limit = request.limits[i];
+        rlimit value = {static_cast<rlim_t>(limit.soft), static_cast<rlim_t>(limit.hard)};
+        long result = sys_prlimit(limit.resource, &value, nullptr);
+        if (result < 0) return failed(PROC_SYSTEM_ERR, static_cast<int>(-result), kStepLimit, limit.resource);
+    }
+    return {};
+}
+
+// The launcher lets a process that must end with it exec only once it knows the process: a byte comes. End
+// of file instead (the launcher failed, or ended meanwhile): the process ends without its exec.
+NEW_PROCESS_CODE void pass_gate(const LaunchRequest& request) {
+    if (request.gate < 0) return;
+    char byte;
+    long got;
+    do {
+        got = sys_read(request.gate, &byte, 1);
+    } while (got == -EINTR);
+    if (got != 1) sys_exit(255);
+}
+
 // nice, when one is asked for. A change the system refuses or limits leaves the process where it is; that
 // is no failure.
 NEW_PROCESS_CODE ExecOutcome set_priority(const LaunchRequest& request, const ChildContext& context) {
@@ -204,16 +239,26 @@ NEW_PROCESS_CODE void run_new_process(const LaunchRequest& request, bool attache
         sys_set_disposition(SIGTTIN, SIG_IGN, false);
     }
     sys_set_signal_mask(&request.signalMask);
+    ExecOutcome joined = join_groups(request);
+    if (joined.result != PROC_SUCCESS) report_failure(request, context, joined);
     close_inherited_descriptors(request);
 
+    ExecOutcome limited = set_limits(request);
+    if (limited.result != PROC_SUCCESS) report_failure(request, context, limited);
     ExecOutcome setup = SetupChildContext(request, context);
     if (setup.result != PROC_SUCCESS) report_failure(request, context, setup);
     if (attached)
         child_log(context, "Past SetupChildContext.  Return value was: [%d] and sysErr was: [%d]\n", setup.result,
                   setup.sysErr);
     sys_fcntl(request.writeEnd, F_SETFD, FD_CLOEXEC);
-    close_descriptors_except(&request.writeEnd, 1, request.openMax);
+    const int kept[2] = {request.writeEnd < request.gate ? request.writeEnd : request.gate,
+                         request.writeEnd < request.gate ? request.gate : request.writeEnd};
+    if (request.gate >= 0)
+        close_descriptors_except(kept, 2, request.openMax);
+    else
+        close_descriptors_except(&request.writeEnd, 1, request.openMax);
     if (context.debug) dump_launch(request, context);
+    pass_gate(request);
 
     int err = exec_program(request);
     report_failure(request, context,

@@ -93,7 +93,18 @@ enum LaunchStep : int {
     kStepProcessGroup = 7,
     kStepStdHandle = 8,   // detail: the descriptor, 0 to 2
     kStepExec = 9,
+    kStepCgroup = 10,     // joining a group of its contained tree; detail: which
+    kStepLimit = 11,      // detail: the resource (RLIMIT_*)
+    kStepWatchdog = 12,   // the launcher could not have it ended with itself
 };
+
+// A resource limit the new process sets on itself before its exec.
+struct LimitRequest {
+    int resource;
+    uint64_t soft;
+    uint64_t hard;
+};
+constexpr int kMaxLimits = 16;
 
 // What the exec-outcome channel told, or what the wait on it found: a result code with its sysErr, and
 // the step that failed.
@@ -121,6 +132,16 @@ struct LaunchRequest : NoCopy {
     bool detached = false;
     bool ignoreJobControlSignals = true; // SIGTTIN and SIGTTOU ignored in the new process
     bool silent = false;                 // no trace line, in the launcher or the new process
+    LimitRequest limits[kMaxLimits];
+    int limitCount = 0;
+    // A contained tree: the cgroup v2 group the new process starts in (clone3 with CLONE_INTO_CGROUP), and the
+    // cgroup.procs files it writes "0" into first thing (v1 groups; the v2 one where clone3 can't start it there).
+    int cgroupFd = -1;
+    int joins[3] = {-1, -1, -1};
+    // The new process ends with the launcher: the launch registers it with the watchdog (unless its group is
+    // registered already) and only then lets it exec.
+    bool endWithLauncher = false;
+    bool registeredByGroup = false;
 
     // Resolved by resolve_request.
     Arena arena;
@@ -137,6 +158,8 @@ struct LaunchRequest : NoCopy {
     // Filled in by the launch.
     sigset_t signalMask;         // the launching thread's, for the new process to restore
     int writeEnd = -1;           // the exec-outcome channel's
+    int gate = -1;               // endWithLauncher: the new process waits for a byte here before its exec
+    UniqueFd ownJoin;            // the v2 group's cgroup.procs, when clone3 can't start the process in it
 
     ~LaunchRequest();
 };
@@ -149,6 +172,7 @@ struct LaunchOutcome {
     pid_t pid = 0;
     UniqueFd pidfd;               // -1: the system offers none, follow it by its PID
     UniqueFd pipes[3];            // the launcher's end of each pipe asked for
+    uint64_t watchdogToken = 0;   // endWithLauncher without a group: the process's registration
     bool ok() const { return exec.result == PROC_SUCCESS; }
 };
 

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
 #include <sys/mman.h>
@@ -15,6 +16,7 @@
 
 #include "launch/launch_internal.h"
 #include "launch/raw_syscall.h"
+#include "containment/containment.h"
 #include "runtime/pidfd.h"
 
 namespace {
@@ -93,14 +95,27 @@ NEW_PROCESS_CODE int intermediate_main(void* argument) {
 }
 
 // clone with every signal blocked, so that no handler of the JVM runs in the new process before it has
-// put its own dispositions in place; `saved` receives the launching thread's mask.
-pid_t clone_blocked(int (*main)(void*), void* stackTop, void* argument, sigset_t* saved) {
+// put its own dispositions in place; `saved` receives the launching thread's mask. With a cgroup v2 group,
+// the process starts in it; where the system can't do that (no clone3 or CLONE_INTO_CGROUP), a plain clone,
+// and the new process joins the group itself first thing (`ownJoin`).
+pid_t clone_blocked(int (*main)(void*), void* stackTop, void* argument, LaunchRequest& request) {
     sigset_t all;
     sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, saved);
-    pid_t pid = clone(main, stackTop, CLONE_VM | SIGCHLD, argument);
+    pthread_sigmask(SIG_SETMASK, &all, &request.signalMask);
+    pid_t pid = -1;
+    bool plain = request.cgroupFd < 0 || request.ownJoin.get() >= 0;
+    if (!plain) {
+        pid = clone_into_cgroup(main, argument, static_cast<char*>(stackTop) - kStackSize, kStackSize,
+                                request.cgroupFd);
+        if (pid == -1 && (errno == ENOSYS || errno == E2BIG)) {
+            request.ownJoin.reset(openat(request.cgroupFd, "cgroup.procs", O_WRONLY | O_CLOEXEC));
+            request.joins[2] = request.ownJoin.get();
+            plain = request.ownJoin.get() >= 0;
+        }
+    }
+    if (plain) pid = clone(main, stackTop, CLONE_VM | SIGCHLD, argument);
     int err = errno;
-    pthread_sigmask(SIG_SETMASK, saved, nullptr);
+    pthread_sigmask(SIG_SETMASK, &request.signalMask, nullptr);
     errno = err;
     return pid;
 }
@@ -128,22 +143,68 @@ bool gone_within(int pidfd, int pid, int millis) {
     return true;
 }
 
+// The pipe whose byte lets a new process that must end with the launcher exec.
+struct Gate {
+    UniqueFd readEnd;
+    UniqueFd writeEnd;
+    bool open(int* sysErr) {
+        int ends[2];
+        if (pipe2(ends, O_CLOEXEC) != 0) {
+            *sysErr = errno;
+            return false;
+        }
+        readEnd.reset(keep_above_standard(ends[0], true));
+        writeEnd.reset(keep_above_standard(ends[1], true));
+        return true;
+    }
+};
+
 // A failure on the launcher's side.
 void fail(LaunchOutcome& outcome, int result, int sysErr) {
     outcome.exec = {result, sysErr, kStepLauncher, 0};
 }
 
-// The request resolved and the channel open, ready for clone. False with the outcome's failure.
-bool prepare(LaunchRequest& request, ExecOutcomeChannel& channel, LaunchOutcome& outcome) {
+// The request resolved, the channel open and, for a process that ends with the launcher, its gate: ready
+// for clone. False with the outcome's failure.
+bool prepare(LaunchRequest& request, ExecOutcomeChannel& channel, Gate& gate, LaunchOutcome& outcome) {
     int sysErr = 0;
     int result = resolve_request(&request, &sysErr);
     if (result == PROC_SUCCESS && channel.open(&sysErr) != PROC_SUCCESS) result = PROC_SYSTEM_ERR;
+    if (result == PROC_SUCCESS && request.endWithLauncher && !gate.open(&sysErr))
+        result = result_for_errno(sysErr, {}, PROC_SYSTEM_ERR);
     if (result != PROC_SUCCESS) {
         fail(outcome, result, sysErr);
         return false;
     }
     request.writeEnd = channel.write_end();
+    request.gate = gate.readEnd.get();
     return true;
+}
+
+// Lets a new process that must end with the launcher exec, once the watchdog knows it (its group's
+// registration, made before the launch, or its own, made here). False with the outcome's failure: the gate
+// then closes without a byte, and the new process ends.
+bool open_gate(LaunchRequest& request, Gate& gate, int pid, LaunchOutcome& outcome) {
+    if (!request.endWithLauncher) return true;
+    gate.readEnd.reset();
+    if (!request.registeredByGroup) {
+        outcome.pidfd.reset(pidfd_or_trace(pid));
+        outcome.watchdogToken = outcome.pidfd.get() >= 0 ? watchdog_register_process(outcome.pidfd.get()) : 0;
+        if (outcome.watchdogToken == 0) {
+            int err = errno;
+            gate.writeEnd.reset();
+            fail(outcome, PROC_SYSTEM_ERR, err);
+            outcome.exec.step = kStepWatchdog;
+            return false;
+        }
+    }
+    char byte = 1;
+    ssize_t sent = retry_on_eintr([&] { return write(gate.writeEnd.get(), &byte, 1); });
+    gate.writeEnd.reset();
+    if (sent == 1) return true;
+    fail(outcome, PROC_SYSTEM_ERR, errno);
+    outcome.exec.step = kStepWatchdog;
+    return false;
 }
 
 // The launcher's ends of the pipes go with a successful outcome.
@@ -156,15 +217,20 @@ LaunchOutcome launch_attached(LaunchRequest& request) {
     TraceScope trace("unix_CreateProcess()");
     LaunchOutcome outcome;
     ExecOutcomeChannel channel;
-    if (!prepare(request, channel, outcome)) return outcome;
+    Gate gate;
+    if (!prepare(request, channel, gate, outcome)) return outcome;
 
     ChildStacks stack(1);
-    pid_t pid = stack.ok() ? clone_blocked(attached_main, stack.top(0), &request, &request.signalMask) : -1;
+    pid_t pid = stack.ok() ? clone_blocked(attached_main, stack.top(0), &request, request) : -1;
     outcome.pid = pid;
     if (pid == -1) {
         int err = stack.ok() ? errno : ENOMEM;
         process_err("FORK failed.  ERRNO: [%d]\n", err);
         fail(outcome, result_for_errno(err, {EAGAIN}, PROC_OUT_OF_MEMORY), err);
+        return outcome;
+    }
+    if (!open_gate(request, gate, pid, outcome)) {
+        kill_and_reap(pid);
         return outcome;
     }
     outcome.exec = WaitForExecOutcome(channel);
@@ -174,7 +240,7 @@ LaunchOutcome launch_attached(LaunchRequest& request) {
         kill_and_reap(pid);
         return outcome;
     }
-    outcome.pidfd.reset(pidfd_or_trace(pid));
+    if (outcome.pidfd.get() < 0) outcome.pidfd.reset(pidfd_or_trace(pid));
     hand_over_pipes(request, outcome);
     return outcome;
 }
@@ -183,7 +249,8 @@ LaunchOutcome launch_detached(LaunchRequest& request) {
     TraceScope trace("unix_CreateDetachedProcess()");
     LaunchOutcome outcome;
     ExecOutcomeChannel channel;
-    if (!prepare(request, channel, outcome)) return outcome;
+    Gate gate;
+    if (!prepare(request, channel, gate, outcome)) return outcome;
     int ends[2]; // not close-on-exec: the new process's sweep closes them
     if (pipe(ends) == -1) {
         int err = errno;
@@ -202,8 +269,7 @@ LaunchOutcome launch_detached(LaunchRequest& request) {
                            {channel.read_end(), channel.write_end()},
                            {pidRead.get(), pidWrite.get()},
                            stacks.top(1)};
-    pid_t intermediate =
-        stacks.ok() ? clone_blocked(intermediate_main, stacks.top(0), &start, &request.signalMask) : -1;
+    pid_t intermediate = stacks.ok() ? clone_blocked(intermediate_main, stacks.top(0), &start, request) : -1;
     if (intermediate == -1) {
         int err = stacks.ok() ? errno : ENOMEM;
         if (err == ENOMEM || err == EAGAIN) {
@@ -226,7 +292,11 @@ LaunchOutcome launch_detached(LaunchRequest& request) {
         return outcome;
     }
     outcome.pid = pid;
-    UniqueFd pidfd(pidfd_or_trace(pid));
+    if (!open_gate(request, gate, pid, outcome)) {
+        if (!gone_within(outcome.pidfd.get(), pid, kGoneMillis)) stacks.keep_forever();
+        return outcome;
+    }
+    UniqueFd pidfd(outcome.pidfd.get() >= 0 ? outcome.pidfd.release() : pidfd_or_trace(pid));
 
     outcome.exec = WaitForExecOutcome(channel);
     if (outcome.exec.result == PROC_CREATE_TIMEOUT)

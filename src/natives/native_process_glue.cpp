@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <sys/resource.h>
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -15,8 +16,9 @@
 #include "natives/record_launch.h"
 #include "quillon/boundary.h"
 #include "supervision/supervision_internal.h"
-#include "supervision/tree.h"
 #include "supervision/events.h"
+#include "supervision/tree.h"
+#include "supervision/trees.h"
 
 namespace {
 constexpr size_t kStackBuffer = 8192;
@@ -61,13 +63,19 @@ constexpr int kSettingNice = com_norvane_quillon_process_NativeProcessGlue_SETTI
 constexpr int kSettingUmask = com_norvane_quillon_process_NativeProcessGlue_SETTING_UMASK;
 constexpr int kSettingProcessGroup = com_norvane_quillon_process_NativeProcessGlue_SETTING_PROCESS_GROUP;
 constexpr int kSettingStdFds = com_norvane_quillon_process_NativeProcessGlue_SETTING_STD_FDS;
+constexpr int kSettingMemoryLimit = com_norvane_quillon_process_NativeProcessGlue_SETTING_MEMORY_LIMIT;
+constexpr int kSettingProcessLimit = com_norvane_quillon_process_NativeProcessGlue_SETTING_PROCESS_LIMIT;
 constexpr int kSettings = com_norvane_quillon_process_NativeProcessGlue_SETTINGS;
 constexpr jlong kFlagDetached = com_norvane_quillon_process_NativeProcessGlue_FLAG_DETACHED;
+constexpr jlong kFlagContained = com_norvane_quillon_process_NativeProcessGlue_FLAG_CONTAINED;
+constexpr jlong kFlagEndWithJvm = com_norvane_quillon_process_NativeProcessGlue_FLAG_END_WITH_JVM;
 constexpr int kLaunchedPid = com_norvane_quillon_process_NativeProcessGlue_LAUNCHED_PID;
 constexpr int kLaunchedPipes = com_norvane_quillon_process_NativeProcessGlue_LAUNCHED_PIPES;
 constexpr int kLaunchedStep = com_norvane_quillon_process_NativeProcessGlue_LAUNCHED_STEP;
 constexpr int kLaunchedDetail = com_norvane_quillon_process_NativeProcessGlue_LAUNCHED_DETAIL;
 constexpr int kLaunchedErrno = com_norvane_quillon_process_NativeProcessGlue_LAUNCHED_ERRNO;
+constexpr int kLaunchedTree = com_norvane_quillon_process_NativeProcessGlue_LAUNCHED_TREE;
+constexpr int kLaunchedContainment = com_norvane_quillon_process_NativeProcessGlue_LAUNCHED_CONTAINMENT;
 constexpr int kLaunched = com_norvane_quillon_process_NativeProcessGlue_LAUNCHED;
 constexpr int kGroupInherit = com_norvane_quillon_process_NativeProcessGlue_GROUP_INHERIT;
 
@@ -94,8 +102,14 @@ bool take_dispositions(JNIEnv* env, JavaTexts& texts, LaunchRequest* request, ji
     return texts.ok();
 }
 
+// What a launch asks of the tree it starts: whether it is contained, and its limits.
+struct TreeAsked {
+    bool contained = false;
+    TreeLimits limits;
+};
+
 // The settings slots into the request: what is unset stays untouched in the new process.
-bool take_settings(JNIEnv* env, JavaTexts& texts, LaunchRequest* request, jlongArray settings) {
+bool take_settings(JNIEnv* env, JavaTexts& texts, LaunchRequest* request, TreeAsked* tree, jlongArray settings) {
     if (settings == nullptr || env->GetArrayLength(settings) < kSettings) {
         texts.refuse(PROC_SYSTEM_ERR, EINVAL);
         return false;
@@ -103,6 +117,13 @@ bool take_settings(JNIEnv* env, JavaTexts& texts, LaunchRequest* request, jlongA
     jlong value[kSettings];
     env->GetLongArrayRegion(settings, 0, kSettings, value);
     request->detached = (value[kSettingFlags] & kFlagDetached) != 0;
+    request->endWithLauncher = (value[kSettingFlags] & kFlagEndWithJvm) != 0;
+    tree->contained = (value[kSettingFlags] & kFlagContained) != 0;
+    jlong memory = value[kSettingMemoryLimit];
+    jlong processes = value[kSettingProcessLimit];
+    if ((memory != kUnset && memory < 0) || (processes != kUnset && processes < 0)) texts.refuse(PROC_SYSTEM_ERR, EINVAL);
+    tree->limits.memoryBytes = memory != kUnset ? memory : -1;
+    tree->limits.processes = processes != kUnset ? processes : -1;
     if (value[kSettingNice] != kUnset)
         request->nice = static_cast<int>(std::clamp<jlong>(value[kSettingNice], -20, 19));
     if (value[kSettingUmask] != kUnset) {
@@ -122,6 +143,57 @@ bool take_settings(JNIEnv* env, JavaTexts& texts, LaunchRequest* request, jlongA
     return texts.ok();
 }
 
+// Resource limits as triples of resource, soft and hard (-1: unlimited).
+bool take_limits(JNIEnv* env, JavaTexts& texts, LaunchRequest* request, jlongArray limits) {
+    jsize length = limits != nullptr ? env->GetArrayLength(limits) : 0;
+    if (length % 3 != 0 || length / 3 > kMaxLimits) {
+        texts.refuse(PROC_SYSTEM_ERR, EINVAL);
+        return false;
+    }
+    jlong value[kMaxLimits * 3];
+    if (length > 0) env->GetLongArrayRegion(limits, 0, length, value);
+    for (jsize i = 0; i < length; i += 3) {
+        if (value[i] < 0 || value[i] >= RLIM_NLIMITS || value[i + 1] < -1 || value[i + 2] < -1)
+            texts.refuse(PROC_SYSTEM_ERR, EINVAL);
+        auto bound = [](jlong v) { return v == -1 ? static_cast<uint64_t>(RLIM_INFINITY) : static_cast<uint64_t>(v); };
+        request->limits[request->limitCount++] = {static_cast<int>(value[i]), bound(value[i + 1]), bound(value[i + 2])};
+    }
+    return texts.ok();
+}
+
+// The groups of a contained tree, made before the launch and given to it; a process-group tree has the
+// program lead a new group. False, with the outcome's failure, when they can't be made.
+bool prepare_tree(const TreeAsked& asked, LaunchRequest& request, Tree** tree, uint64_t* groupToken,
+                  LaunchOutcome& outcome) {
+    if (!asked.contained) return true;
+    int err = 0;
+    const char* missing = nullptr;
+    *tree = new_tree(asked.limits, &err, &missing);
+    if (*tree == nullptr) {
+        int detail = missing == nullptr ? 0 : strcmp(missing, "memory") == 0 ? 1 : 2;
+        outcome.exec = {err == ENODEV ? PROC_NOT_SUPPORTED : result_for_errno(err, {}, PROC_SYSTEM_ERR), err,
+                        kStepCgroup, detail};
+        return false;
+    }
+    request.cgroupFd = tree_start_group(*tree);
+    tree_joins(*tree, request.joins);
+    if (request.cgroupFd < 0) {
+        request.keepProcessGroup = false;
+        request.processGroup = 0;
+    }
+    if (request.endWithLauncher && tree_kill_file(*tree) >= 0) {
+        *groupToken = watchdog_register_group(tree_kill_file(*tree));
+        if (*groupToken == 0) {
+            outcome.exec = {PROC_SYSTEM_ERR, errno, kStepWatchdog, 0};
+            discard_tree(*tree);
+            *tree = nullptr;
+            return false;
+        }
+        request.registeredByGroup = true;
+    }
+    return true;
+}
+
 // What the caller learns of a launch, failed or not.
 void report_launch(JNIEnv* env, jlongArray launched, const LaunchOutcome& outcome) {
     jlong values[kLaunched] = {};
@@ -133,12 +205,39 @@ void report_launch(JNIEnv* env, jlongArray launched, const LaunchOutcome& outcom
     values[kLaunchedErrno] = outcome.exec.sysErr;
     env->SetLongArrayRegion(launched, 0, kLaunched, values);
 }
+
+// A tree whose launch made a process is followed until it is empty, when its groups go; one whose launch
+// made none goes at once. Its token, 0 when it can't be followed (then a launch that succeeded is abandoned).
+int64_t follow_tree(Tree* tree, const LaunchOutcome& outcome, uint64_t groupToken) {
+    if (!outcome.ok() && outcome.pid <= 0) {
+        if (groupToken != 0) watchdog_forget(groupToken);
+        discard_tree(tree);
+        return 0;
+    }
+    int64_t token = register_tree(tree, outcome.pid, groupToken);
+    if (token == 0) {
+        if (groupToken != 0) watchdog_forget(groupToken);
+        discard_tree(tree);
+        return 0;
+    }
+    if (watch_tree(token) != PROC_SUCCESS) {
+        tree_kill(token);
+        release_tree(token);
+        return 0;
+    }
+    return token;
+}
+
+void report_tree(JNIEnv* env, jlongArray launched, int64_t token) {
+    jlong values[2] = {token, static_cast<jlong>(tree_kind(token))};
+    env->SetLongArrayRegion(launched, kLaunchedTree, 2, values);
+}
 } // namespace
 
 JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_launch(
     JNIEnv* env, jobject, jstring executable, jobjectArray arguments, jobjectArray environment,
     jobjectArray baseEnvironment, jstring workingDirectory, jintArray stdModes, jobjectArray stdPaths,
-    jstring groupName, jstring userName, jlongArray settings, jlongArray launched) {
+    jstring groupName, jstring userName, jlongArray settings, jlongArray limits, jlongArray launched) {
     TraceSilence silence; // the public API reports through its exceptions alone
     if (executable == nullptr) {
         ThrowException(env, PROC_INVALID_EXECUTABLE, "Invalid executable.", 0);
@@ -160,17 +259,29 @@ JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_launc
     take_dispositions(env, texts, &request, stdModes, stdPaths);
     request.groupName = texts.text(groupName);
     request.userName = texts.text(userName);
-    take_settings(env, texts, &request, settings);
+    TreeAsked asked;
+    take_settings(env, texts, &request, &asked, settings);
+    take_limits(env, texts, &request, limits);
     if (!texts.ok()) {
         texts.raise("Error creating new process.");
         return 0;
     }
-    LaunchOutcome outcome = launch(request);
+    Tree* tree = nullptr;
+    uint64_t groupToken = 0;
+    LaunchOutcome outcome;
+    if (prepare_tree(asked, request, &tree, &groupToken, outcome)) outcome = launch(request);
+    int64_t treeToken = tree != nullptr ? follow_tree(tree, outcome, groupToken) : 0;
+    if (tree != nullptr && treeToken == 0 && outcome.ok()) { // a tree nobody can follow must not run on
+        abandon_launch(outcome, request.detached);
+        outcome.exec = {PROC_OUT_OF_MEMORY, ENOMEM, kStepLauncher, 0};
+    }
     UnixProcessData* data = outcome.ok() ? record_of_launch(outcome) : nullptr;
     jlong handle = data != nullptr ? register_record(data) : 0;
-    // A child is watched from the start: its end is collected whatever happens on the Java side.
+    // A child is watched from the start: its end is collected whatever happens on the Java side; so is a process
+    // registered with the watchdog, which takes it back at its end.
     int sysErr = 0;
-    if (handle != 0 && !request.detached && watch_record(kReapOnly, data, &sysErr) != PROC_SUCCESS) {
+    bool watched = !request.detached || outcome.watchdogToken != 0;
+    if (handle != 0 && watched && watch_record(kReapOnly, data, &sysErr) != PROC_SUCCESS) {
         retire_record(handle);
         data = nullptr;
         handle = 0;
@@ -182,9 +293,14 @@ JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_launc
     }
     report_launch(env, launched, outcome);
     if (!outcome.ok()) {
+        if (treeToken != 0) { // a process was made and is gone or going: the tree goes once it is empty
+            tree_kill(treeToken);
+            release_tree(treeToken);
+        }
         ThrowException(env, outcome.exec.result, "Error creating new process.", outcome.exec.sysErr);
         return 0;
     }
+    report_tree(env, launched, treeToken);
     for (UniqueFd& pipe : outcome.pipes)
         pipe.release(); // the caller's now
     return handle;
@@ -447,4 +563,65 @@ JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_killTr
     int sysErr = 0;
     int result = kill_tree(record.get(), &sysErr);
     if (result != PROC_SUCCESS) ThrowException(env, result, "Error terminating process. ", sysErr);
+}
+
+namespace {
+int64_t checked_tree(JNIEnv* env, jlong token, const char* message) {
+    if (tree_kind(token) == TreeKind::None) {
+        ThrowException(env, PROC_SYSTEM_ERR, message, EINVAL);
+        return 0;
+    }
+    return token;
+}
+} // namespace
+
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_treeKill(JNIEnv* env, jobject, jlong token) {
+    if (checked_tree(env, token, "Error terminating process tree. ") == 0) return;
+    int err = tree_kill(token);
+    if (err != 0) ThrowException(env, err == EPERM ? PROC_ACCESS_DENIED : PROC_SYSTEM_ERR, "Error terminating process tree. ", err);
+}
+
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_treeSignal(JNIEnv* env, jobject,
+                                                                                  jlong token, jint signal) {
+    if (checked_tree(env, token, "Error signalling process tree. ") == 0) return;
+    if (signal <= 0 || signal >= NSIG) return ThrowException(env, PROC_SYSTEM_ERR, "Error signalling process tree. ", EINVAL);
+    int err = tree_signal(token, signal);
+    if (err != 0 && err != ETIMEDOUT)
+        ThrowException(env, err == EPERM ? PROC_ACCESS_DENIED : PROC_SYSTEM_ERR, "Error signalling process tree. ", err);
+}
+
+JNIEXPORT jboolean JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_treeEmpty(JNIEnv* env, jobject,
+                                                                                      jlong token,
+                                                                                      jlongArray usage) {
+    TreeUsage figures = {false, -1};
+    bool empty = tree_empty(token, &figures);
+    if (usage != nullptr && env->GetArrayLength(usage) >= 2) {
+        jlong values[2] = {figures.peakBytes, figures.killedForMemory ? 1 : 0};
+        env->SetLongArrayRegion(usage, 0, 2, values);
+    }
+    return empty ? JNI_TRUE : JNI_FALSE;
+}
+
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_treeRelease(JNIEnv*, jobject, jlong token) {
+    release_tree(token);
+}
+
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_endOf(JNIEnv* env, jobject, jlong handle,
+                                                                               jlongArray end) {
+    RecordRef record(handle);
+    if (!record || end == nullptr || env->GetArrayLength(end) < 4) {
+        ThrowException(env, PROC_SYSTEM_ERR, "Error getting exitcode. ", EINVAL);
+        return;
+    }
+    int sysErr = 0;
+    int result = unix_GetProcessExitCode(record.get(), &sysErr);
+    if (result != PROC_SUCCESS) return ThrowException(env, result, "Error getting exitcode. ", sysErr);
+    await_no_waiters(record.get());
+    ProcessEntry* entry = entry_of(record.get());
+    rusage usage = {};
+    bool known = entry != nullptr && entry_usage(entry, &usage);
+    auto micros = [](const timeval& t) { return static_cast<jlong>(t.tv_sec) * 1000000 + t.tv_usec; };
+    jlong values[4] = {load_field(record->exitCode), entry != nullptr ? entry_signal(entry) : 0,
+                       known ? micros(usage.ru_utime) : -1, known ? micros(usage.ru_stime) : -1};
+    env->SetLongArrayRegion(end, 0, 4, values);
 }

@@ -32,7 +32,7 @@ UnixProcessData* record_of_launch(LaunchOutcome& outcome) {
     UnixProcessData* data = new_record();
     if (data == nullptr) return nullptr;
     snprintf(data->pid, kPidTextSize, "%d", outcome.pid);
-    if (!attach_launched_entry(data, outcome.pid, outcome.pidfd.release())) {
+    if (!attach_launched_entry(data, outcome.pid, outcome.pidfd.release(), outcome.watchdogToken)) {
         destroy_record(data);
         return nullptr;
     }

@@ -19,6 +19,7 @@
 #include "runtime/support.h"
 #include "supervision/id_table.h"
 #include "supervision/supervision_internal.h"
+#include "supervision/trees.h"
 
 namespace {
 constexpr int kFallbackMillis = 100;
@@ -37,6 +38,15 @@ struct ProcessWatch {
     bool inSet;
     ProcessWatch* nextDue;
 };
+
+// A contained tree, until it is empty.
+struct TreeWatch {
+    int64_t token;
+    int fd;        // what wakes it, registered under the token; -1 while it is looked at now and then
+    bool due;      // empty, to be reported
+    TreeWatch* nextDue;
+};
+TreeWatch* trees_due = nullptr;
 
 enum class Mode { Capture, Deliver, Feed };
 
@@ -64,6 +74,7 @@ IdTable watches_by_id;
 IdTable watches_by_entry;
 IdTable watches_by_handle;
 IdTable sources;
+IdTable tree_watches; // tree token -> TreeWatch
 ProcessWatch* due_head = nullptr;
 Source* pending_head = nullptr;
 size_t unpolled = 0; // watches without a pidfd
@@ -294,6 +305,56 @@ void serve(Source* source) {
         serve_reading(source);
 }
 
+// ---- Tree watches ----
+
+// Registers what wakes the tree now (a copy of the descriptor, the set's own, so that the tree may close its
+// own at any time), or marks it due when it is empty. The caller holds the lock.
+void arm_tree(TreeWatch* watch) {
+    bool priority = false;
+    int waker = tree_waker(watch->token, &priority);
+    int fd = waker >= 0 ? fcntl(waker, F_DUPFD_CLOEXEC, 3) : -1;
+    if (fd >= 0 && add_to_set(fd, static_cast<uint64_t>(watch->token), priority ? EPOLLPRI : EPOLLIN)) {
+        watch->fd = fd;
+        return;
+    }
+    if (fd >= 0) close(fd);
+    watch->fd = -1;
+    if (waker != -1) { // a live tree without a waker the set takes: looked at now and then
+        ++unpolled;
+        return;
+    }
+    watch->due = true;
+    watch->nextDue = trees_due;
+    trees_due = watch;
+}
+
+// A tree's descriptor woke, or it is looked at: empty, it is reported; else its waker is set again.
+void serve_tree(TreeWatch* watch) {
+    if (watch->due) return;
+    if (watch->fd >= 0) {
+        epoll_ctl(epoll_fd, EPOLL_CTL_DEL, watch->fd, nullptr);
+        close(watch->fd);
+    } else {
+        --unpolled;
+    }
+    watch->fd = -1;
+    arm_tree(watch);
+}
+
+int report_trees(Event* events, int capacity) {
+    int count = 0;
+    while (trees_due != nullptr && count < capacity) {
+        TreeWatch* watch = trees_due;
+        trees_due = watch->nextDue;
+        bool released = false;
+        tree_settle(watch->token, &released);
+        if (!released) events[count++] = {kEventTree, watch->token};
+        tree_watches.erase(static_cast<uint64_t>(watch->token));
+        free(watch);
+    }
+    return count;
+}
+
 int report_sources(Event* events, int capacity) {
     int count = 0;
     while (pending_head != nullptr && count < capacity) {
@@ -353,7 +414,7 @@ void wait_for_events(int timeout, epoll_event* ready, int* count) {
     pthread_mutex_lock(&lock);
     open_set(); // without it, the first watch could not wake a waiter that came before it
     int set = epoll_fd;
-    if (due_head != nullptr || pending_head != nullptr) timeout = 0;
+    if (due_head != nullptr || pending_head != nullptr || trees_due != nullptr) timeout = 0;
     if (unpolled > 0 && (timeout < 0 || timeout > kFallbackMillis)) timeout = kFallbackMillis;
     pthread_mutex_unlock(&lock);
     *count = 0;
@@ -420,6 +481,8 @@ int await_events(Event* events, int capacity, int timeoutMillis) {
             serve(source);
         } else if (auto* watch = static_cast<ProcessWatch*>(watches_by_id.find(id))) {
             make_due(watch);
+        } else if (auto* tree = static_cast<TreeWatch*>(tree_watches.find(id))) {
+            serve_tree(tree);
         }
     }
     if (unpolled > 0) { // a pass over the watches without pidfd; rare, so a walk over the table's values
@@ -428,11 +491,37 @@ int await_events(Event* events, int capacity, int timeoutMillis) {
             auto* watch = static_cast<ProcessWatch*>(value);
             if (!watch->due && entry_pidfd(watch->entry) < 0 && has_ended(watch->entry)) make_due(watch);
         });
+        TreeWatch* looked[64]; // serve_tree may change the table: collected first, a round's worth
+        int count = 0;
+        tree_watches.for_each([&](void* value) {
+            auto* watch = static_cast<TreeWatch*>(value);
+            if (!watch->due && watch->fd < 0 && count < 64) looked[count++] = watch;
+        });
+        for (int i = 0; i < count; ++i)
+            serve_tree(looked[i]);
     }
     int count = report_ended(events, capacity);
+    count += report_trees(events + count, capacity - count);
     count += report_sources(events + count, capacity - count);
     pthread_mutex_unlock(&lock);
     return count;
+}
+
+int watch_tree(int64_t token) {
+    pthread_mutex_lock(&lock);
+    int err = open_set();
+    auto* watch = err == 0 ? static_cast<TreeWatch*>(calloc(1, sizeof(TreeWatch))) : nullptr;
+    bool added = watch != nullptr && tree_watches.insert(static_cast<uint64_t>(token), watch);
+    if (added) {
+        watch->token = token;
+        watch->fd = -1;
+        arm_tree(watch);
+        if (trees_due != nullptr || unpolled > 0) wake();
+    } else {
+        free(watch);
+    }
+    pthread_mutex_unlock(&lock);
+    return added ? PROC_SUCCESS : result_for_errno(err != 0 ? err : ENOMEM, {}, PROC_SYSTEM_ERR);
 }
 
 int64_t add_capture(int fd, size_t limit) {

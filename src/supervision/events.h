@@ -17,6 +17,7 @@ enum EventKind : int {
     kEventChunk = 2,    // token: a delivery whose chunk waits to be taken, or which has reached its end
     kEventCaptured = 3, // token: a capture that has read its pipe to the end
     kEventFed = 4,      // token: a feed that has written all its input, or whose reader went away
+    kEventTree = 5,     // token: a contained tree whose last member has ended
 };
 
 struct Event {
@@ -30,6 +31,10 @@ int watch_record(int64_t handle, UnixProcessData* data, int* sysErr);
 void forget_watches(int64_t handle);
 // Blocks up to `timeoutMillis` (-1: no limit) for events; stores up to `capacity` and returns how many.
 int await_events(Event* events, int capacity, int timeoutMillis);
+
+// Watches a contained tree until it is empty: reported once then, unless it was released meanwhile (then it is
+// freed). A result code.
+int watch_tree(int64_t token);
 
 // Pipe sources. Each takes over the descriptor (made non-blocking, closed by the source) and gives a token, 0
 // when memory ran out (the descriptor is closed then). Tokens name one source for good.

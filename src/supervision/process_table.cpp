@@ -6,8 +6,12 @@
 #include <ctime>
 #include <new>
 #include <poll.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include "containment/containment.h"
 #include "runtime/support.h"
 #include "supervision/id_table.h"
 #include "runtime/pidfd.h"
@@ -22,6 +26,9 @@ struct ProcessEntry {
     int signal;     // the ending signal; 0 after an exit or when the end was only seen, not collected
     unsigned refs;  // under table_lock
     bool indexed;   // under table_lock: live_entries holds it
+    uint64_t watchdogToken; // its registration with the watchdog, taken back at its end; 0 for none
+    bool usageKnown;        // a child: what it used, from its reap
+    rusage usage;
 };
 
 namespace {
@@ -43,6 +50,8 @@ void mark_ended(ProcessEntry* entry, int exitCode, int signal) {
     entry->signal = signal;
     entry->ended = true;
     unindex(entry);
+    if (entry->watchdogToken != 0) watchdog_forget(entry->watchdogToken); // nothing left to kill at the end
+    entry->watchdogToken = 0;
 }
 
 void mark_seen_gone(ProcessEntry* entry) {
@@ -75,12 +84,19 @@ void destroy_entry(ProcessEntry* entry) {
 }
 
 // waitid on the process of the entry, by pidfd where the kernel takes one (5.4 and later).
-int wait_for(const ProcessEntry* entry, siginfo_t* info, int options) {
+// The kernel's waitid, which also gives what a reaped child used (the C library's leaves that out).
+int waitid_with_usage(idtype_t type, id_t id, siginfo_t* info, int options, rusage* usage) {
+    return static_cast<int>(syscall(SYS_waitid, type, id, info, options, usage));
+}
+
+// waitid on the process of the entry, by pidfd where the kernel takes one (5.4 and later).
+int wait_for(const ProcessEntry* entry, siginfo_t* info, int options, rusage* usage = nullptr) {
     if (entry->pidfd.get() >= 0) {
-        int result = retry_on_eintr([&] { return waitid(P_PIDFD, static_cast<id_t>(entry->pidfd.get()), info, options); });
+        int result = retry_on_eintr(
+            [&] { return waitid_with_usage(P_PIDFD, static_cast<id_t>(entry->pidfd.get()), info, options, usage); });
         if (result == 0 || errno != EINVAL) return result;
     }
-    return retry_on_eintr([&] { return waitid(P_PID, static_cast<id_t>(entry->pid), info, options); });
+    return retry_on_eintr([&] { return waitid_with_usage(P_PID, static_cast<id_t>(entry->pid), info, options, usage); });
 }
 
 // False when the entry's process is known to have ended, so that its PID may name another by now.
@@ -94,9 +110,10 @@ bool still_the_process(const ProcessEntry* entry) {
 }
 } // namespace
 
-bool attach_launched_entry(UnixProcessData* data, int pid, int pidfd) {
+bool attach_launched_entry(UnixProcessData* data, int pid, int pidfd, uint64_t watchdogToken) {
     ProcessEntry* entry = make_entry(pid, pidfd);
     if (entry == nullptr) return false;
+    entry->watchdogToken = watchdogToken;
     if (!entry->ended) {
         pthread_mutex_lock(&table_lock);
         // An indexed entry under this PID names a process that ended unseen: ours has the PID now.
@@ -164,14 +181,18 @@ Collection collect_child(ProcessEntry* entry) {
     Collection collection = {entry->pid, 0};
     if (!entry->ended) {
         siginfo_t info = {};
-        if (wait_for(entry, &info, WEXITED | WNOHANG) == -1) {
+        rusage usage = {};
+        if (wait_for(entry, &info, WEXITED | WNOHANG, &usage) == -1) {
             collection = {-1, errno};
         } else if (info.si_pid == 0) {
             collection = {0, 0};
-        } else if (info.si_code == CLD_EXITED) {
-            mark_ended(entry, info.si_status & 0xff, 0);
         } else {
-            mark_ended(entry, info.si_status & 0x7f, info.si_status & 0x7f);
+            entry->usage = usage;
+            entry->usageKnown = true;
+            if (info.si_code == CLD_EXITED)
+                mark_ended(entry, info.si_status & 0xff, 0);
+            else
+                mark_ended(entry, info.si_status & 0x7f, info.si_status & 0x7f);
         }
     }
     pthread_mutex_unlock(&entry->lock);
@@ -213,6 +234,12 @@ int entry_exit_code(const ProcessEntry* entry) {
 
 int entry_signal(const ProcessEntry* entry) {
     return entry->signal;
+}
+
+bool entry_usage(const ProcessEntry* entry, rusage* usage) {
+    if (!entry->ended || !entry->usageKnown) return false;
+    *usage = entry->usage;
+    return true;
 }
 
 int entry_pidfd(const ProcessEntry* entry) {

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
+#include <sys/resource.h>
 
 #include "quillon/supervision.h"
 #include "runtime/support.h"
@@ -73,7 +74,8 @@ inline ProcessEntry* entry_of(const UnixProcessData* data) {
 }
 // Gives a launched record its entry (the launch knows the process is new), with the pidfd the launch
 // opened for it (-1: none, it is followed by its PID). False when memory ran out; the pidfd is closed.
-bool attach_launched_entry(UnixProcessData* data, int pid, int pidfd);
+// A process registered with the watchdog is taken back from it at its end.
+bool attach_launched_entry(UnixProcessData* data, int pid, int pidfd, uint64_t watchdogToken = 0);
 // The entry of an adopted record: the one other records on that process share, else a new one.
 // Null when memory ran out.
 ProcessEntry* entry_for_adoption(int pid);
@@ -105,6 +107,8 @@ bool entry_ended(const ProcessEntry* entry);
 int entry_exit_code(const ProcessEntry* entry);
 int entry_signal(const ProcessEntry* entry);
 int entry_pidfd(const ProcessEntry* entry);
+// What a child that has ended used, from its reap: false for any other process.
+bool entry_usage(const ProcessEntry* entry, rusage* usage);
 // Blocks up to `millis` (kForever: no limit) or until the process ends, whichever comes first; without
 // a pidfd it naps for the whole time.
 void await_end(ProcessEntry* entry, int64_t millis);

@@ -39,41 +39,31 @@ struct Pids {
     }
 };
 
-// A field of /proc/<pid>/stat after the command name: 1 the state's, 2 the parent, 3 the process group; 0
-// when it can't be read.
-int stat_field(int pid, int field) {
+// What /proc/<pid>/stat says after the command name; false when it can't be read (the process is gone).
+struct Stat {
+    char state;
+    int parent;
+    int group;
+};
+bool read_stat(int pid, Stat* stat) {
     char path[64];
     snprintf(path, sizeof path, "/proc/%d/stat", pid);
-    FILE* stat = fopen(path, "re");
-    if (stat == nullptr) return 0;
+    FILE* file = fopen(path, "re");
+    if (file == nullptr) return false;
     char line[1024];
-    int values[2] = {0, 0};
-    if (fgets(line, sizeof line, stat) != nullptr) {
+    bool read = false;
+    if (fgets(line, sizeof line, file) != nullptr) {
         const char* afterName = strrchr(line, ')'); // the command name may hold anything, ')' too
-        if (afterName != nullptr) sscanf(afterName + 1, " %*c %d %d", &values[0], &values[1]);
+        read = afterName != nullptr && sscanf(afterName + 1, " %c %d %d", &stat->state, &stat->parent, &stat->group) == 3;
     }
-    fclose(stat);
-    return field == 2 || field == 3 ? values[field - 2] : 0;
+    fclose(file);
+    return read;
 }
 
+// The parent of a process; 0 when it can't be read.
 int parent_of(int pid) {
-    return stat_field(pid, 2);
-}
-
-// Whether any process is in the group now.
-bool group_has_member(int group) {
-    DIR* proc = opendir("/proc");
-    if (proc == nullptr) return false;
-    bool found = false;
-    while (dirent* entry = readdir(proc)) {
-        int pid = atoi(entry->d_name);
-        if (pid > 0 && stat_field(pid, 3) == group) {
-            found = true;
-            break;
-        }
-    }
-    closedir(proc);
-    return found;
+    Stat stat;
+    return read_stat(pid, &stat) ? stat.parent : 0;
 }
 
 // Whether a kill of the tree of `root` would reach the calling process: root is the caller or one of its
@@ -155,6 +145,31 @@ int kill_tree(UnixProcessData* data, int* sysErr) {
     return PROC_SUCCESS;
 }
 
+int live_member_of(int group) {
+    DIR* proc = opendir("/proc");
+    if (proc == nullptr) return 0;
+    int member = 0;
+    while (dirent* entry = readdir(proc)) {
+        int pid = atoi(entry->d_name);
+        Stat stat;
+        if (pid > 0 && read_stat(pid, &stat) && stat.group == group && stat.state != 'Z') {
+            member = pid;
+            break;
+        }
+    }
+    closedir(proc);
+    return member;
+}
+
+bool in_process_group(int pid, int group) {
+    Stat stat;
+    return read_stat(pid, &stat) && stat.group == group && stat.state != 'Z';
+}
+
+bool signal_process_group(int group, int signal) {
+    return live_member_of(group) != 0 && kill(-group, signal) == 0;
+}
+
 bool kill_process_group(int group) {
-    return group_has_member(group) && kill(-group, SIGKILL) == 0;
+    return signal_process_group(group, SIGKILL);
 }

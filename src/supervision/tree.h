@@ -6,6 +6,11 @@
 // SIGKILL to the process, to the process group it leads and to every descendant, all stopped first:
 // a result code.
 int kill_tree(UnixProcessData* data, int* sysErr);
-// SIGKILL to a process group, unless no process is in it any more (then its number may name another group
-// by now): whether it was sent.
+// A live (not zombie) process of the group, 0 when there is none.
+int live_member_of(int group);
+// Whether the process lives and is in the group.
+bool in_process_group(int pid, int group);
+// A signal to a process group, unless no live process is in it any more (then its number may name another
+// group by now): whether it was sent.
+bool signal_process_group(int group, int signal);
 bool kill_process_group(int group);

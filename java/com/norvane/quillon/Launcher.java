@@ -8,6 +8,7 @@ import java.lang.ProcessBuilder.Redirect;
 import java.time.Duration;
 import java.util.ArrayList;
 import java.util.Arrays;
+import java.util.EnumMap;
 import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Map;
@@ -51,6 +52,11 @@ public final class Launcher {
     private boolean detached;
     private long captureLimit = DEFAULT_CAPTURE_LIMIT;
     private final OutputHandler[] handlers = new OutputHandler[2]; // stdout's, stderr's
+    private boolean contained;
+    private boolean endWithJvm;
+    private long memoryLimit = NativeProcessGlue.UNSET;
+    private long processLimit = NativeProcessGlue.UNSET;
+    private final Map<ResourceLimit, long[]> limits = new EnumMap<>(ResourceLimit.class);
 
     /**
      * @param command the program, searched on the program's PATH when it holds no slash, and its arguments
@@ -363,6 +369,107 @@ public final class Launcher {
         return this;
     }
 
+    /** A resource limit without a bound ({@link #limit}). */
+    public static final long UNLIMITED = -1;
+
+    /**
+     * Makes the program and everything it starts live in a group of their own, a contained tree: a cgroup
+     * where a writable cgroup v2 hierarchy exists (every member stays in it whatever it does), else a new
+     * process group the program leads (a member that calls {@code setsid} leaves it).
+     * {@link NativeProcess#containment()} tells which; {@link NativeProcess#killTree()},
+     * {@link NativeProcess#signalTree(int)}, {@link NativeProcess#waitForTree} and
+     * {@link NativeProcess#onTreeExit()} reach the whole tree, also after the program itself has ended. The
+     * group is removed once the tree is empty.
+     *
+     * @return this launcher
+     */
+    public Launcher contained() {
+        contained = true;
+        return this;
+    }
+
+    /**
+     * Sets a resource limit of the program, soft and hard alike, before its exec.
+     *
+     * @param limit the resource
+     * @param value the limit, or {@link #UNLIMITED}
+     * @return this launcher
+     * @throws IllegalArgumentException for a negative value other than {@link #UNLIMITED}
+     */
+    public Launcher limit(ResourceLimit limit, long value) {
+        return limit(limit, value, value);
+    }
+
+    /**
+     * Sets a resource limit of the program before its exec. Raising a hard limit needs privilege: a value
+     * above the JVM's hard limit fails {@link #start()} for a user without it, naming the limit.
+     *
+     * @param limit the resource
+     * @param soft the limit the program meets, or {@link #UNLIMITED}
+     * @param hard the most the program may raise the soft limit to, or {@link #UNLIMITED}
+     * @return this launcher
+     * @throws IllegalArgumentException for a negative value other than {@link #UNLIMITED}, or a soft limit
+     *     above the hard one
+     */
+    public Launcher limit(ResourceLimit limit, long soft, long hard) {
+        if (soft < UNLIMITED || hard < UNLIMITED || (hard != UNLIMITED && (soft == UNLIMITED || soft > hard))) {
+            throw new IllegalArgumentException("not a limit of " + limit + ": soft " + soft + ", hard " + hard);
+        }
+        limits.put(limit, new long[] {soft, hard});
+        return this;
+    }
+
+    /**
+     * Limits the memory of the whole contained tree (and makes the launch {@link #contained()}): a member
+     * that goes over it is killed, and {@link ProcessUsage#killedForMemory()} says so. It needs a hierarchy
+     * with the memory controller (cgroup v2 where this JVM's group hands it down, else v1); without one,
+     * {@link #start()} fails naming it. Swap counts towards the limit.
+     *
+     * @param bytes the limit, at least one page
+     * @return this launcher
+     * @throws IllegalArgumentException for less than 4096 bytes
+     */
+    public Launcher memoryLimit(long bytes) {
+        if (bytes < 4096) {
+            throw new IllegalArgumentException("not a memory limit: " + bytes);
+        }
+        memoryLimit = bytes;
+        contained = true;
+        return this;
+    }
+
+    /**
+     * Limits the number of processes (and threads) of the whole contained tree (and makes the launch
+     * {@link #contained()}): a fork beyond it fails. It needs a hierarchy with the pids controller; without
+     * one, {@link #start()} fails naming it.
+     *
+     * @param processes the limit, at least 1
+     * @return this launcher
+     * @throws IllegalArgumentException for less than 1
+     */
+    public Launcher processLimit(int processes) {
+        if (processes < 1) {
+            throw new IllegalArgumentException("not a process limit: " + processes);
+        }
+        processLimit = processes;
+        contained = true;
+        return this;
+    }
+
+    /**
+     * Kills the program when this JVM ends, however it ends: System.exit, a crash or SIGKILL; and not before,
+     * whatever becomes of the thread that started it. A contained tree ends whole. The JVM's end is seen by a
+     * small watchdog process of the library's own, made at the first such launch; a program that changes its
+     * user to another one, or execs a set-user-ID program, can't be killed by it.
+     *
+     * @param endWithJvm true to have the program end with this JVM
+     * @return this launcher
+     */
+    public Launcher endWithJvm(boolean endWithJvm) {
+        this.endWithJvm = endWithJvm;
+        return this;
+    }
+
     /**
      * Sets how many bytes {@link #run} keeps of each of stdout and stderr; what comes beyond is read and
      * dropped, and {@link ProcessResult#truncated()} says so. The default is 16 MiB.
@@ -460,7 +567,7 @@ public final class Launcher {
         } else if (modes[0] == NativeProcessGlue.STD_PIPE) {
             modes[0] = NativeProcessGlue.STD_NULL;
         }
-        boolean leads = processGroup == NativeProcessGlue.GROUP_INHERIT;
+        boolean leads = processGroup == NativeProcessGlue.GROUP_INHERIT && !contained;
         Started started = launch(modes, new long[3], leads ? 0 : processGroup, new OutputHandler[2], true);
         NativeProcess process = started.process();
         long pid = process.pid();
@@ -589,7 +696,10 @@ public final class Launcher {
             paths[i] = named ? redirects[i].file().getAbsolutePath() : null;
         }
         long[] settings = new long[NativeProcessGlue.SETTINGS];
-        settings[NativeProcessGlue.SETTING_FLAGS] = detached ? NativeProcessGlue.FLAG_DETACHED : 0;
+        settings[NativeProcessGlue.SETTING_FLAGS] = (detached ? NativeProcessGlue.FLAG_DETACHED : 0)
+                | (contained ? NativeProcessGlue.FLAG_CONTAINED : 0) | (endWithJvm ? NativeProcessGlue.FLAG_END_WITH_JVM : 0);
+        settings[NativeProcessGlue.SETTING_MEMORY_LIMIT] = memoryLimit;
+        settings[NativeProcessGlue.SETTING_PROCESS_LIMIT] = processLimit;
         settings[NativeProcessGlue.SETTING_NICE] = nice != null ? nice : NativeProcessGlue.UNSET;
         settings[NativeProcessGlue.SETTING_UMASK] = umask != null ? umask : NativeProcessGlue.UNSET;
         settings[NativeProcessGlue.SETTING_PROCESS_GROUP] = group;
@@ -600,7 +710,7 @@ public final class Launcher {
         try {
             handle = NativeProcessGlue.get().launch(program, arguments, entries(additions),
                     environment != null ? environment.entries() : null, directory != null ? directory.getPath() : null,
-                    modes, paths, this.group, user, settings, launched);
+                    modes, paths, this.group, user, settings, limitTriples(), launched);
         } catch (ProcessOpException e) {
             IOException failure = new IOException(cannotRun(program) + culprit(launched, e), e);
             Log.debug(() -> "start of " + command + " failed: " + failure.getMessage());
@@ -624,6 +734,18 @@ public final class Launcher {
         } catch (Throwable ignored) {
             // Not even the message could be made: no trace.
         }
+    }
+
+    /** The resource limits as triples of resource, soft and hard, for the native launch. */
+    private long[] limitTriples() {
+        long[] triples = new long[3 * limits.size()];
+        int i = 0;
+        for (Map.Entry<ResourceLimit, long[]> limit : limits.entrySet()) {
+            triples[i++] = limit.getKey().resource;
+            triples[i++] = limit.getValue()[0];
+            triples[i++] = limit.getValue()[1];
+        }
+        return triples;
     }
 
     private String cannotRun(String program) {
@@ -654,9 +776,27 @@ public final class Launcher {
                 return "process group " + processGroup + ": " + reason;
             case NativeProcessGlue.STEP_PRIORITY:
                 return "nice value " + nice + ": " + reason;
+            case NativeProcessGlue.STEP_CGROUP:
+                return detail == 1 ? "memory limit: no cgroup hierarchy here carries the memory controller"
+                        : detail == 2 ? "process limit: no cgroup hierarchy here carries the pids controller"
+                        : "the groups of a contained tree: " + reason;
+            case NativeProcessGlue.STEP_LIMIT:
+                for (Map.Entry<ResourceLimit, long[]> limit : limits.entrySet()) {
+                    if (limit.getKey().resource == detail) {
+                        return "resource limit " + limit.getKey() + " (soft " + bound(limit.getValue()[0]) + ", hard "
+                                + bound(limit.getValue()[1]) + "): " + reason;
+                    }
+                }
+                return "resource limit " + detail + ": " + reason;
+            case NativeProcessGlue.STEP_WATCHDOG:
+                return "ending with the JVM: " + reason;
             default:
                 return e.getMessage();
         }
+    }
+
+    private static String bound(long value) {
+        return value == UNLIMITED ? "unlimited" : Long.toString(value);
     }
 
     private static int mode(Redirect redirect) {

@@ -121,12 +121,15 @@ public final class NativeProcess extends Process implements AutoCloseable {
                 }
                 fds[i] = -1; // taken over
             }
-            OwnedHandle owner = new OwnedHandle(handle, pid, !detached, false, pipes);
+            long treeToken = launched[NativeProcessGlue.LAUNCHED_TREE];
+            ContainedTree tree = treeToken != 0
+                    ? ContainedTree.follow(treeToken, (int) launched[NativeProcessGlue.LAUNCHED_CONTAINMENT]) : null;
+            OwnedHandle owner = new OwnedHandle(handle, pid, !detached, false, pipes, tree);
             NativeProcess process = new NativeProcess(owner, processHandle, pipes, deliveries);
             EventLoop.watch(owner);
             return process;
         } catch (ProcessOpException | RuntimeException | Error e) {
-            abandon(handle, detached, fds);
+            abandon(handle, detached, fds, launched[NativeProcessGlue.LAUNCHED_TREE]);
             throw new IOException("Cannot follow the new process: " + e.getMessage(), e);
         }
     }
@@ -136,8 +139,11 @@ public final class NativeProcess extends Process implements AutoCloseable {
      * step is tried whatever the one before threw. A child the wait here could not collect is collected by
      * the library when it ends.
      */
-    private static void abandon(long handle, boolean detached, int[] fds) {
+    private static void abandon(long handle, boolean detached, int[] fds, long tree) {
         try {
+            if (tree != 0) {
+                NativeProcessGlue.get().treeKill(tree);
+            }
             UnixProcessGlue.get().kill(handle);
         } catch (Throwable ignored) {
             // It may run on until its end; the wait below still tries.
@@ -149,6 +155,9 @@ public final class NativeProcess extends Process implements AutoCloseable {
         }
         try {
             UnixProcessGlue.get().done(handle);
+            if (tree != 0) {
+                NativeProcessGlue.get().treeRelease(tree);
+            }
         } catch (Throwable ignored) {
             // Nothing more can be done for it.
         }
@@ -189,7 +198,7 @@ public final class NativeProcess extends Process implements AutoCloseable {
             throw new IOException("Cannot adopt process " + pid + ": " + e.getMessage(), e);
         }
         try {
-            OwnedHandle owner = new OwnedHandle(handle, pid, false, false, new Pipe[3]);
+            OwnedHandle owner = new OwnedHandle(handle, pid, false, false, new Pipe[3], null);
             NativeProcess process = new NativeProcess(owner, ProcessHandle.of(pid).orElse(null), new Pipe[3], null);
             EventLoop.watch(owner);
             return process;
@@ -214,7 +223,7 @@ public final class NativeProcess extends Process implements AutoCloseable {
         } catch (ProcessOpException e) {
             throw new IOException("Cannot follow the running JVM: " + e.getMessage(), e);
         }
-        return new NativeProcess(new OwnedHandle(handle, ProcessHandle.current().pid(), false, true, new Pipe[3]),
+        return new NativeProcess(new OwnedHandle(handle, ProcessHandle.current().pid(), false, true, new Pipe[3], null),
                 ProcessHandle.current(), new Pipe[3], null);
     }
 
@@ -542,9 +551,11 @@ public final class NativeProcess extends Process implements AutoCloseable {
     }
 
     /**
-     * Kills the process and everything below it at once with SIGKILL: the process group it leads (see
-     * {@link Launcher#newProcessGroup()}) and every descendant, also those that left the group. The tree
-     * is frozen first, so that no process can escape by forking meanwhile. Nothing is sent once the process
+     * Kills the process and everything below it at once with SIGKILL. Of a contained tree (see
+     * {@link Launcher#contained()}) every member, also after the process itself has ended, also members that
+     * called {@code setsid} or double-forked where the tree is a cgroup. Otherwise the process group it leads
+     * (see {@link Launcher#newProcessGroup()}) and every descendant, also those that left the group, the tree
+     * frozen first so that no process can escape by forking meanwhile; then nothing is sent once the process
      * has ended: its orphans have passed to init and can no longer be told from unrelated processes.
      *
      * @throws IllegalStateException when the tree holds this JVM (the process is the JVM's parent or another
@@ -555,12 +566,119 @@ public final class NativeProcess extends Process implements AutoCloseable {
         refuseForSelf();
         refuseTreeOfThisJvm();
         try {
-            owner.killTree();
+            if (owner.tree != null) {
+                owner.tree.kill();
+            } else {
+                owner.killTree();
+            }
         } catch (ProcessOpException e) {
             throw new IOException(e.getMessage(), e);
         } finally {
             Reference.reachabilityFence(this);
         }
+    }
+
+    /**
+     * How the tree of this process is held together: {@link Containment#CGROUP} or
+     * {@link Containment#PROCESS_GROUP} for a program started {@link Launcher#contained()}, else
+     * {@link Containment#NONE}.
+     *
+     * @throws IllegalStateException after {@link #close()}
+     */
+    public Containment containment() {
+        owner.checkOpen();
+        return owner.tree != null ? owner.tree.containment : Containment.NONE;
+    }
+
+    private ContainedTree containedTree() {
+        owner.checkOpen();
+        if (owner.tree == null) {
+            throw new IllegalStateException("process " + owner.pid + " was not started contained");
+        }
+        return owner.tree;
+    }
+
+    /**
+     * Waits until the last member of the contained tree has ended, the process itself and everything it
+     * started; woken by the group itself, not by polling.
+     *
+     * @param timeout the longest time to wait; 0 or less looks once
+     * @param unit the unit of {@code timeout}
+     * @return true when the tree is empty
+     * @throws InterruptedException when the waiting thread is interrupted
+     * @throws IllegalStateException for a process that was not started contained, and after {@link #close()}
+     */
+    public boolean waitForTree(long timeout, TimeUnit unit) throws InterruptedException {
+        ContainedTree tree = containedTree();
+        try {
+            tree.ended.get(Math.max(0, timeout), unit);
+            return true;
+        } catch (TimeoutException e) {
+            return tree.ended.isDone();
+        } catch (ExecutionException e) {
+            throw new IllegalStateException(e.getCause());
+        } finally {
+            Reference.reachabilityFence(this);
+        }
+    }
+
+    /**
+     * A future completed with this object when the last member of the contained tree has ended; dependent
+     * actions run in the common pool.
+     *
+     * @throws IllegalStateException for a process that was not started contained, and after {@link #close()}
+     */
+    public CompletableFuture<NativeProcess> onTreeExit() {
+        return containedTree().ended.thenApplyAsync(ended -> this, exitActions());
+    }
+
+    /**
+     * Sends a signal to every member of the contained tree; a cgroup is frozen meanwhile, so that no member
+     * forks a process that misses it. Nothing is sent once the tree is empty.
+     *
+     * @param signal the signal's number, 1 to 64
+     * @throws IOException when the system refuses; the cause is the library's {@link ProcessOpException}
+     * @throws IllegalArgumentException for a number that is no signal
+     * @throws IllegalStateException for a process that was not started contained, and after {@link #close()}
+     */
+    public void signalTree(int signal) throws IOException {
+        if (signal < 1 || signal > 64) {
+            throw new IllegalArgumentException("not a signal: " + signal);
+        }
+        try {
+            containedTree().signal(signal);
+        } catch (ProcessOpException e) {
+            throw new IOException("Cannot signal the tree of process " + owner.pid + ": " + e.getMessage(), e);
+        }
+    }
+
+    /**
+     * What the ended program used: CPU times and, for a contained tree whose memory is counted (see
+     * {@link Launcher#memoryLimit}), its peak memory and whether a member was killed for going over the limit.
+     *
+     * @return the figures
+     * @throws IllegalThreadStateException while the process runs
+     * @throws UnsupportedOperationException for a process that is no child of this JVM, whose figures can't
+     *     be known
+     * @throws IllegalStateException after {@link #close()}
+     */
+    public ProcessUsage usage() {
+        if (!owner.child) {
+            owner.checkOpen();
+            throw new UnsupportedOperationException("the usage of process " + owner.pid + " can't be known: it is no "
+                    + "child of this JVM");
+        }
+        exitValue();
+        OwnedHandle.End end = owner.end();
+        long peak = -1;
+        boolean killedForMemory = false;
+        if (owner.tree != null) {
+            long[] tree = owner.tree.usage();
+            peak = tree[0];
+            killedForMemory = tree[1] != 0;
+        }
+        return new ProcessUsage(Duration.ofNanos(Math.max(0, end.userMicros()) * 1000),
+                Duration.ofNanos(Math.max(0, end.systemMicros()) * 1000), peak, killedForMemory);
     }
 
     private void refuseTreeOfThisJvm() {

@@ -23,8 +23,11 @@ import java.util.concurrent.locks.ReentrantReadWriteLock;
  * with the close, or with the last wait in progress at the close.
  */
 final class OwnedHandle implements Runnable, EventLoop.Target {
-    /** How the process ended: its exit status or 0, and the signal that ended it or 0. */
-    private record End(int exitCode, int signal) {}
+    /**
+     * How the process ended: its exit status or 0, the signal that ended it or 0, and the CPU times it used in
+     * microseconds (-1 where unknown, for a process that is no child).
+     */
+    record End(int exitCode, int signal, long userMicros, long systemMicros) {}
 
     final long handle;
     final long pid;
@@ -36,6 +39,8 @@ final class OwnedHandle implements Runnable, EventLoop.Target {
     final CompletableFuture<Void> ended = new CompletableFuture<>();
     /** stdin, stdout and stderr, null where they are no pipe. */
     private final Pipe[] pipes;
+    /** The contained tree of the process, or null. */
+    final ContainedTree tree;
 
     /**
      * Looks that may collect a child's end hold it shared; a tree kill holds it alone, so that the PID it
@@ -49,12 +54,13 @@ final class OwnedHandle implements Runnable, EventLoop.Target {
     private volatile boolean closed; // no new calls
     private volatile End end;
 
-    OwnedHandle(long handle, long pid, boolean child, boolean self, Pipe[] pipes) {
+    OwnedHandle(long handle, long pid, boolean child, boolean self, Pipe[] pipes, ContainedTree tree) {
         this.handle = handle;
         this.pid = pid;
         this.child = child;
         this.self = self;
         this.pipes = pipes;
+        this.tree = tree;
         watched = !self;
         users = watched ? 1 : 0;
     }
@@ -122,6 +128,9 @@ final class OwnedHandle implements Runnable, EventLoop.Target {
             stopWatching();
         } else if (giveBack) {
             UnixProcessGlue.get().done(handle);
+        }
+        if (tree != null) {
+            tree.close();
         }
     }
 
@@ -208,7 +217,9 @@ final class OwnedHandle implements Runnable, EventLoop.Target {
     /** Reads the end of an ended process, once; its pipes go with it. The caller holds a use. */
     private boolean recordEnd() throws ProcessOpException {
         if (end == null) {
-            End known = new End(UnixProcessGlue.get().getExitCode(handle), NativeProcessGlue.get().terminationSignal(handle));
+            long[] values = new long[4];
+            NativeProcessGlue.get().endOf(handle, values);
+            End known = new End((int) values[0], (int) values[1], values[2], values[3]);
             boolean first;
             synchronized (this) {
                 first = end == null;
@@ -290,6 +301,11 @@ final class OwnedHandle implements Runnable, EventLoop.Target {
 
     int exitSignal() {
         return end.signal();
+    }
+
+    /** How the process ended, once it has: null before. */
+    End end() {
+        return end;
     }
 
     /**

@@ -44,10 +44,18 @@ public final class NativeProcessGlue {
     public static final int SETTING_PROCESS_GROUP = 3;
     /** Index in {@code settings}: the descriptor for {@link #STD_DESCRIPTOR} of descriptor 0, then 1 and 2. */
     public static final int SETTING_STD_FDS = 4;
+    /** Index in {@code settings}: the memory limit of a contained tree in bytes, or {@link #UNSET}. */
+    public static final int SETTING_MEMORY_LIMIT = 7;
+    /** Index in {@code settings}: the process limit of a contained tree, or {@link #UNSET}. */
+    public static final int SETTING_PROCESS_LIMIT = 8;
     /** The length of {@code settings}. */
-    public static final int SETTINGS = 7;
+    public static final int SETTINGS = 9;
     /** Flag: a program that is no child of the JVM. */
     public static final long FLAG_DETACHED = 1;
+    /** Flag: the program and everything it starts live in a group of their own (a contained tree). */
+    public static final long FLAG_CONTAINED = 2;
+    /** Flag: the program (its whole tree, when contained) is killed when the JVM ends, however it ends. */
+    public static final long FLAG_END_WITH_JVM = 4;
 
     /** Index in {@code launched}: the PID of the new process. */
     public static final int LAUNCHED_PID = 0;
@@ -59,8 +67,19 @@ public final class NativeProcessGlue {
     public static final int LAUNCHED_DETAIL = 5;
     /** Index in {@code launched}: the system's error number of a failure. */
     public static final int LAUNCHED_ERRNO = 6;
+    /** Index in {@code launched}: the token of the contained tree, 0 for none. */
+    public static final int LAUNCHED_TREE = 7;
+    /** Index in {@code launched}: how the tree is contained, a {@code CONTAINMENT_} value. */
+    public static final int LAUNCHED_CONTAINMENT = 8;
     /** The length of {@code launched}. */
-    public static final int LAUNCHED = 7;
+    public static final int LAUNCHED = 9;
+
+    /** Containment: none. */
+    public static final int CONTAINMENT_NONE = 0;
+    /** Containment: a cgroup of its own. */
+    public static final int CONTAINMENT_CGROUP = 1;
+    /** Containment: the process group the program leads. */
+    public static final int CONTAINMENT_PROCESS_GROUP = 2;
 
     /** Failed step: none. */
     public static final int STEP_NONE = 0;
@@ -82,6 +101,12 @@ public final class NativeProcessGlue {
     public static final int STEP_STD_HANDLE = 8;
     /** Failed step: the exec of the program. */
     public static final int STEP_EXEC = 9;
+    /** Failed step: the groups of a contained tree; detail 1: no hierarchy carries memory, 2: none carries pids. */
+    public static final int STEP_CGROUP = 10;
+    /** Failed step: a resource limit; detail: the resource's number. */
+    public static final int STEP_LIMIT = 11;
+    /** Failed step: the program could not be made to end with the JVM. */
+    public static final int STEP_WATCHDOG = 12;
 
     private static volatile NativeProcessGlue instance;
 
@@ -122,6 +147,8 @@ public final class NativeProcessGlue {
      * @param groupName group of the program, or null
      * @param userName user of the program, or null
      * @param settings {@link #SETTINGS} values, indexed by the {@code SETTING_} constants
+     * @param limits resource limits the program sets before its exec: triples of the resource's number
+     *     ({@code RLIMIT_}), the soft and the hard limit (-1: unlimited); may be null
      * @param launched {@link #LAUNCHED} values, indexed by the {@code LAUNCHED_} constants, filled in
      * @return the handle of the new process; a child's end is collected by the library as soon as it ends,
      *     whether or not anybody asks for it, also after {@link UnixProcessGlue#done}
@@ -129,7 +156,7 @@ public final class NativeProcessGlue {
      */
     public native long launch(String executable, String[] arguments, String[] environment, String[] baseEnvironment,
             String workingDirectory, int[] stdModes, String[] stdPaths, String groupName, String userName,
-            long[] settings, long[] launched) throws ProcessOpException;
+            long[] settings, long[] limits, long[] launched) throws ProcessOpException;
 
     /** @return the system's text for an error number */
     public native String errorText(int errno);
@@ -165,6 +192,8 @@ public final class NativeProcessGlue {
     public static final int EVENT_CAPTURED = 3;
     /** Event: a feed has written all its input, or its reader went away; its descriptor is closed. */
     public static final int EVENT_FED = 4;
+    /** Event: the last member of a contained tree has ended. */
+    public static final int EVENT_TREE = 5;
 
     /** Watches the process: {@link #awaitEvents} reports the handle once the process has ended. */
     public native void watch(long handle) throws ProcessOpException;
@@ -221,6 +250,31 @@ public final class NativeProcessGlue {
 
     /** Forgets a capture, delivery or feed, cancelling it first. Unknown tokens are ignored. */
     public native void release(long token);
+
+    /** Kills every member of a contained tree at once; nothing once it is empty. */
+    public native void treeKill(long tree) throws ProcessOpException;
+
+    /** Sends a signal to every member of a contained tree, which is frozen meanwhile where it is a cgroup. */
+    public native void treeSignal(long tree, int signal) throws ProcessOpException;
+
+    /**
+     * Looks whether a contained tree is empty; then its figures are final.
+     *
+     * @param usage receives the peak memory in bytes (-1: unknown) and 1 when a member was killed for memory
+     * @return whether no member is left
+     */
+    public native boolean treeEmpty(long tree, long[] usage);
+
+    /** Lets go of a tree: it is freed now if empty, else once it is, its group removed then. */
+    public native void treeRelease(long tree);
+
+    /**
+     * How an ended process ended, with what it used.
+     *
+     * @param end receives the exit status, the signal, and the user and system CPU time in microseconds of the
+     *     process and the descendants it waited for (-1: unknown, for a process that is no child)
+     */
+    public native void endOf(long handle, long[] end) throws ProcessOpException;
 
     /** Makes a pipe, both ends close-on-exec and above 2: {@code ends} receives the read end, then the write end. */
     public native void pipe(int[] ends) throws IOException;

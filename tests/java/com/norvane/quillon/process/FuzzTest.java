@@ -146,9 +146,14 @@ class FuzzTest {
                     for (int i = 0; i < settings.length; i++) {
                         settings[i] = random.nextBoolean() ? NativeProcessGlue.UNSET : number();
                     }
+                    long[] limits = new long[random.nextInt(4) * (random.nextBoolean() ? 3 : 2)];
+                    for (int i = 0; i < limits.length; i++) {
+                        limits[i] = number();
+                    }
                     keep(API.launch(executable(), strings(), strings(), random.nextBoolean() ? null : strings(), string(),
                             random.nextBoolean() ? null : modes, strings(), null, null,
-                            random.nextBoolean() ? null : settings, random.nextBoolean() ? null : launched));
+                            random.nextBoolean() ? null : settings, random.nextBoolean() ? null : limits,
+                            random.nextBoolean() ? null : launched));
                     for (int i = 0; launched.length == NativeProcessGlue.LAUNCHED && i < 3; i++) {
                         int fd = (int) launched[NativeProcessGlue.LAUNCHED_PIPES + i];
                         if (fd > 2) {

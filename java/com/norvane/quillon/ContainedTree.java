@@ -1,0 +1,80 @@
+package com.norvane.quillon;
+
+import com.norvane.quillon.process.NativeProcessGlue;
+import com.norvane.quillon.process.exception.ProcessOpException;
+import java.util.concurrent.CompletableFuture;
+
+/**
+ * The contained tree of a launched program, as the library holds it: its token, and a future completed when
+ * its last member has ended (the event thread learns it from the group, without polling). The library
+ * removes the tree's groups once it is empty; this object lets go of the native tree when its process object
+ * is closed or collected and the tree has ended, whichever comes last.
+ */
+final class ContainedTree implements EventLoop.Target {
+    final long token;
+    final Containment containment;
+    final CompletableFuture<Void> ended = new CompletableFuture<>();
+    private boolean closed;
+    private boolean released;
+
+    private ContainedTree(long token, Containment containment) {
+        this.token = token;
+        this.containment = containment;
+    }
+
+    /** Follows the tree of a launch; one that ended before it was followed is ended at once. */
+    static ContainedTree follow(long token, int kind) {
+        ContainedTree tree = new ContainedTree(token,
+                kind == NativeProcessGlue.CONTAINMENT_CGROUP ? Containment.CGROUP : Containment.PROCESS_GROUP);
+        EventLoop.serve(t -> tree, () -> token);
+        if (NativeProcessGlue.get().treeEmpty(token, null)) {
+            tree.ended.complete(null);
+        }
+        return tree;
+    }
+
+    /** The event thread: the last member has ended. */
+    @Override
+    public boolean handle(int kind) {
+        ended.complete(null);
+        releaseIfDone();
+        return true;
+    }
+
+    /** The process object is closed or collected: the native tree goes once it has ended too. */
+    void close() {
+        synchronized (this) {
+            closed = true;
+        }
+        releaseIfDone();
+    }
+
+    private void releaseIfDone() {
+        synchronized (this) {
+            if (released || !closed || !ended.isDone()) {
+                return;
+            }
+            released = true;
+        }
+        NativeProcessGlue.get().treeRelease(token);
+    }
+
+    void kill() throws ProcessOpException {
+        if (!ended.isDone()) {
+            NativeProcessGlue.get().treeKill(token);
+        }
+    }
+
+    void signal(int signal) throws ProcessOpException {
+        if (!ended.isDone()) {
+            NativeProcessGlue.get().treeSignal(token, signal);
+        }
+    }
+
+    /** @return the tree's peak memory in bytes (-1 unknown), and 1 when a member was killed for memory */
+    long[] usage() {
+        long[] usage = {-1, 0};
+        NativeProcessGlue.get().treeEmpty(token, usage);
+        return usage;
+    }
+}
