@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <dirent.h>
 #include <unistd.h>
 
@@ -145,7 +146,9 @@ int kill_tree(UnixProcessData* data, int* sysErr) {
     return PROC_SUCCESS;
 }
 
-int live_member_of(int group) {
+namespace {
+// One pass over /proc for a live member of the group: its PID, or 0.
+int scan_for_member(int group) {
     DIR* proc = opendir("/proc");
     if (proc == nullptr) return 0;
     int member = 0;
@@ -159,6 +162,19 @@ int live_member_of(int group) {
     }
     closedir(proc);
     return member;
+}
+} // namespace
+
+int live_member_of(int group) {
+    // A pass over /proc can miss a process in the middle of its exec; the kernel's own list of the group,
+    // which kill walks, can't, but counts zombies too. So a pass that finds nobody while the group still
+    // has a process is made again, a few times, before the group counts as holding zombies alone.
+    for (int pass = 0;; ++pass) {
+        int member = scan_for_member(group);
+        if (member != 0 || kill(-group, 0) != 0 || pass == 3) return member;
+        timespec nap = {0, 1000000};
+        nanosleep(&nap, nullptr);
+    }
 }
 
 bool in_process_group(int pid, int group) {

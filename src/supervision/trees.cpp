@@ -59,13 +59,18 @@ class TreeRef : NoCopy {
 };
 
 bool lives(Tree* tree) {
+    pthread_mutex_lock(&lock);
+    bool empty = tree->empty;
+    pthread_mutex_unlock(&lock);
+    if (empty) return false;
     if (tree->kind == TreeKind::ProcessGroup) return live_member_of(tree->root) != 0;
     bool populated = true;
     return tree_group_populated(tree->group, &populated) != 0 || populated;
 }
 
-// Looks whether the tree is empty; the first time it is, its figures are taken and its groups removed.
-// The caller holds a reference.
+// Looks whether the tree is empty; the first time it is, its figures are taken and its groups removed. Only
+// the event set's thread settles a tree, so that its watch of the groups is never left behind them. The
+// caller holds a reference.
 bool settle(Tree* tree) {
     pthread_mutex_lock(&lock);
     bool empty = tree->empty;
@@ -146,7 +151,7 @@ TreeKind tree_kind(int64_t token) {
 int tree_kill(int64_t token) {
     TreeRef tree(token);
     if (!tree) return ESRCH;
-    if (settle(tree.get())) return 0;
+    if (!lives(tree.get())) return 0;
     if (tree->kind == TreeKind::ProcessGroup) return kill_process_group(tree->root) || errno == ESRCH ? 0 : errno;
     return kill_tree_group(tree->group);
 }
@@ -154,7 +159,7 @@ int tree_kill(int64_t token) {
 int tree_signal(int64_t token, int signal) {
     TreeRef tree(token);
     if (!tree) return ESRCH;
-    if (settle(tree.get())) return 0;
+    if (!lives(tree.get())) return 0;
     if (tree->kind == TreeKind::ProcessGroup)
         return signal_process_group(tree->root, signal) || errno == ESRCH ? 0 : errno;
     return signal_tree_group(tree->group, signal);
@@ -163,15 +168,13 @@ int tree_signal(int64_t token, int signal) {
 bool tree_empty(int64_t token, TreeUsage* usage) {
     TreeRef tree(token);
     if (!tree) return true;
-    bool empty = settle(tree.get());
-    if (!empty) {
-        *usage = tree_group_usage(tree->group); // the figures so far
-        return false;
-    }
     pthread_mutex_lock(&lock);
+    bool settled = tree->empty;
     *usage = tree->usage;
     pthread_mutex_unlock(&lock);
-    return true;
+    if (settled) return true;
+    *usage = tree_group_usage(tree->group); // the figures so far; the groups stay until the event set settles
+    return !lives(tree.get());
 }
 
 void release_tree(int64_t token) {

@@ -30,8 +30,8 @@ TreeKind tree_kind(int64_t token);
 int tree_kill(int64_t token);
 // A signal to every member: 0 or an errno.
 int tree_signal(int64_t token, int signal);
-// Whether the tree is empty now (looked at, not waited for); then its figures are final, else they are those
-// so far.
+// Whether the tree is empty now (looked at, not waited for), with its figures (final once the event set has
+// settled it: see watch_tree).
 bool tree_empty(int64_t token, TreeUsage* usage);
 // The caller no longer follows the tree: it is freed now if empty, else once it is (its watch goes on).
 void release_tree(int64_t token);

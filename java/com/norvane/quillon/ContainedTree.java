@@ -27,7 +27,8 @@ final class ContainedTree implements EventLoop.Target {
         ContainedTree tree = new ContainedTree(token,
                 kind == NativeProcessGlue.CONTAINMENT_CGROUP ? Containment.CGROUP : Containment.PROCESS_GROUP);
         EventLoop.serve(t -> tree, () -> token);
-        if (NativeProcessGlue.get().treeEmpty(token, null)) {
+        if (NativeProcessGlue.get().treeEmpty(token, null)) { // its end was reported before it was followed
+            EventLoop.forget(token, tree);
             tree.ended.complete(null);
         }
         return tree;

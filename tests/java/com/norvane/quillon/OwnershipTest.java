@@ -168,13 +168,13 @@ class OwnershipTest {
         }
     }
 
-    private static long descriptors() throws IOException {
+    static long descriptors() throws IOException {
         try (Stream<Path> fds = Files.list(Path.of("/proc/self/fd"))) {
             return fds.count();
         }
     }
 
-    private static long zombieChildren() throws IOException {
+    static long zombieChildren() throws IOException {
         String self = Long.toString(ProcessHandle.current().pid());
         try (Stream<Path> all = Files.list(Path.of("/proc"))) {
             return all.filter(p -> p.getFileName().toString().matches("\\d+")).filter(p -> {
