@@ -2,6 +2,7 @@ import com.norvane.quillon.Launcher;
 import com.norvane.quillon.NativeProcess;
 import java.io.InputStream;
 import java.time.Duration;
+import java.util.concurrent.TimeUnit;
 import java.util.Arrays;
 
 /**
@@ -47,6 +48,15 @@ public final class OutputLatencyBench {
         }
     }
 
+    /** A contained launch, waited for until its whole tree has ended (its group is removed then). */
+    private static void containedStartAndWait() throws Exception {
+        try (NativeProcess process = new Launcher("/bin/true").contained().start()) {
+            if (process.waitFor() != 0 || !process.waitForTree(10, TimeUnit.SECONDS)) {
+                throw new IllegalStateException("/bin/true failed");
+            }
+        }
+    }
+
     private static void check(InputStream out, int status) throws Exception {
         if (out.readAllBytes().length != 3 || status != 0) {
             throw new IllegalStateException("echo hi did not say hi");
@@ -82,6 +92,8 @@ public final class OutputLatencyBench {
                 (double) p(library, 50) / p(jdk, 50), (double) p(library, 90) / p(jdk, 90));
         compare("/bin/true: run(limit) against start() + waitFor()", "run", OutputLatencyBench::run,
                 "start+waitFor", OutputLatencyBench::startAndWait, runs);
+        compare("/bin/true: contained start() + waitForTree() against a plain start() + waitFor()", "contained",
+                OutputLatencyBench::containedStartAndWait, "plain", OutputLatencyBench::startAndWait, runs);
     }
 
     /** Alternates two ways of doing the same thing and prints their p50, p90 and ratio. */

@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include "quillon/result_codes.h"
+#include "runtime/pidfd.h"
 #include "runtime/support.h"
 #include "supervision/id_table.h"
 #include "supervision/supervision_internal.h"
@@ -43,6 +44,9 @@ struct ProcessWatch {
 struct TreeWatch {
     int64_t token;
     int fd;        // what wakes it, registered under the token; -1 while it is looked at now and then
+    // The root's pidfd, under the same token: the group tells its emptiness through a notification the kernel
+    // sends late when busy, but the root's end is known at once, and often it is the tree's.
+    int rootFd;
     bool due;      // empty, to be reported
     TreeWatch* nextDue;
 };
@@ -307,6 +311,13 @@ void serve(Source* source) {
 
 // ---- Tree watches ----
 
+void drop_root(TreeWatch* watch) {
+    if (watch->rootFd < 0) return;
+    epoll_ctl(epoll_fd, EPOLL_CTL_DEL, watch->rootFd, nullptr);
+    close(watch->rootFd);
+    watch->rootFd = -1;
+}
+
 // Registers what wakes the tree now (a copy of the descriptor, the set's own, so that the tree may close its
 // own at any time), or marks it due when it is empty. The caller holds the lock.
 void arm_tree(TreeWatch* watch) {
@@ -323,6 +334,7 @@ void arm_tree(TreeWatch* watch) {
         ++unpolled;
         return;
     }
+    drop_root(watch);
     watch->due = true;
     watch->nextDue = trees_due;
     trees_due = watch;
@@ -330,6 +342,10 @@ void arm_tree(TreeWatch* watch) {
 
 // A tree's descriptor woke, or it is looked at: empty, it is reported; else its waker is set again.
 void serve_tree(TreeWatch* watch) {
+    if (watch->rootFd >= 0) {
+        pollfd ended = {watch->rootFd, POLLIN, 0};
+        if (poll(&ended, 1, 0) == 1) drop_root(watch);
+    }
     if (watch->due) return;
     if (watch->fd >= 0) {
         epoll_ctl(epoll_fd, EPOLL_CTL_DEL, watch->fd, nullptr);
@@ -515,6 +531,11 @@ int watch_tree(int64_t token) {
     if (added) {
         watch->token = token;
         watch->fd = -1;
+        watch->rootFd = quillon_pidfd_open(tree_root(token));
+        if (watch->rootFd >= 0 && !add_to_set(watch->rootFd, static_cast<uint64_t>(token), EPOLLIN)) {
+            close(watch->rootFd);
+            watch->rootFd = -1;
+        }
         arm_tree(watch);
         if (trees_due != nullptr || unpolled > 0) wake();
     } else {

@@ -204,6 +204,11 @@ int tree_waker(int64_t token, bool* priority) {
     return settle(tree.get()) ? -1 : kLookLater;
 }
 
+int tree_root(int64_t token) {
+    TreeRef tree(token);
+    return tree ? tree->root : 0;
+}
+
 bool tree_settle(int64_t token, bool* released) {
     *released = false;
     TreeRef tree(token);
