@@ -1,5 +1,6 @@
 import com.norvane.quillon.Launcher;
 import com.norvane.quillon.NativeProcess;
+import com.norvane.quillon.ProcessResult;
 import com.norvane.quillon.process.UnixProcessGlue;
 import java.io.IOException;
 import java.nio.charset.StandardCharsets;
@@ -52,16 +53,33 @@ public final class Demo {
             System.out.println("not root: no run as another user");
         }
 
-        // Detached: no child of this JVM; it would outlive it. Its exit status is unknown and reads 0.
+        // Detached: no child of this JVM; it would outlive it. Its exit status can't be known.
         try (NativeProcess detached = new Launcher("sleep", "1").detached(true).start()) {
             long pid = detached.pid();
             System.out.printf("detached pid %d alive %b, child of this JVM: %b%n", pid, detached.isAlive(),
                     ProcessHandle.current().children().anyMatch(p -> p.pid() == pid));
-            System.out.printf("detached ended: %b, exit value %d%n", detached.onExit().get(10, TimeUnit.SECONDS)
-                    .waitFor(0, TimeUnit.SECONDS), detached.exitValue());
+            System.out.printf("detached ended: %b, exit status known: %b%n", detached.onExit().get(10, TimeUnit.SECONDS)
+                    .waitFor(0, TimeUnit.SECONDS), detached.exitStatusKnown());
         }
 
-        // A tree of three generations, one of which left the process group, killed at once.
+        // Run and capture in one call, with a time limit; a pipeline joined by kernel pipes.
+        ProcessResult listing = new Launcher("ls", "/").run(Duration.ofSeconds(10));
+        System.out.printf("run: ls / gave %d lines in %d ms, exit value %d%n", listing.stdout().lines().count(),
+                listing.elapsed().toMillis(), listing.exitValue());
+        java.util.List<NativeProcess> stages = Launcher.startPipeline(java.util.List.of(
+                new Launcher("seq", "1", "100000"), new Launcher("grep", "7"), new Launcher("wc", "-l")));
+        System.out.printf("pipeline: seq 1 100000 | grep 7 | wc -l = %s", output(stages.get(2)));
+        stages.forEach(NativeProcess::close);
+
+        // A contained tree with a memory limit, killed whole at its time limit: a job that forks a helper and
+        // keeps allocating; the group ends every member, and the run returns at the limit.
+        ProcessResult job = new Launcher("/bin/sh", "-c", "sleep 60 & x=$(head -c 16777216 /dev/zero | tr '\\0' a); "
+                + "echo allocated ${#x} bytes; sleep 60").contained().memoryLimit(64 << 20).run(Duration.ofSeconds(1));
+        System.out.printf("contained job: %s, timed out %b, killed by signal %d after %d ms%n", job.stdout().strip(),
+                job.timedOut(), job.exitSignal(), job.elapsed().toMillis());
+
+        // A tree of three generations, one of which left the process group, killed at once (without containment,
+        // by a walk of the tree while its root runs).
         try (NativeProcess tree = new Launcher("/bin/sh", "-c", "sh -c 'setsid sleep 60 & sleep 60' & sleep 60")
                 .newProcessGroup().start()) {
             Thread.sleep(300);
