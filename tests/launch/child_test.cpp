@@ -236,9 +236,12 @@ TEST(LaunchingSideFailures, ForkAndPipeFailuresMapAndCloseEverything) {
     };
     const Case cases[] = {
         {"attachedForkEagain", false, {1, EAGAIN}, {}, PROC_OUT_OF_MEMORY, EAGAIN},
+        {"attachedForkEnomem", false, {1, ENOMEM}, {}, PROC_OUT_OF_MEMORY, ENOMEM},
         {"attachedForkOther", false, {1, ENOSYS}, {}, PROC_SYSTEM_ERR, ENOSYS},
         {"attachedPipe", false, {}, {1, EMFILE}, PROC_SYSTEM_ERR, EMFILE},
         {"detachedForkEnomem", true, {1, ENOMEM}, {}, PROC_OUT_OF_MEMORY, ENOMEM},
+        {"detachedForkEagain", true, {1, EAGAIN}, {}, PROC_OUT_OF_MEMORY, EAGAIN},
+        {"detachedForkOther", true, {1, ENOSYS}, {}, PROC_SYSTEM_ERR, ENOSYS},
         {"detachedSecondPipe", true, {}, {2, EMFILE}, PROC_OUT_OF_FILE_HANDLES, 0},
         {"detachedSecondFork", true, {2, EAGAIN}, {}, PROC_SYSTEM_ERR, 0},
     };

@@ -80,9 +80,12 @@ class LauncherTest {
         Map<String, String> inherited = new HashMap<>(System.getenv());
         inherited.put("PATH", "/first:" + System.getenv("PATH"));
         inherited.put("QUILLON_X", "x");
+        inherited.put("LANG", "C");
+        // Keys that begin like an added one (LANGUAGE and LANG, PATHEXT and PATH) are other keys.
         return Stream.of(Arguments.of("added to the inherited one", null, inherited),
-                Arguments.of("added to a replacement", Map.of("PATH", "/bin:/usr/bin", "QUILLON_X", "old", "ONLY", "1"),
-                        Map.of("PATH", "/first:/bin:/usr/bin", "QUILLON_X", "x", "ONLY", "1")));
+                Arguments.of("added to a replacement", Map.of("PATH", "/bin:/usr/bin", "QUILLON_X", "old", "ONLY", "1",
+                        "LANGUAGE", "de", "PATHEXT", ".x"), Map.of("PATH", "/first:/bin:/usr/bin", "QUILLON_X", "x",
+                        "ONLY", "1", "LANGUAGE", "de", "PATHEXT", ".x", "LANG", "C")));
     }
 
     @ParameterizedTest(name = "{0}")
@@ -90,7 +93,7 @@ class LauncherTest {
     void additionsPutPathLikeValuesInFrontAndReplaceOthers(String name, Map<String, String> replacement,
             Map<String, String> expected) throws Exception {
         Launcher launcher = new Launcher("/usr/bin/env", "-0").environment(replacement)
-                .addEnvironment("PATH", "/first").addEnvironment("QUILLON_X", "x");
+                .addEnvironment("PATH", "/first").addEnvironment("QUILLON_X", "x").addEnvironment("LANG", "C");
         assertEquals(expected, Stream.of(output(launcher).split("\0")).map(entry -> entry.split("=", 2))
                 .collect(Collectors.toMap(kv -> kv[0], kv -> kv[1])));
     }
@@ -191,6 +194,40 @@ class LauncherTest {
                 "Cannot run program \"true\" (in directory \"/no/such/dir\"): directory \"/no/such/dir\": No such file or "
                         + "directory | InvalidDirectoryException") + "\n",
                 ChildJvm.run(false, FailedStarts.class));
+    }
+
+    /**
+     * As nobody: a program found on PATH behind a file that may not be run, or behind a directory that may not
+     * be searched, runs; found nowhere else, the launch fails with EACCES. Prints one line per PATH.
+     */
+    public static final class ExecSearch {
+        public static void main(String[] args) throws Exception {
+            Path base = Files.createTempDirectory("quillon-path");
+            Path notRunnable = Files.createDirectory(base.resolve("a"));
+            Path runnable = Files.createDirectory(base.resolve("b"));
+            Path closed = Files.createDirectory(base.resolve("c"));
+            Files.writeString(notRunnable.resolve("prog"), "#!/bin/sh\necho from a\n");
+            Files.writeString(runnable.resolve("prog"), "#!/bin/sh\necho from b\n");
+            runnable.resolve("prog").toFile().setExecutable(true);
+            closed.toFile().setExecutable(false);
+            for (Path[] path : new Path[][] {{notRunnable}, {notRunnable, runnable}, {closed, runnable}, {closed}}) {
+                String search = String.join(":", Stream.of(path).map(Path::toString).toList());
+                try (NativeProcess process = new Launcher("prog").environment(Map.of("PATH", search)).start()) {
+                    System.out.print(new String(process.getInputStream().readAllBytes(), StandardCharsets.UTF_8));
+                } catch (IOException e) {
+                    System.out.println(e.getMessage().replace(search, "PATH") + " | " + e.getCause().getMessage());
+                }
+            }
+            closed.toFile().setExecutable(true);
+        }
+    }
+
+    @Test
+    void aRefusedExecOnPathIsSkippedAndReportedAsEaccesWhenNothingElseRuns() throws Exception {
+        assumeTrue(isRoot(), "needs root to run a JVM as nobody, whom the file system refuses");
+        String denied = "Cannot run program \"prog\": error=13, Permission denied | Error creating new process. 013: "
+                + "Permission denied\n";
+        assertEquals(denied + "from b\nfrom b\n" + denied, ChildJvm.withoutTrace(ChildJvm.run(true, ExecSearch.class)));
     }
 
     @Test

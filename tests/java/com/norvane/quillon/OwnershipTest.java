@@ -123,6 +123,61 @@ class OwnershipTest {
         }
     }
 
+    /** The pipes the JVM holds now. */
+    private static long pipes() throws IOException {
+        try (Stream<Path> fds = Files.list(Path.of("/proc/self/fd"))) {
+            return fds.filter(fd -> {
+                try {
+                    return Files.readSymbolicLink(fd).toString().startsWith("pipe:");
+                } catch (IOException gone) {
+                    return false;
+                }
+            }).count();
+        }
+    }
+
+    @ParameterizedTest(name = "streams handed out: {0}")
+    @ValueSource(booleans = {false, true})
+    void closeGivesBackEveryPipeOfARunningProgram(boolean handedOut) throws Exception {
+        long before = pipes();
+        NativeProcess process = new Launcher("sleep", "30").start();
+        ProcessHandle handle = process.toHandle();
+        if (handedOut) {
+            process.getOutputStream();
+            process.getInputStream();
+            process.getErrorStream();
+        }
+        assertEquals(before + 3, pipes());
+        process.close();
+        assertEquals(before, pipes(), "stdin's, stdout's and stderr's pipes");
+        handle.destroyForcibly();
+    }
+
+    /** Several objects follow one process: closing one leaves the others following it to its end. */
+    @ParameterizedTest(name = "closed first: {0}")
+    @ValueSource(strings = {"an adoption", "the launched one"})
+    void closingOneOfSeveralObjectsOfAProcessLeavesTheOthersFollowingIt(String closed) throws Exception {
+        NativeProcess launched = new Launcher("sleep", "30").start();
+        NativeProcess first = NativeProcess.adopt(launched.pid());
+        NativeProcess second = NativeProcess.adopt(launched.pid());
+        ProcessHandle handle = launched.toHandle();
+        List<CompletableFuture<Process>> exits = new ArrayList<>(List.of(second.onExit()));
+        if (closed.equals("an adoption")) {
+            exits.add(launched.onExit());
+            first.close();
+        } else {
+            exits.add(first.onExit());
+            launched.close();
+        }
+        handle.destroyForcibly();
+        for (CompletableFuture<Process> exit : exits) {
+            assertFalse(exit.get(10, TimeUnit.SECONDS).isAlive());
+        }
+        for (NativeProcess process : List.of(launched, first, second)) {
+            process.close();
+        }
+    }
+
     @Test
     void closeFlushesWhatWasWrittenToStdin(@TempDir Path dir) throws Exception {
         Path out = dir.resolve("out");

@@ -216,6 +216,26 @@ class ProcessContractTest {
         }
     }
 
+    /** A file that holds content already: Redirect.to truncates it, Redirect.appendTo adds behind it. */
+    @ParameterizedTest(name = "{0}: {1} of {2}")
+    @CsvSource({"PROCESS_BUILDER, to, stdout", "PROCESS_BUILDER, appendTo, stdout", "PROCESS_BUILDER, to, stderr",
+            "PROCESS_BUILDER, appendTo, stderr", "LAUNCHER, to, stdout", "LAUNCHER, appendTo, stdout",
+            "LAUNCHER, to, stderr", "LAUNCHER, appendTo, stderr"})
+    void redirectsToAFileThatHoldsContentTruncateOrAppend(Kind kind, String how, String stream) throws Exception {
+        Path file = Files.createTempFile("quillon-redirect", ".txt");
+        try {
+            Files.writeString(file, "old content that is longer\n");
+            ProcessBuilder.Redirect redirect = how.equals("to") ? ProcessBuilder.Redirect.to(file.toFile())
+                    : ProcessBuilder.Redirect.appendTo(file.toFile());
+            ProcessBuilder builder = new ProcessBuilder("/bin/sh", "-c", "echo new" + (stream.equals("stderr") ? " >&2" : ""));
+            Process process = start(kind, stream.equals("stdout") ? builder.redirectOutput(redirect) : builder.redirectError(redirect));
+            assertEquals(0, process.waitFor());
+            assertEquals(how.equals("to") ? "new\n" : "old content that is longer\nnew\n", Files.readString(file));
+        } finally {
+            Files.delete(file);
+        }
+    }
+
     private static long descriptors() throws IOException {
         try (Stream<Path> fds = Files.list(Path.of("/proc/self/fd"))) {
             return fds.count();
