@@ -131,15 +131,17 @@ TEST(StdHandles, AppendOrTruncateJoinedToTheWorkingDirectoryUnderTheMask) {
         });
         EXPECT_EQ(ReadFile(out), "old\nappended\n") << base_copy;
     }
-    unlink(out.c_str());
-    RunInChild([&] {
-        umask(027);
-        int err = 0;
-        SetUpStdHandles(dir, {nullptr, "!out.log", nullptr}, &err);
-        fputs("fresh\n", stdout);
-        return std::string();
-    });
-    EXPECT_EQ(ReadFile(out), "fresh\n");
+    for (bool existing : {true, false}) { // what was there goes; a new file takes the mask
+        if (!existing) unlink(out.c_str());
+        RunInChild([&] {
+            umask(027);
+            int err = 0;
+            SetUpStdHandles(dir, {nullptr, "!out.log", nullptr}, &err);
+            fputs("fresh\n", stdout);
+            return std::string();
+        });
+        EXPECT_EQ(ReadFile(out), "fresh\n") << (existing ? "over old content" : "new file");
+    }
     struct stat st = {};
     stat(out.c_str(), &st);
     EXPECT_EQ(st.st_mode & 0777, 0640u);

@@ -198,7 +198,8 @@ class LauncherTest {
 
     /**
      * As nobody: a program found on PATH behind a file that may not be run, or behind a directory that may not
-     * be searched, runs; found nowhere else, the launch fails with EACCES. Prints one line per PATH.
+     * be searched, runs; found nowhere else, the launch fails with EACCES, also when a directory after the
+     * refused one lacks the program. Prints one line per PATH.
      */
     public static final class ExecSearch {
         public static void main(String[] args) throws Exception {
@@ -206,11 +207,13 @@ class LauncherTest {
             Path notRunnable = Files.createDirectory(base.resolve("a"));
             Path runnable = Files.createDirectory(base.resolve("b"));
             Path closed = Files.createDirectory(base.resolve("c"));
+            Path empty = Files.createDirectory(base.resolve("d"));
             Files.writeString(notRunnable.resolve("prog"), "#!/bin/sh\necho from a\n");
             Files.writeString(runnable.resolve("prog"), "#!/bin/sh\necho from b\n");
             runnable.resolve("prog").toFile().setExecutable(true);
             closed.toFile().setExecutable(false);
-            for (Path[] path : new Path[][] {{notRunnable}, {notRunnable, runnable}, {closed, runnable}, {closed}}) {
+            for (Path[] path : new Path[][] {{notRunnable}, {notRunnable, runnable}, {closed, runnable}, {closed},
+                {notRunnable, empty}}) {
                 String search = String.join(":", Stream.of(path).map(Path::toString).toList());
                 try (NativeProcess process = new Launcher("prog").environment(Map.of("PATH", search)).start()) {
                     System.out.print(new String(process.getInputStream().readAllBytes(), StandardCharsets.UTF_8));
@@ -227,7 +230,8 @@ class LauncherTest {
         assumeTrue(isRoot(), "needs root to run a JVM as nobody, whom the file system refuses");
         String denied = "Cannot run program \"prog\": error=13, Permission denied | Error creating new process. 013: "
                 + "Permission denied\n";
-        assertEquals(denied + "from b\nfrom b\n" + denied, ChildJvm.withoutTrace(ChildJvm.run(true, ExecSearch.class)));
+        assertEquals(denied + "from b\nfrom b\n" + denied + denied,
+                ChildJvm.withoutTrace(ChildJvm.run(true, ExecSearch.class)));
     }
 
     @Test
