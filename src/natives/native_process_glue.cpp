@@ -220,7 +220,7 @@ int64_t follow_tree(Tree* tree, const LaunchOutcome& outcome, uint64_t groupToke
         discard_tree(tree);
         return 0;
     }
-    if (watch_tree(token) != PROC_SUCCESS) {
+    if (watch_tree(token, outcome.pid) != PROC_SUCCESS) {
         tree_kill(token);
         release_tree(token);
         return 0;

@@ -44,9 +44,10 @@ struct ProcessWatch {
 struct TreeWatch {
     int64_t token;
     int fd;        // what wakes it, registered under the token; -1 while it is looked at now and then
-    // The root's pidfd, under the same token: the group tells its emptiness through a notification the kernel
-    // sends late when busy, but the root's end is known at once, and often it is the tree's.
-    int rootFd;
+    // A cgroup tree's member's pidfd (the root's first), under the same token: the group tells its emptiness
+    // through a notification the kernel sends late when busy, but a member's end is known at once. When the
+    // member watched ends, the group is read, and another member is watched.
+    int memberFd;
     bool due;      // empty, to be reported
     TreeWatch* nextDue;
 };
@@ -311,11 +312,21 @@ void serve(Source* source) {
 
 // ---- Tree watches ----
 
-void drop_root(TreeWatch* watch) {
-    if (watch->rootFd < 0) return;
-    epoll_ctl(epoll_fd, EPOLL_CTL_DEL, watch->rootFd, nullptr);
-    close(watch->rootFd);
-    watch->rootFd = -1;
+void drop_member(TreeWatch* watch) {
+    if (watch->memberFd < 0) return;
+    epoll_ctl(epoll_fd, EPOLL_CTL_DEL, watch->memberFd, nullptr);
+    close(watch->memberFd);
+    watch->memberFd = -1;
+}
+
+// Watches a member of a cgroup tree, the given one or else one its cgroup.procs lists.
+void watch_member(TreeWatch* watch, int pid) {
+    if (pid == 0) pid = tree_member(watch->token);
+    watch->memberFd = pid > 0 ? quillon_pidfd_open(pid) : -1;
+    if (watch->memberFd >= 0 && !add_to_set(watch->memberFd, static_cast<uint64_t>(watch->token), EPOLLIN)) {
+        close(watch->memberFd);
+        watch->memberFd = -1;
+    }
 }
 
 // Registers what wakes the tree now (a copy of the descriptor, the set's own, so that the tree may close its
@@ -326,6 +337,7 @@ void arm_tree(TreeWatch* watch) {
     int fd = waker >= 0 ? fcntl(waker, F_DUPFD_CLOEXEC, 3) : -1;
     if (fd >= 0 && add_to_set(fd, static_cast<uint64_t>(watch->token), priority ? EPOLLPRI : EPOLLIN)) {
         watch->fd = fd;
+        if (priority && watch->memberFd < 0) watch_member(watch, 0);
         return;
     }
     if (fd >= 0) close(fd);
@@ -334,7 +346,7 @@ void arm_tree(TreeWatch* watch) {
         ++unpolled;
         return;
     }
-    drop_root(watch);
+    drop_member(watch);
     watch->due = true;
     watch->nextDue = trees_due;
     trees_due = watch;
@@ -342,9 +354,9 @@ void arm_tree(TreeWatch* watch) {
 
 // A tree's descriptor woke, or it is looked at: empty, it is reported; else its waker is set again.
 void serve_tree(TreeWatch* watch) {
-    if (watch->rootFd >= 0) {
-        pollfd ended = {watch->rootFd, POLLIN, 0};
-        if (poll(&ended, 1, 0) == 1) drop_root(watch);
+    if (watch->memberFd >= 0) {
+        pollfd ended = {watch->memberFd, POLLIN, 0};
+        if (poll(&ended, 1, 0) == 1) drop_member(watch);
     }
     if (watch->due) return;
     if (watch->fd >= 0) {
@@ -523,7 +535,7 @@ int await_events(Event* events, int capacity, int timeoutMillis) {
     return count;
 }
 
-int watch_tree(int64_t token) {
+int watch_tree(int64_t token, int root) {
     pthread_mutex_lock(&lock);
     int err = open_set();
     auto* watch = err == 0 ? static_cast<TreeWatch*>(calloc(1, sizeof(TreeWatch))) : nullptr;
@@ -531,11 +543,8 @@ int watch_tree(int64_t token) {
     if (added) {
         watch->token = token;
         watch->fd = -1;
-        watch->rootFd = quillon_pidfd_open(tree_root(token));
-        if (watch->rootFd >= 0 && !add_to_set(watch->rootFd, static_cast<uint64_t>(token), EPOLLIN)) {
-            close(watch->rootFd);
-            watch->rootFd = -1;
-        }
+        watch->memberFd = -1;
+        watch_member(watch, root);
         arm_tree(watch);
         if (trees_due != nullptr || unpolled > 0) wake();
     } else {

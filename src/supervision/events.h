@@ -32,9 +32,9 @@ void forget_watches(int64_t handle);
 // Blocks up to `timeoutMillis` (-1: no limit) for events; stores up to `capacity` and returns how many.
 int await_events(Event* events, int capacity, int timeoutMillis);
 
-// Watches a contained tree until it is empty: reported once then, unless it was released meanwhile (then it is
-// freed). A result code.
-int watch_tree(int64_t token);
+// Watches a contained tree, whose root is `root`, until it is empty: reported once then, unless it was released
+// meanwhile (then it is freed). A result code.
+int watch_tree(int64_t token, int root);
 
 // Pipe sources. Each takes over the descriptor (made non-blocking, closed by the source) and gives a token, 0
 // when memory ran out (the descriptor is closed then). Tokens name one source for good.

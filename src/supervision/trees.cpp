@@ -3,7 +3,9 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <fcntl.h>
 #include <new>
+#include <unistd.h>
 
 #include "runtime/pidfd.h"
 #include "supervision/id_table.h"
@@ -204,9 +206,15 @@ int tree_waker(int64_t token, bool* priority) {
     return settle(tree.get()) ? -1 : kLookLater;
 }
 
-int tree_root(int64_t token) {
+int tree_member(int64_t token) {
     TreeRef tree(token);
-    return tree ? tree->root : 0;
+    if (!tree || tree->kind != TreeKind::Cgroup || tree->group.unified.get() < 0) return 0;
+    UniqueFd procs(openat(tree->group.unified.get(), "cgroup.procs", O_RDONLY | O_CLOEXEC));
+    char text[32];
+    ssize_t got = procs.get() >= 0 ? retry_on_eintr([&] { return read(procs.get(), text, sizeof text - 1); }) : -1;
+    if (got <= 0) return 0;
+    text[got] = 0;
+    return atoi(text);
 }
 
 bool tree_settle(int64_t token, bool* released) {

@@ -42,8 +42,8 @@ void release_tree(int64_t token);
 // can be had (the caller looks again now and then).
 constexpr int kLookLater = -2;
 int tree_waker(int64_t token, bool* priority);
-// The PID of the tree's root, 0 for an unknown token.
-int tree_root(int64_t token);
+// A live member of a cgroup tree, the first its cgroup.procs lists: 0 when none (or another kind of tree).
+int tree_member(int64_t token);
 // Looks after a wake: true once the tree is empty (its groups then removed); *released when nobody follows
 // it any more, and it is freed.
 bool tree_settle(int64_t token, bool* released);

@@ -104,11 +104,11 @@ public final class NativeProcess extends Process implements AutoCloseable {
         for (int i = 0; i < 3; i++) {
             fds[i] = (int) launched[NativeProcessGlue.LAUNCHED_PIPES + i];
         }
+        Pipe[] pipes = new Pipe[3];
+        Deliveries deliveries = null;
         try {
             long pid = launched[NativeProcessGlue.LAUNCHED_PID];
             ProcessHandle processHandle = ProcessHandle.of(pid).orElse(null); // before its end is collected
-            Pipe[] pipes = new Pipe[3];
-            Deliveries deliveries = null;
             for (int i = 0; i < 3 && !keepPipes; i++) {
                 if (fds[i] < 0) {
                     continue;
@@ -129,6 +129,14 @@ public final class NativeProcess extends Process implements AutoCloseable {
             EventLoop.watch(owner);
             return process;
         } catch (ProcessOpException | RuntimeException | Error e) {
+            for (Pipe pipe : pipes) {
+                if (pipe != null) {
+                    pipe.close();
+                }
+            }
+            if (deliveries != null) {
+                deliveries.cancel();
+            }
             abandon(handle, detached, fds, launched[NativeProcessGlue.LAUNCHED_TREE]);
             throw new IOException("Cannot follow the new process: " + e.getMessage(), e);
         }

@@ -16,7 +16,7 @@ import java.util.concurrent.TimeoutException;
  */
 final class Run {
     /** After the kill at the time limit: how long the pipes may take to reach their end before they are cut. */
-    private static final long AFTER_KILL_MILLIS = 50;
+    private static final long AFTER_KILL_MILLIS = 20;
     private static final byte[] NOTHING = new byte[0];
 
     private final List<String> command;
