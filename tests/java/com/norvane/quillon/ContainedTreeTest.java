@@ -285,21 +285,21 @@ class ContainedTreeTest {
     @Test
     void aThousandContainedLaunchesLeaveNoGroupDescriptorThreadOrZombie() throws Exception {
         assumeTrue(TreeChecks.cgroupHere(), "needs a writable cgroup v2 hierarchy");
-        long zombies = OwnershipTest.zombieChildren();
-        long fds = OwnershipTest.descriptors();
+        long zombies = ProcessCounts.zombieChildren();
+        long fds = ProcessCounts.descriptors();
         int threads = Thread.activeCount();
         for (int i = 0; i < 1000; i++) {
             launchContained(i, i % 2 == 0); // the others are left to the garbage collector
         }
         long groups = groupsOfThisJvm();
-        for (int i = 0; i < 100 && (groups > 0 || OwnershipTest.descriptors() > fds); i++) {
+        for (int i = 0; i < 100 && (groups > 0 || ProcessCounts.descriptors() > fds); i++) {
             System.gc();
             Thread.sleep(50);
             groups = groupsOfThisJvm();
         }
         assertEquals(0, groups, "groups left");
-        assertTrue(OwnershipTest.descriptors() <= fds, "descriptors " + fds + " -> " + OwnershipTest.descriptors());
+        assertTrue(ProcessCounts.descriptors() <= fds, "descriptors " + fds + " -> " + ProcessCounts.descriptors());
         assertTrue(Thread.activeCount() <= threads + 1, "threads " + threads + " -> " + Thread.activeCount());
-        assertEquals(zombies, OwnershipTest.zombieChildren(), "zombie children");
+        assertEquals(zombies, ProcessCounts.zombieChildren(), "zombie children");
     }
 }

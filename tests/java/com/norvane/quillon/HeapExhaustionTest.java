@@ -3,13 +3,9 @@ package com.norvane.quillon;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.norvane.quillon.process.ChildJvm;
-import java.io.IOException;
-import java.nio.file.Files;
-import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.List;
 import java.util.concurrent.CompletableFuture;
-import java.util.stream.Stream;
 import org.junit.jupiter.api.Test;
 
 /** Launches while another thread fills the heap for moments: no Error loses a child or breaks a class for good. */
@@ -37,7 +33,7 @@ class HeapExhaustionTest {
             Object[] batch = new Object[50]; // Launcher and NativeProcess are first used in a moment of a full heap
             // What a JVM has set up long before, as any server's has: a JDK class whose first use falls in such a
             // moment is as unusable for good as any other.
-            CompletableFuture.completedFuture(zombieChildren()).thenApplyAsync(zombies -> zombies).join();
+            CompletableFuture.completedFuture(ProcessCounts.zombieChildren()).thenApplyAsync(zombies -> zombies).join();
             long launched = 0;
             long failed = 0;
             long end = System.nanoTime() + 8_000_000_000L;
@@ -69,11 +65,11 @@ class HeapExhaustionTest {
             }
             stop = true;
             filler.join();
-            long zombies = zombieChildren();
+            long zombies = ProcessCounts.zombieChildren();
             for (int i = 0; i < 100 && zombies > 0; i++) {
                 System.gc();
                 Thread.sleep(50);
-                zombies = zombieChildren();
+                zombies = ProcessCounts.zombieChildren();
             }
             System.out.println("launched " + launched + ", failed " + failed);
             System.out.println("zombies " + zombies);
@@ -98,20 +94,6 @@ class HeapExhaustionTest {
                     }
                     hog.clear();
                 }
-            }
-        }
-
-        private static long zombieChildren() throws IOException {
-            String self = Long.toString(ProcessHandle.current().pid());
-            try (Stream<Path> all = Files.list(Path.of("/proc"))) {
-                return all.filter(p -> p.getFileName().toString().matches("\\d+")).filter(p -> {
-                    try {
-                        String[] fields = Files.readString(p.resolve("stat")).replaceFirst(".*\\) ", "").split(" ");
-                        return fields[0].equals("Z") && fields[1].equals(self);
-                    } catch (IOException gone) {
-                        return false;
-                    }
-                }).count();
             }
         }
     }

@@ -223,26 +223,6 @@ class OwnershipTest {
         }
     }
 
-    static long descriptors() throws IOException {
-        try (Stream<Path> fds = Files.list(Path.of("/proc/self/fd"))) {
-            return fds.count();
-        }
-    }
-
-    static long zombieChildren() throws IOException {
-        String self = Long.toString(ProcessHandle.current().pid());
-        try (Stream<Path> all = Files.list(Path.of("/proc"))) {
-            return all.filter(p -> p.getFileName().toString().matches("\\d+")).filter(p -> {
-                try {
-                    String[] fields = Files.readString(p.resolve("stat")).replaceFirst(".*\\) ", "").split(" ");
-                    return fields[0].equals("Z") && fields[1].equals(self);
-                } catch (IOException gone) {
-                    return false;
-                }
-            }).count();
-        }
-    }
-
     /** Launches echo from eight threads; every tenth process is dropped unread, unwaited and unclosed. */
     private static void launchMany(int count) throws Exception {
         ExecutorService pool = Executors.newFixedThreadPool(8);
@@ -276,20 +256,20 @@ class OwnershipTest {
         launchMany(200); // starts the watcher and cleaner threads, opens what the JVM opens lazily
         System.gc();
         Thread.sleep(500);
-        long zombies = zombieChildren(); // first: its first file read opens what the JDK keeps open for good
-        long fds = descriptors();
+        long zombies = ProcessCounts.zombieChildren(); // first: its first file read opens what the JDK keeps open for good
+        long fds = ProcessCounts.descriptors();
         int threads = Thread.getAllStackTraces().size();
         launchMany(10_000);
         boolean settled = false;
         for (int i = 0; i < 100 && !settled; i++) { // the dropped ones go with the garbage
             System.gc();
             Thread.sleep(100);
-            settled = descriptors() <= fds && Thread.getAllStackTraces().size() <= threads && zombieChildren() <= zombies;
+            settled = ProcessCounts.descriptors() <= fds && Thread.getAllStackTraces().size() <= threads && ProcessCounts.zombieChildren() <= zombies;
         }
-        assertEquals(fds, Math.max(fds, descriptors()), "descriptors");
+        assertEquals(fds, Math.max(fds, ProcessCounts.descriptors()), "descriptors");
         assertEquals(threads, Math.max(threads, Thread.getAllStackTraces().size()),
                 () -> "threads: " + Thread.getAllStackTraces().keySet());
-        assertEquals(zombies, Math.max(zombies, zombieChildren()), "zombie children");
+        assertEquals(zombies, Math.max(zombies, ProcessCounts.zombieChildren()), "zombie children");
         assertFalse(zombies > 0, "zombie children before");
     }
 }
