@@ -7,8 +7,11 @@
 #include "quillon/boundary.h"
 #include "support/fake_jni.h"
 #include "support/seams.h"
+#include "support/named_case.h"
 
 namespace {
+using quillon_test::PrintTo;
+
 const std::string kPackage = "com/norvane/quillon/process/exception/";
 
 struct ThrowCase {

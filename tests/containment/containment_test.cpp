@@ -23,10 +23,13 @@
 
 #include "containment/containment.h"
 #include "support/child.h"
+#include "support/named_case.h"
 
 namespace fs = std::filesystem;
 
 namespace {
+using quillon_test::PrintTo;
+
 void write_file(const std::string& path, const std::string& text) {
     std::ofstream(path) << text;
 }
@@ -172,10 +175,6 @@ struct PlacesCase {
     bool pidsUnified;
 };
 
-void PrintTo(const PlacesCase& c, std::ostream* out) {
-    *out << c.name;
-}
-
 std::string in(const std::string& text, const std::string& root) {
     std::string out;
     for (char c : text)
@@ -274,10 +273,6 @@ struct RefusalCase {
     int err;
     const char* missing;
 };
-
-void PrintTo(const RefusalCase& c, std::ostream* out) {
-    *out << c.name;
-}
 
 class TreeGroupRefused : public testing::TestWithParam<RefusalCase> {};
 

@@ -13,8 +13,11 @@
 #include "launch/launch_internal.h"
 #include "support/child.h"
 #include "support/seams.h"
+#include "support/named_case.h"
 
 namespace {
+using quillon_test::PrintTo;
+
 // Minutes in one to five digits, no sign, blank or unit; two at the least.
 TEST(CreateTimeout, IsMinutesOfOneToFiveDigitsWithAFloorOfTwo) {
     const std::pair<const char*, int64_t> cases[] = {{nullptr, 120}, {"", 120},        {"1", 120},

@@ -21,8 +21,11 @@
 #include "quillon/runtime.h"
 #include "support/child.h"
 #include "support/seams.h"
+#include "support/named_case.h"
 
 namespace {
+using quillon_test::PrintTo;
+
 std::string outcome_text(const Launched& l) {
     return std::to_string(l.result) + "/" + std::to_string(l.sysErr);
 }

@@ -24,8 +24,11 @@
 #include "launch/raw_syscall.h"
 #include "support/child.h"
 #include "support/seams.h"
+#include "support/named_case.h"
 
 namespace {
+using quillon_test::PrintTo;
+
 constexpr size_t kStackSize = 256 * 1024;
 
 // One line of /proc/self/mountinfo: the root of the mount within its hierarchy, where it is mounted, its
@@ -307,10 +310,6 @@ struct RefusalCase {
     const char* err;
 };
 
-void PrintTo(const RefusalCase& c, std::ostream* out) {
-    *out << c.name;
-}
-
 class CloneIntoRefusingGroup : public CloneIntoCgroup, public testing::WithParamInterface<RefusalCase> {};
 
 TEST_P(CloneIntoRefusingGroup, FailsWithoutProcess) {
@@ -383,10 +382,6 @@ struct AlignmentCase {
     const char* name;
     size_t topOffset; // how far below the end of the mapping the stack's top is
 };
-
-void PrintTo(const AlignmentCase& c, std::ostream* out) {
-    *out << c.name;
-}
 
 class CloneIntoCgroupStack : public CloneIntoCgroup, public testing::WithParamInterface<AlignmentCase> {};
 

@@ -9,9 +9,13 @@ extern char** environ;
 #include "launch/launch_internal.h"
 #include "quillon/launch.h"
 #include "support/seams.h"
+#include "support/named_case.h"
 
 namespace {
+using quillon_test::PrintTo;
+
 struct KeyCase {
+    const char* name;
     const char* entry;
     uint64_t size;
     std::string key;
@@ -27,10 +31,15 @@ TEST_P(Keys, StopAtTheFirstEqualsOrTheLimit) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Entries, Keys,
-                         testing::Values(KeyCase{"PATH=/a=b", 16, "PATH"}, KeyCase{"NOVALUE", 16, "NOVALUE"},
-                                         KeyCase{"=x", 16, ""}, KeyCase{"ABCDEFGH=1", 6, "ABCD"},
-                                         KeyCase{"AB=1", 2, ""}, KeyCase{"AB=1", 1, ""},
-                                         KeyCase{"AB=1", 0, "untouched"}, KeyCase{nullptr, 16, "untouched"}));
+                         testing::Values(KeyCase{"equalsInValue", "PATH=/a=b", 16, "PATH"},
+                                         KeyCase{"noEquals", "NOVALUE", 16, "NOVALUE"},
+                                         KeyCase{"emptyKey", "=x", 16, ""},
+                                         KeyCase{"longKeyCut", "ABCDEFGH=1", 6, "ABCD"},
+                                         KeyCase{"keyOneLongerThanRoom", "AB=1", 2, ""},
+                                         KeyCase{"roomForTheNulOnly", "AB=1", 1, ""},
+                                         KeyCase{"noRoom", "AB=1", 0, "untouched"},
+                                         KeyCase{"noEntry", nullptr, 16, "untouched"}),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 TEST(Keys, CompareWholeKeysWithoutCaseAndOrderNulls) {
     EXPECT_EQ(TestKeys("path=/a", "PATH"), 0);

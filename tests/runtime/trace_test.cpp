@@ -13,10 +13,14 @@
 #include <string>
 #include <vector>
 
+#include "quillon/launch.h"
 #include "quillon/runtime.h"
 #include "support/child.h"
+#include "support/named_case.h"
 
 namespace {
+using quillon_test::PrintTo;
+
 struct TraceCase {
     const char* name;
     std::vector<const char*> variables;
@@ -38,6 +42,8 @@ TEST_P(TraceSwitches, FollowTheVariables) {
         process_log("debug %d\n", 7);
         process_log_entry("label()");
         process_log_exit("label()");
+        int sysErr = 0;
+        ClearSecondaryGroups(&sysErr); // the exported steps trace like the new process does
         return std::to_string(process_log_is_dbg_enabled()) +
                std::to_string(process_log_is_entryexit_enabled());
     });
@@ -46,6 +52,7 @@ TEST_P(TraceSwitches, FollowTheVariables) {
     bool framed = outcome.out.find("> entering: [label()]\n") != std::string::npos &&
                   outcome.out.find("< exiting: [label()]\n") != std::string::npos;
     EXPECT_EQ(framed, c.debugOn && c.entryExitOn);
+    EXPECT_EQ(outcome.out.find("Trying to clear supplamental groups.\n") != std::string::npos, c.debugOn);
     EXPECT_EQ(outcome.err, "");
 }
 

@@ -15,8 +15,11 @@
 #include "support/child.h"
 #include "support/seams.h"
 #include "supervision/supervision_internal.h"
+#include "support/named_case.h"
 
 namespace {
+using quillon_test::PrintTo;
+
 struct Record {
     UnixProcessData* data;
     explicit Record(int pid) : data(new_record()) { snprintf(data->pid, kPidTextSize, "%d", pid); }
