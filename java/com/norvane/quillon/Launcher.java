@@ -534,11 +534,13 @@ public final class Launcher {
      * 100 ms, also when a process that left the group still holds a pipe. No thread is made for the call: the
      * library's event thread reads the pipes.
      *
-     * @param limit the longest time the run may take
+     * @param limit the longest time the run may take, positive; a limit beyond what {@link System#nanoTime()}
+     *     can count (some 292 years) means no limit
      * @return how the program ended and what it wrote
      * @throws IOException when the program can't be started, as {@link #start()} says
      * @throws InterruptedException when the calling thread is interrupted; the tree is killed then
      * @throws IllegalStateException when output handlers are set or the launcher is detached
+     * @throws IllegalArgumentException when the limit is zero or negative
      */
     public ProcessResult run(Duration limit) throws IOException, InterruptedException {
         return run(null, limit);
@@ -549,14 +551,18 @@ public final class Launcher {
      * closed after the last byte; a program that ends without reading it all is no failure).
      *
      * @param input the bytes for stdin, or null for none
-     * @param limit the longest time the run may take
+     * @param limit the longest time the run may take, as {@link #run(Duration)} says
      * @return how the program ended and what it wrote
      * @throws IOException when the program can't be started, as {@link #start()} says
      * @throws InterruptedException when the calling thread is interrupted; the tree is killed then
      * @throws IllegalStateException when output handlers are set or the launcher is detached
+     * @throws IllegalArgumentException when the limit is zero or negative
      */
     public ProcessResult run(byte[] input, Duration limit) throws IOException, InterruptedException {
-        Objects.requireNonNull(limit, "limit");
+        if (limit.isNegative() || limit.isZero()) {
+            throw new IllegalArgumentException("not a positive time limit: " + limit);
+        }
+        long limitNanos = saturatedNanos(limit);
         if (handlers[0] != null || handlers[1] != null || detached) {
             throw new IllegalStateException("run() captures the output of a child: no output handlers, not detached");
         }
@@ -567,13 +573,22 @@ public final class Launcher {
         } else if (modes[0] == NativeProcessGlue.STD_PIPE) {
             modes[0] = NativeProcessGlue.STD_NULL;
         }
-        boolean leads = processGroup == NativeProcessGlue.GROUP_INHERIT && !contained;
+        boolean leads = (processGroup == NativeProcessGlue.GROUP_INHERIT || processGroup == 0) && !contained;
         Started started = launch(modes, new long[3], leads ? 0 : processGroup, new OutputHandler[2], true);
         NativeProcess process = started.process();
         long pid = process.pid();
         Runnable killTree = () -> killTreeOf(process, leads ? pid : 0);
-        return Run.run(command, process, started.fds(), input != null ? input : new byte[0], captureLimit, limit,
-                began, killTree);
+        return Run.run(command, process, started.fds(), input != null ? input : new byte[0], captureLimit,
+                limitNanos, began, killTree);
+    }
+
+    /** The duration in nanoseconds, Long.MAX_VALUE for any that has more. */
+    static long saturatedNanos(Duration duration) {
+        try {
+            return duration.toNanos();
+        } catch (ArithmeticException tooLong) {
+            return duration.isNegative() ? Long.MIN_VALUE : Long.MAX_VALUE;
+        }
     }
 
     /** Kills the process's tree; once it has ended, what is left of the process group it led. */
@@ -612,31 +627,35 @@ public final class Launcher {
             }
         }
         List<NativeProcess> processes = new ArrayList<>();
-        int[] between = {-1, -1}; // the read end of the pipe from the stage before, and the write end to the next
+        // The pipe ends the JVM holds: the read end from the stage before, the write end to the next, and the
+        // read end the next stage will take.
+        int[] ends = {-1, -1, -1};
         NativeProcessGlue glue = NativeProcessGlue.get();
         try {
             for (int i = 0; i < launchers.size(); i++) {
                 Launcher stage = launchers.get(i);
                 int[] modes = stage.modes();
                 long[] fds = new long[3];
-                int[] next = {-1, -1};
                 if (i > 0) {
                     modes[0] = NativeProcessGlue.STD_DESCRIPTOR;
-                    fds[0] = between[0];
+                    fds[0] = ends[0];
                 }
                 if (i < launchers.size() - 1) {
-                    glue.pipe(next);
-                    between[1] = next[1];
+                    int[] pipe = {-1, -1};
+                    glue.pipe(pipe);
+                    ends[1] = pipe[1];
+                    ends[2] = pipe[0];
                     modes[1] = NativeProcessGlue.STD_DESCRIPTOR;
-                    fds[1] = next[1];
+                    fds[1] = ends[1];
                 }
                 processes.add(stage.launch(modes, fds, stage.processGroup, stage.handlers, false).process());
-                closeQuietly(between);
-                between[0] = next[0];
+                closeQuietly(ends, 2);
+                ends[0] = ends[2];
+                ends[2] = -1;
             }
             return processes;
         } catch (IOException | RuntimeException | Error e) {
-            closeQuietly(between);
+            closeQuietly(ends, 3);
             for (NativeProcess process : processes) {
                 process.destroyForcibly();
                 try {
@@ -650,8 +669,9 @@ public final class Launcher {
         }
     }
 
-    private static void closeQuietly(int[] fds) {
-        for (int i = 0; i < fds.length; i++) {
+    /** Closes the first {@code count} descriptors that are open and marks them closed. */
+    private static void closeQuietly(int[] fds, int count) {
+        for (int i = 0; i < count; i++) {
             if (fds[i] >= 0) {
                 try {
                     NativeProcessGlue.get().close(fds[i]);
@@ -712,7 +732,7 @@ public final class Launcher {
                     environment != null ? environment.entries() : null, directory != null ? directory.getPath() : null,
                     modes, paths, this.group, user, settings, limitTriples(), launched);
         } catch (ProcessOpException e) {
-            IOException failure = new IOException(cannotRun(program) + culprit(launched, e), e);
+            IOException failure = new IOException(cannotRun(program) + culprit(launched, group, e), e);
             Log.debug(() -> "start of " + command + " failed: " + failure.getMessage());
             throw failure;
         }
@@ -754,7 +774,7 @@ public final class Launcher {
     }
 
     /** What was at fault, from the step of the launch that failed and the system's error. */
-    private String culprit(long[] launched, ProcessOpException e) {
+    private String culprit(long[] launched, int processGroup, ProcessOpException e) {
         int errno = (int) launched[NativeProcessGlue.LAUNCHED_ERRNO];
         int detail = (int) launched[NativeProcessGlue.LAUNCHED_DETAIL];
         String reason = errno != 0 ? NativeProcessGlue.get().errorText(errno) : null;

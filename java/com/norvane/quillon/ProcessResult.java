@@ -37,7 +37,8 @@ public final class ProcessResult {
 
     /**
      * @return the exit status, or 128+N when signal N ended the program (137 when it was killed at the time
-     *     limit)
+     *     limit); -1 when a program killed at the time limit had not ended 100 ms after the kill (its end
+     *     is still collected, its status not kept)
      */
     public int exitValue() {
         return exitValue;

@@ -17,6 +17,8 @@ import java.util.concurrent.TimeoutException;
 final class Run {
     /** After the kill at the time limit: how long the pipes may take to reach their end before they are cut. */
     private static final long AFTER_KILL_MILLIS = 20;
+    /** After the pipes: how long the killed program may still take to end before its status is given up. */
+    private static final long END_AFTER_KILL_MILLIS = 75;
     private static final byte[] NOTHING = new byte[0];
 
     private final List<String> command;
@@ -37,10 +39,11 @@ final class Run {
      *
      * @param fds the JVM's pipe ends of descriptors 0 to 2 (-1 where none), taken over
      * @param input what to write to stdin's pipe, or null
+     * @param limitNanos the longest time the run may take, from {@code began}
      * @param killTree kills the process's whole tree, also after the process itself has ended
      */
     static ProcessResult run(List<String> command, NativeProcess process, int[] fds, byte[] input, long captureLimit,
-            Duration limit, long began, Runnable killTree) throws IOException, InterruptedException {
+            long limitNanos, long began, Runnable killTree) throws IOException, InterruptedException {
         Run run = new Run(command, process, killTree);
         long feed = 0;
         try {
@@ -57,7 +60,7 @@ final class Run {
                 feed = EventLoop.serve(token -> kind -> true, () -> NativeProcessGlue.get().feed(fd, input));
             }
             process.owner().ended.whenComplete((ended, failure) -> run.arrived());
-            return run.await(limit, began);
+            return run.await(limitNanos, began);
         } finally {
             closeAll(fds);
             NativeProcessGlue glue = NativeProcessGlue.get();
@@ -106,10 +109,10 @@ final class Run {
         }
     }
 
-    private ProcessResult await(Duration limit, long began) throws InterruptedException {
+    private ProcessResult await(long limitNanos, long began) throws InterruptedException {
         boolean timedOut = false;
         try {
-            finished.get(Math.max(0, began + limit.toNanos() - System.nanoTime()), TimeUnit.NANOSECONDS);
+            finished.get(Math.max(0, limitNanos - (System.nanoTime() - began)), TimeUnit.NANOSECONDS);
         } catch (TimeoutException e) {
             timedOut = true;
             killTree.run();
@@ -131,7 +134,7 @@ final class Run {
             killTree.run();
             throw e;
         }
-        boolean ended = process.waitFor(AFTER_KILL_MILLIS, TimeUnit.MILLISECONDS);
+        boolean ended = process.waitFor(END_AFTER_KILL_MILLIS, TimeUnit.MILLISECONDS);
         long[] dropped = new long[1];
         byte[] stdout = taken(captures[0], dropped);
         long droppedOut = dropped[0];
