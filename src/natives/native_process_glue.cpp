@@ -256,13 +256,13 @@ JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_launc
     request.environment = texts.array(environment);
     request.baseEnvironment = texts.array(baseEnvironment);
     request.workingDirectory = texts.text(workingDirectory);
-    take_dispositions(env, texts, &request, stdModes, stdPaths);
     request.groupName = texts.text(groupName);
     request.userName = texts.text(userName);
     TreeAsked asked;
-    take_settings(env, texts, &request, &asked, settings);
-    take_limits(env, texts, &request, limits);
-    if (!texts.ok()) {
+    // Each reads arrays through JNI: none runs once a text failed, with an exception pending perhaps.
+    bool taken = texts.ok() && take_dispositions(env, texts, &request, stdModes, stdPaths) &&
+                 take_settings(env, texts, &request, &asked, settings) && take_limits(env, texts, &request, limits);
+    if (!taken) {
         texts.raise("Error creating new process.");
         return 0;
     }
@@ -275,12 +275,12 @@ JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_launc
         abandon_launch(outcome, request.detached);
         outcome.exec = {PROC_OUT_OF_MEMORY, ENOMEM, kStepLauncher, 0};
     }
-    UnixProcessData* data = outcome.ok() ? record_of_launch(outcome) : nullptr;
-    jlong handle = data != nullptr ? register_record(data) : 0;
     // A child is watched from the start: its end is collected whatever happens on the Java side; so is a process
     // registered with the watchdog, which takes it back at its end.
-    int sysErr = 0;
     bool watched = !request.detached || outcome.watchdogToken != 0;
+    UnixProcessData* data = outcome.ok() ? record_of_launch(outcome) : nullptr;
+    jlong handle = data != nullptr ? register_record(data) : 0;
+    int sysErr = 0;
     if (handle != 0 && watched && watch_record(kReapOnly, data, &sysErr) != PROC_SUCCESS) {
         retire_record(handle);
         data = nullptr;
@@ -437,6 +437,10 @@ JNIEXPORT jint JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_awaitE
     return count;
 }
 
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_wakeEvents(JNIEnv*, jobject) {
+    wake_events();
+}
+
 JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_capture(JNIEnv* env, jobject, jint fd,
                                                                                   jlong limit) {
     if (fd < 0 || limit < 0) {
@@ -493,7 +497,14 @@ JNIEXPORT jbyteArray JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_
     size_t size = 0;
     bool end = false;
     if (!take_chunk(token, &data, &size, &end)) return nullptr;
-    return java_bytes(env, data, end ? 0 : size);
+    jbyteArray array = env->NewByteArray(static_cast<jsize>(end ? 0 : size));
+    if (array == nullptr) { // the heap is full: the chunk is offered again, nothing is lost
+        return_chunk(token, data, size);
+        return nullptr;
+    }
+    MallocPtr<char> owned(data);
+    if (!end) env->SetByteArrayRegion(array, 0, static_cast<jsize>(size), reinterpret_cast<jbyte*>(data));
+    return array;
 }
 
 JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_resume(JNIEnv*, jobject, jlong token,

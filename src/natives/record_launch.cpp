@@ -9,7 +9,7 @@
 int launch_into_record(LaunchRequest& request, UnixProcessData* data, int* sysErr) {
     LaunchOutcome outcome = launch(request);
     if (outcome.pid != 0) snprintf(data->pid, kPidTextSize, "%d", outcome.pid);
-    if (outcome.ok() && !attach_launched_entry(data, outcome.pid, outcome.pidfd.release())) {
+    if (outcome.ok() && !attach_launched_entry(data, outcome.pid, outcome.pidfd, outcome.watchdogToken)) {
         abandon_launch(outcome, request.detached);
         outcome.exec.result = PROC_OUT_OF_MEMORY;
         outcome.exec.sysErr = ENOMEM;
@@ -32,7 +32,7 @@ UnixProcessData* record_of_launch(LaunchOutcome& outcome) {
     UnixProcessData* data = new_record();
     if (data == nullptr) return nullptr;
     snprintf(data->pid, kPidTextSize, "%d", outcome.pid);
-    if (!attach_launched_entry(data, outcome.pid, outcome.pidfd.release(), outcome.watchdogToken)) {
+    if (!attach_launched_entry(data, outcome.pid, outcome.pidfd, outcome.watchdogToken)) {
         destroy_record(data);
         return nullptr;
     }

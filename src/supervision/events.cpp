@@ -1,5 +1,6 @@
 // One epoll set over the pidfds of watched processes and the pipes of launched programs, served by one
-// thread. Processes without a pidfd are looked at every tenth of a second instead.
+// thread. What the set can't hold (a process without a pidfd, a descriptor the set refuses) is looked at
+// every tenth of a second instead.
 //
 // The set names what it watches by ids, never by addresses: an event that arrives for something another
 // thread has just dropped finds no id and is ignored. Everything here is under one lock, taken by the serving
@@ -26,6 +27,7 @@ namespace {
 constexpr int kFallbackMillis = 100;
 constexpr size_t kChunk = 64 * 1024;
 constexpr size_t kFirstCapture = 4096;
+constexpr int kReadsPerWake = 16; // a pipe that never runs dry leaves room for the rest between its rounds
 constexpr uint64_t kWakeId = 0;
 
 // Every watch of one process: its pidfd is in the set once for all of them.
@@ -37,6 +39,7 @@ struct ProcessWatch {
     size_t capacity;
     bool due;            // ended, its handles not yet all reported
     bool inSet;
+    bool polled;         // looked at every tenth of a second: no pidfd, or the set refused it
     ProcessWatch* nextDue;
 };
 
@@ -60,6 +63,7 @@ struct Source {
     int fd;            // -1 once the pipe has ended or the source was cancelled
     Mode mode;
     bool inSet;
+    bool polled;       // the set refused the pipe: served every tenth of a second
     bool pending;      // an event waits to be reported
     bool waiting;      // a delivery's chunk (or its end) waits to be taken
     bool discarding;   // a delivery that drops what it reads
@@ -82,7 +86,7 @@ IdTable sources;
 IdTable tree_watches; // tree token -> TreeWatch
 ProcessWatch* due_head = nullptr;
 Source* pending_head = nullptr;
-size_t unpolled = 0; // watches without a pidfd
+size_t unpolled = 0; // watches and sources looked at every tenth of a second
 char scratch[kChunk];
 
 uint64_t next_id() {
@@ -140,7 +144,7 @@ void free_watch(ProcessWatch* watch) {
     watches_by_id.erase(watch->id);
     watches_by_entry.erase(reinterpret_cast<uint64_t>(watch->entry));
     if (watch->inSet) epoll_ctl(epoll_fd, EPOLL_CTL_DEL, entry_pidfd(watch->entry), nullptr);
-    if (entry_pidfd(watch->entry) < 0) --unpolled;
+    if (watch->polled) --unpolled;
     release_entry(watch->entry);
     free(watch->handles);
     free(watch);
@@ -161,12 +165,14 @@ ProcessWatch* watch_of(ProcessEntry* entry) {
         return nullptr;
     }
     retain_entry(entry);
+    if (entry_ended(entry)) {
+        make_due(watch);
+        return watch;
+    }
     int pidfd = entry_pidfd(entry);
-    if (pidfd < 0)
-        ++unpolled;
-    else if (!entry_ended(entry))
-        watch->inSet = add_to_set(pidfd, watch->id, EPOLLIN);
-    if (entry_ended(entry) || (pidfd >= 0 && !watch->inSet)) make_due(watch);
+    watch->inSet = pidfd >= 0 && add_to_set(pidfd, watch->id, EPOLLIN);
+    watch->polled = !watch->inSet;
+    if (watch->polled) ++unpolled;
     return watch;
 }
 
@@ -227,13 +233,18 @@ void make_pending(Source* source) {
 
 void disarm(Source* source) {
     if (source->inSet) epoll_ctl(epoll_fd, EPOLL_CTL_DEL, source->fd, nullptr);
+    if (source->polled) --unpolled;
     source->inSet = false;
+    source->polled = false;
 }
 
 void arm(Source* source) {
-    if (source->fd < 0 || source->inSet) return;
+    if (source->fd < 0 || source->inSet || source->polled) return;
     source->inSet = add_to_set(source->fd, source->id, source->mode == Mode::Feed ? EPOLLOUT : EPOLLIN);
-    if (!source->inSet) wake(); // a pipe the set refuses is looked at by the next round
+    if (source->inSet) return;
+    source->polled = true; // a pipe the set refuses is served every tenth of a second
+    ++unpolled;
+    wake();
 }
 
 // The pipe has ended (or failed, or the source was cancelled): its descriptor goes, and the end is reported.
@@ -264,30 +275,52 @@ bool keep(Source* source, const char* bytes, size_t size) {
     return true;
 }
 
-// Reads what the pipe holds now: a capture all of it, a delivery one chunk.
-void serve_reading(Source* source) {
+// One read of the pipe into `buffer`: its size, 0 when it holds nothing now, -1 after its end (or a failure,
+// which ends it as well).
+ssize_t read_some(Source* source, char* buffer) {
     for (;;) {
-        ssize_t got = read(source->fd, scratch, sizeof scratch);
+        ssize_t got = read(source->fd, buffer, kChunk);
         if (got < 0 && errno == EINTR) continue;
-        if (got < 0 && errno == EAGAIN) return;
-        if (got <= 0) return end_source(source); // end of file, or a failure that ends the pipe as well
-        size_t size = static_cast<size_t>(got);
-        if (source->mode == Mode::Capture) {
-            if (!keep(source, scratch, size)) source->dropped += size;
+        if (got < 0 && errno == EAGAIN) return 0;
+        if (got > 0) return got;
+        end_source(source);
+        return -1;
+    }
+}
+
+// A delivery's next chunk, read straight into memory of its own so that nothing read is lost when memory
+// runs out; one that drops what it reads reads into the scratch buffer. What read_some gives.
+ssize_t read_chunk(Source* source) {
+    char* chunk = source->discarding ? scratch : static_cast<char*>(malloc(kChunk));
+    if (chunk == nullptr) { // nothing read: tried again at the next round
+        wake();
+        return 0;
+    }
+    ssize_t got = read_some(source, chunk);
+    if (got <= 0 || source->discarding) {
+        if (chunk != scratch) free(chunk);
+        return got;
+    }
+    auto* fitted = static_cast<char*>(realloc(chunk, static_cast<size_t>(got)));
+    source->data = fitted != nullptr ? fitted : chunk;
+    source->size = static_cast<size_t>(got);
+    source->waiting = true;
+    disarm(source);
+    make_pending(source);
+    return got;
+}
+
+// Reads what the pipe holds now, a bounded number of reads per round: a capture keeps it, a delivery hands
+// out one chunk and waits until it is taken.
+void serve_reading(Source* source) {
+    for (int reads = 0; reads < kReadsPerWake && source->fd >= 0 && !source->waiting; ++reads) {
+        if (source->mode == Mode::Deliver) {
+            if (read_chunk(source) <= 0 || !source->discarding) return;
             continue;
         }
-        if (source->discarding) continue;
-        source->data = static_cast<char*>(malloc(size));
-        if (source->data == nullptr) { // tried again at the next round
-            wake();
-            return;
-        }
-        memcpy(source->data, scratch, size);
-        source->size = size;
-        source->waiting = true;
-        disarm(source);
-        make_pending(source);
-        return;
+        ssize_t got = read_some(source, scratch);
+        if (got <= 0) return;
+        if (!keep(source, scratch, static_cast<size_t>(got))) source->dropped += static_cast<size_t>(got);
     }
 }
 
@@ -466,7 +499,7 @@ int watch_record(int64_t handle, UnixProcessData* data, int* sysErr) {
         free_watch(watch);
     }
     if (added && watch->due) wake();
-    if (added && entry_pidfd(watch->entry) < 0) wake(); // the waiter learns to look every tenth of a second
+    if (added && watch->polled) wake(); // the waiter learns to look every tenth of a second
     pthread_mutex_unlock(&lock);
     if (!added) {
         *sysErr = err != 0 ? err : ENOMEM;
@@ -513,11 +546,14 @@ int await_events(Event* events, int capacity, int timeoutMillis) {
             serve_tree(tree);
         }
     }
-    if (unpolled > 0) { // a pass over the watches without pidfd; rare, so a walk over the table's values
-        // Collected into a list first: make_due changes nothing of the table, but keeps the walk simple.
+    if (unpolled > 0) { // a pass over what the set doesn't hold; rare, so a walk over the tables' values
         watches_by_id.for_each([](void* value) {
             auto* watch = static_cast<ProcessWatch*>(value);
-            if (!watch->due && entry_pidfd(watch->entry) < 0 && has_ended(watch->entry)) make_due(watch);
+            if (!watch->due && watch->polled && has_ended(watch->entry)) make_due(watch);
+        });
+        sources.for_each([](void* value) { // serving changes nothing of the table
+            auto* source = static_cast<Source*>(value);
+            if (source->polled) serve(source);
         });
         TreeWatch* looked[64]; // serve_tree may change the table: collected first, a round's worth
         int count = 0;
@@ -533,6 +569,12 @@ int await_events(Event* events, int capacity, int timeoutMillis) {
     count += report_sources(events + count, capacity - count);
     pthread_mutex_unlock(&lock);
     return count;
+}
+
+void wake_events() {
+    pthread_mutex_lock(&lock);
+    if (open_set() == 0) wake();
+    pthread_mutex_unlock(&lock);
 }
 
 int watch_tree(int64_t token, int root) {
@@ -580,6 +622,21 @@ bool take_chunk(int64_t token, char** data, size_t* size, bool* end) {
     }
     pthread_mutex_unlock(&lock);
     return taken;
+}
+
+void return_chunk(int64_t token, char* data, size_t size) {
+    pthread_mutex_lock(&lock);
+    Source* source = source_of(token);
+    if (source != nullptr && source->mode == Mode::Deliver && source->data == nullptr) {
+        source->data = data;
+        source->size = size;
+        source->waiting = true;
+        make_pending(source);
+        wake();
+        data = nullptr;
+    }
+    pthread_mutex_unlock(&lock);
+    free(data); // the source went meanwhile
 }
 
 void resume_delivery(int64_t token, bool discard) {

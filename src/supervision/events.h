@@ -31,6 +31,8 @@ int watch_record(int64_t handle, UnixProcessData* data, int* sysErr);
 void forget_watches(int64_t handle);
 // Blocks up to `timeoutMillis` (-1: no limit) for events; stores up to `capacity` and returns how many.
 int await_events(Event* events, int capacity, int timeoutMillis);
+// Ends the wait of await_events in progress, or the next one.
+void wake_events();
 
 // Watches a contained tree, whose root is `root`, until it is empty: reported once then, unless it was released
 // meanwhile (then it is freed). A result code.
@@ -48,6 +50,9 @@ int64_t add_feed(int fd, const void* input, size_t size);
 // The chunk of a delivery, taken once (from malloc, the caller frees it): false when there is none; *end
 // when the pipe has reached its end (then *data is null).
 bool take_chunk(int64_t token, char** data, size_t* size, bool* end);
+// Gives back a chunk (or the end: null) that could not be handed on: it waits to be taken again, and is
+// reported again.
+void return_chunk(int64_t token, char* data, size_t size);
 // Reads on after a chunk was taken; with `discard`, drops whatever comes from now on, to the end.
 void resume_delivery(int64_t token, bool discard);
 // What a capture read (from malloc, the caller frees it) and how many bytes it dropped, taken once after its

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <csignal>
 #include <ctime>
+#include <utility>
 #include <new>
 #include <poll.h>
 #include <sys/resource.h>
@@ -29,6 +30,9 @@ struct ProcessEntry {
     uint64_t watchdogToken; // its registration with the watchdog, taken back at its end; 0 for none
     bool usageKnown;        // a child: what it used, from its reap
     rusage usage;
+    // waitid said ECHILD once: no child of ours, and never waited for by its PID again, which one of our
+    // children may hold by then.
+    std::atomic<bool> notChild;
 };
 
 namespace {
@@ -78,6 +82,7 @@ ProcessEntry* make_entry(int pid, int pidfd) {
 }
 
 void destroy_entry(ProcessEntry* entry) {
+    if (entry->watchdogToken != 0) watchdog_forget(entry->watchdogToken); // dropped before its end was seen
     pthread_mutex_destroy(&entry->lock);
     entry->~ProcessEntry();
     free(entry);
@@ -110,22 +115,23 @@ bool still_the_process(const ProcessEntry* entry) {
 }
 } // namespace
 
-bool attach_launched_entry(UnixProcessData* data, int pid, int pidfd, uint64_t watchdogToken) {
-    ProcessEntry* entry = make_entry(pid, pidfd);
+bool attach_launched_entry(UnixProcessData* data, int pid, UniqueFd& pidfd, uint64_t& watchdogToken) {
+    ProcessEntry* entry = make_entry(pid, -1);
     if (entry == nullptr) return false;
-    entry->watchdogToken = watchdogToken;
-    if (!entry->ended) {
-        pthread_mutex_lock(&table_lock);
-        // An indexed entry under this PID names a process that ended unseen: ours has the PID now.
-        if (auto* old = static_cast<ProcessEntry*>(live_entries.erase(static_cast<uint64_t>(pid))))
-            old->indexed = false;
-        entry->indexed = live_entries.insert(static_cast<uint64_t>(pid), entry);
-        pthread_mutex_unlock(&table_lock);
-        if (!entry->indexed) { // an adoption could not find it: its records would not share one status
-            destroy_entry(entry);
-            return false;
-        }
+    entry->pidfd.reset(pidfd.get()); // before it is indexed, where an adoption may look at it
+    pthread_mutex_lock(&table_lock);
+    // An indexed entry under this PID names a process that ended unseen: ours has the PID now.
+    if (auto* old = static_cast<ProcessEntry*>(live_entries.erase(static_cast<uint64_t>(pid))))
+        old->indexed = false;
+    entry->indexed = live_entries.insert(static_cast<uint64_t>(pid), entry);
+    pthread_mutex_unlock(&table_lock);
+    if (!entry->indexed) { // an adoption could not find it: its records would not share one status
+        entry->pidfd.release(); // still the caller's
+        destroy_entry(entry);
+        return false;
     }
+    pidfd.release();
+    entry->watchdogToken = std::exchange(watchdogToken, 0);
     std::atomic_ref<ProcessEntry*>(data->process).store(entry, std::memory_order_release);
     return true;
 }
@@ -182,8 +188,11 @@ Collection collect_child(ProcessEntry* entry) {
     if (!entry->ended) {
         siginfo_t info = {};
         rusage usage = {};
-        if (wait_for(entry, &info, WEXITED | WNOHANG, &usage) == -1) {
+        if (entry->notChild) {
+            collection = {-1, ECHILD};
+        } else if (wait_for(entry, &info, WEXITED | WNOHANG, &usage) == -1) {
             collection = {-1, errno};
+            if (collection.err == ECHILD) entry->notChild = true;
         } else if (info.si_pid == 0) {
             collection = {0, 0};
         } else {
@@ -201,7 +210,7 @@ Collection collect_child(ProcessEntry* entry) {
 
 Collection await_and_collect_child(ProcessEntry* entry) {
     siginfo_t info = {};
-    if (!entry->ended && wait_for(entry, &info, WEXITED | WNOWAIT) == -1 && errno != ECHILD)
+    if (!entry->ended && !entry->notChild && wait_for(entry, &info, WEXITED | WNOWAIT) == -1 && errno != ECHILD)
         return {-1, errno};
     return collect_child(entry);
 }

@@ -73,9 +73,10 @@ inline ProcessEntry* entry_of(const UnixProcessData* data) {
     return std::atomic_ref<ProcessEntry*>(const_cast<ProcessEntry*&>(data->process)).load(std::memory_order_acquire);
 }
 // Gives a launched record its entry (the launch knows the process is new), with the pidfd the launch
-// opened for it (-1: none, it is followed by its PID). False when memory ran out; the pidfd is closed.
-// A process registered with the watchdog is taken back from it at its end.
-bool attach_launched_entry(UnixProcessData* data, int pid, int pidfd, uint64_t watchdogToken = 0);
+// opened for it (none: it is followed by its PID) and its watchdog registration (0: none), which the entry
+// takes back at the process's end. Both are taken (left empty) on success; false when memory ran out, and
+// both stay the caller's.
+bool attach_launched_entry(UnixProcessData* data, int pid, UniqueFd& pidfd, uint64_t& watchdogToken);
 // The entry of an adopted record: the one other records on that process share, else a new one.
 // Null when memory ran out.
 ProcessEntry* entry_for_adoption(int pid);

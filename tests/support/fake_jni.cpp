@@ -83,6 +83,15 @@ jbyte* JNICALL get_byte_array_elements(JNIEnv*, jbyteArray a, jboolean*) {
 void JNICALL release_byte_array_elements(JNIEnv*, jbyteArray, jbyte*, jint) {
     --current->outstandingChars;
 }
+jbyteArray JNICALL new_byte_array(JNIEnv*, jsize length) {
+    if (current->failNewArrays) return nullptr;
+    byteArrays.push_back({std::string(static_cast<size_t>(length), '\0')});
+    return reinterpret_cast<jbyteArray>(&byteArrays.back());
+}
+void JNICALL set_byte_array_region(JNIEnv*, jbyteArray a, jsize start, jsize length, const jbyte* bytes) {
+    reinterpret_cast<FakeBytes*>(a)->raw.replace(static_cast<size_t>(start), static_cast<size_t>(length),
+                                                 reinterpret_cast<const char*>(bytes), static_cast<size_t>(length));
+}
 } // namespace
 
 FakeJni::FakeJni() {
@@ -98,6 +107,8 @@ FakeJni::FakeJni() {
     table_.DeleteLocalRef = delete_local_ref;
     table_.GetByteArrayElements = get_byte_array_elements;
     table_.ReleaseByteArrayElements = release_byte_array_elements;
+    table_.NewByteArray = new_byte_array;
+    table_.SetByteArrayRegion = set_byte_array_region;
     env_.functions = &table_;
 }
 
@@ -122,6 +133,10 @@ jstring FakeJni::utf16(const std::u16string& units) {
 jbyteArray FakeJni::bytes(const std::string& raw) {
     byteArrays.push_back({raw});
     return reinterpret_cast<jbyteArray>(&byteArrays.back());
+}
+
+std::string FakeJni::raw(jbyteArray array) {
+    return reinterpret_cast<FakeBytes*>(array)->raw;
 }
 
 jobjectArray FakeJni::array(const std::vector<jobject>& elements) {

@@ -23,8 +23,12 @@ struct FakeJni {
     jbyteArray bytes(const std::string& raw);
     jobjectArray array(const std::vector<jobject>& elements);
 
+    // The bytes of an array made by the code under test.
+    static std::string raw(jbyteArray array);
+
     std::set<std::string> missingClasses;
     bool failStringChars = false;
+    bool failNewArrays = false; // the heap is full
     std::vector<Thrown> thrown;
     int outstandingChars = 0;
 

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <pthread.h>
+#include <sys/epoll.h>
 #include <sys/select.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -14,6 +15,7 @@ Fault cloneIntoCgroup;
 Fault pipe;
 Fault pidfd;
 Fault mutexInit;
+Fault epollAdd;
 SelectFake select;
 std::atomic<void (*)()> beforeClone = nullptr;
 } // namespace seams
@@ -41,6 +43,7 @@ pid_t __real_clone_into_cgroup(int (*main)(void*), void* argument, void* stackLo
 int __real_pipe(int fds[2]);
 int __real_quillon_pidfd_open(int pid);
 int __real_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes);
+int __real_epoll_ctl(int set, int op, int fd, struct epoll_event* event);
 
 void* __wrap_malloc(size_t size) {
     return due(seams::malloc) ? nullptr : __real_malloc(size);
@@ -70,6 +73,10 @@ int __wrap_quillon_pidfd_open(int pid) {
 }
 int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) {
     return due(seams::mutexInit) ? seams::mutexInit.err : __real_pthread_mutex_init(mutex, attributes);
+}
+int __wrap_epoll_ctl(int set, int op, int fd, struct epoll_event* event) {
+    if (op == EPOLL_CTL_ADD && due(seams::epollAdd)) return -1;
+    return __real_epoll_ctl(set, op, fd, event);
 }
 int __wrap_select(int n, fd_set* r, fd_set* w, fd_set* e, struct timeval* t) {
     if (!seams::select.armed) return __real_select(n, r, w, e, t);

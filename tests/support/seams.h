@@ -20,6 +20,7 @@ extern Fault cloneIntoCgroup; // clone_into_cgroup, as ENOSYS on a kernel withou
 extern Fault pipe;
 extern Fault pidfd; // pidfd_open, as on a kernel without it
 extern Fault mutexInit;
+extern Fault epollAdd; // epoll_ctl's EPOLL_CTL_ADD, as when the set refuses a descriptor (ENOSPC, ENOMEM)
 // The next select returns `result` with errno `err` instead of waiting.
 struct SelectFake {
     bool armed = false;
