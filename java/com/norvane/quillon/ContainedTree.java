@@ -16,6 +16,7 @@ final class ContainedTree implements EventLoop.Target {
     final CompletableFuture<Void> ended = new CompletableFuture<>();
     private boolean closed;
     private boolean released;
+    private int uses; // native calls on the token in progress: it is released after the last
 
     private ContainedTree(long token, Containment containment) {
         this.token = token;
@@ -52,7 +53,7 @@ final class ContainedTree implements EventLoop.Target {
 
     private void releaseIfDone() {
         synchronized (this) {
-            if (released || !closed || !ended.isDone()) {
+            if (released || !closed || !ended.isDone() || uses > 0) {
                 return;
             }
             released = true;
@@ -60,22 +61,55 @@ final class ContainedTree implements EventLoop.Target {
         NativeProcessGlue.get().treeRelease(token);
     }
 
+    /** Counts a native call in: false once the token is released. */
+    private synchronized boolean use() {
+        if (released) {
+            return false;
+        }
+        uses++;
+        return true;
+    }
+
+    private void done() {
+        synchronized (this) {
+            uses--;
+        }
+        releaseIfDone();
+    }
+
     void kill() throws ProcessOpException {
-        if (!ended.isDone()) {
-            NativeProcessGlue.get().treeKill(token);
+        if (!ended.isDone() && use()) {
+            try {
+                NativeProcessGlue.get().treeKill(token);
+            } finally {
+                done();
+            }
         }
     }
 
     void signal(int signal) throws ProcessOpException {
-        if (!ended.isDone()) {
-            NativeProcessGlue.get().treeSignal(token, signal);
+        if (!ended.isDone() && use()) {
+            try {
+                NativeProcessGlue.get().treeSignal(token, signal);
+            } finally {
+                done();
+            }
         }
     }
 
-    /** @return the tree's peak memory in bytes (-1 unknown), and 1 when a member was killed for memory */
+    /**
+     * @return the tree's peak memory in bytes (-1 unknown), 1 when a member was killed for memory, and 1 when
+     *     the tree has ended, so that the figures are final
+     */
     long[] usage() {
-        long[] usage = {-1, 0};
-        NativeProcessGlue.get().treeEmpty(token, usage);
+        long[] usage = {-1, 0, 0};
+        if (use()) {
+            try {
+                usage[2] = NativeProcessGlue.get().treeEmpty(token, usage) ? 1 : 0;
+            } finally {
+                done();
+            }
+        }
         return usage;
     }
 }

@@ -65,7 +65,12 @@ final class EventLoop {
     static long serve(java.util.function.LongFunction<Target> target, Source open) {
         synchronized (EventLoop.class) {
             long token = open.make();
-            follow(token, target.apply(token));
+            try {
+                follow(token, target.apply(token));
+            } catch (RuntimeException | Error e) { // nobody would ever release the source
+                NativeProcessGlue.get().release(token);
+                throw e;
+            }
             return token;
         }
     }

@@ -1,5 +1,6 @@
 package com.norvane.quillon;
 
+import com.norvane.quillon.process.NativeProcessGlue;
 import java.util.ArrayDeque;
 
 /**
@@ -36,6 +37,9 @@ final class HandlerPool {
             notify();
         } else if (threads < CORE) {
             startThread();
+        } else {
+            // Every thread is busy: the event thread, which may wait without a limit, must look at the stall.
+            NativeProcessGlue.get().wakeEvents();
         }
     }
 

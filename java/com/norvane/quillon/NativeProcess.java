@@ -4,13 +4,15 @@ import com.norvane.quillon.process.NativeProcessGlue;
 import com.norvane.quillon.process.UnixProcessGlue;
 import com.norvane.quillon.process.exception.ProcessOpException;
 import java.io.BufferedInputStream;
-import java.io.BufferedOutputStream;
 import java.io.IOException;
 import java.io.InputStream;
 import java.io.OutputStream;
 import java.lang.ref.Cleaner;
 import java.lang.ref.Reference;
+import java.nio.file.Files;
+import java.nio.file.Path;
 import java.time.Duration;
+import java.util.Objects;
 import java.util.concurrent.CompletableFuture;
 import java.util.concurrent.ExecutionException;
 import java.util.concurrent.Executor;
@@ -115,11 +117,13 @@ public final class NativeProcess extends Process implements AutoCloseable {
                 }
                 if (i > 0 && handlers[i - 1] != null) {
                     deliveries = deliveries != null ? deliveries : new Deliveries();
-                    deliveries.add(fds[i], handlers[i - 1]);
+                    int fd = fds[i];
+                    fds[i] = -1; // the delivery's, also when it fails
+                    deliveries.add(fd, handlers[i - 1]);
                 } else {
                     pipes[i] = new Pipe(fds[i]);
+                    fds[i] = -1;
                 }
-                fds[i] = -1; // taken over
             }
             long treeToken = launched[NativeProcessGlue.LAUNCHED_TREE];
             ContainedTree tree = treeToken != 0
@@ -138,7 +142,8 @@ public final class NativeProcess extends Process implements AutoCloseable {
                 deliveries.cancel();
             }
             abandon(handle, detached, fds, launched[NativeProcessGlue.LAUNCHED_TREE]);
-            throw new IOException("Cannot follow the new process: " + e.getMessage(), e);
+            throw new IOException("Cannot follow the new process " + launched[NativeProcessGlue.LAUNCHED_PID] + ": "
+                    + e.getMessage(), e);
         }
     }
 
@@ -246,7 +251,7 @@ public final class NativeProcess extends Process implements AutoCloseable {
     public synchronized OutputStream getOutputStream() {
         owner.checkOpen();
         if (stdin == null) {
-            stdin = pipes[0] != null ? new BufferedOutputStream(pipes[0].output()) : new ClosedOutputStream();
+            stdin = pipes[0] != null ? pipes[0].bufferedOutput() : new ClosedOutputStream();
         }
         return stdin;
     }
@@ -468,7 +473,7 @@ public final class NativeProcess extends Process implements AutoCloseable {
         try {
             endingCall(UnixProcessGlue.get()::stop);
         } catch (ProcessOpException e) {
-            throw OwnedHandle.failure(e);
+            throw owner.failure(e);
         }
     }
 
@@ -485,7 +490,7 @@ public final class NativeProcess extends Process implements AutoCloseable {
         try {
             endingCall(UnixProcessGlue.get()::kill);
         } catch (ProcessOpException e) {
-            throw OwnedHandle.failure(e);
+            throw owner.failure(e);
         }
         return this;
     }
@@ -533,8 +538,9 @@ public final class NativeProcess extends Process implements AutoCloseable {
      * @throws IllegalStateException after {@link #close()}, and for the running JVM
      */
     public int stop(Duration grace) throws IOException, InterruptedException {
+        long graceNanos = Launcher.saturatedNanos(Objects.requireNonNull(grace, "grace"));
         send(UnixProcessGlue.get()::stop);
-        if (!waitFor(grace.toNanos(), TimeUnit.NANOSECONDS)) {
+        if (!waitFor(graceNanos, TimeUnit.NANOSECONDS)) {
             send(UnixProcessGlue.get()::kill);
             waitFor();
         }
@@ -552,7 +558,7 @@ public final class NativeProcess extends Process implements AutoCloseable {
         try {
             owner.unlessEnded(UnixProcessGlue.get()::pokeVMThreadDump);
         } catch (ProcessOpException e) {
-            throw new IOException(e.getMessage(), e);
+            throw owner.refused(e);
         } finally {
             Reference.reachabilityFence(this);
         }
@@ -580,7 +586,7 @@ public final class NativeProcess extends Process implements AutoCloseable {
                 owner.killTree();
             }
         } catch (ProcessOpException e) {
-            throw new IOException(e.getMessage(), e);
+            throw owner.refused(e);
         } finally {
             Reference.reachabilityFence(this);
         }
@@ -662,7 +668,8 @@ public final class NativeProcess extends Process implements AutoCloseable {
 
     /**
      * What the ended program used: CPU times and, for a contained tree whose memory is counted (see
-     * {@link Launcher#memoryLimit}), its peak memory and whether a member was killed for going over the limit.
+     * {@link Launcher#memoryLimit}), its peak memory and whether a member was killed for going over the limit;
+     * those are final once the whole tree has ended ({@link ProcessUsage#complete()}).
      *
      * @return the figures
      * @throws IllegalThreadStateException while the process runs
@@ -680,30 +687,47 @@ public final class NativeProcess extends Process implements AutoCloseable {
         OwnedHandle.End end = owner.end();
         long peak = -1;
         boolean killedForMemory = false;
+        boolean complete = true;
         if (owner.tree != null) {
             long[] tree = owner.tree.usage();
             peak = tree[0];
             killedForMemory = tree[1] != 0;
+            complete = tree[2] != 0;
         }
         return new ProcessUsage(Duration.ofNanos(Math.max(0, end.userMicros()) * 1000),
-                Duration.ofNanos(Math.max(0, end.systemMicros()) * 1000), peak, killedForMemory);
+                Duration.ofNanos(Math.max(0, end.systemMicros()) * 1000), peak, killedForMemory, complete);
     }
 
     private void refuseTreeOfThisJvm() {
         ProcessHandle current = ProcessHandle.current();
-        for (ProcessHandle ancestor = current.parent().orElse(null); ancestor != null;
+        boolean holds = owner.pid == processGroupOfThisJvm();
+        for (ProcessHandle ancestor = current.parent().orElse(null); ancestor != null && !holds;
                 ancestor = ancestor.parent().orElse(null)) {
-            if (ancestor.pid() == owner.pid) {
-                throw new IllegalStateException("the tree of process " + owner.pid + " holds this JVM (process "
-                        + current.pid() + "): nothing was sent");
-            }
+            holds = ancestor.pid() == owner.pid;
+        }
+        if (holds) {
+            throw new IllegalStateException("the tree of process " + owner.pid + " holds this JVM (process "
+                    + current.pid() + "): nothing was sent");
+        }
+    }
+
+    /** The process group of the JVM, from /proc/self/stat (its fifth field); 0 when it can't be read. */
+    private static long processGroupOfThisJvm() {
+        try {
+            String stat = Files.readString(Path.of("/proc/self/stat"));
+            String[] fields = stat.substring(stat.lastIndexOf(')') + 2).split(" ");
+            return Long.parseLong(fields[2]);
+        } catch (IOException | RuntimeException e) {
+            return 0; // the native kill refuses such a tree all the same
         }
     }
 
     /**
-     * Flushes what was written to {@link #getOutputStream()}, closes the pipes and gives back the native
-     * handle. The process itself runs on; a launched child is still collected when it ends. Calls that
-     * start afterwards throw {@link IllegalStateException}; waits in progress in other threads finish
+     * Closes the pipes and gives back the native handle, without waiting for anything. What was written to
+     * {@link #getOutputStream()} and not yet flushed is still written, by the library's event thread as the
+     * program reads it, before the program sees end of file (unless a write blocked in another thread holds
+     * the stream then). The process itself runs on; a launched child is still collected when it ends. Calls
+     * that start afterwards throw {@link IllegalStateException}; waits in progress in other threads finish
      * with the process's outcome, and so do the {@link #onExit()} futures of a child. Calling it again
      * does nothing.
      */
@@ -713,11 +737,11 @@ public final class NativeProcess extends Process implements AutoCloseable {
         synchronized (this) {
             buffered = stdin;
         }
-        if (buffered != null && pipes[0] != null) {
+        if (buffered instanceof Pipe.BufferedOutput output) {
             try {
-                buffered.flush();
-            } catch (IOException ignored) {
-                // The program has ended or closed its stdin: nobody is left to read it.
+                output.handOff();
+            } catch (RuntimeException | Error e) {
+                // The feed could not be made: its bytes are lost, the pipe is closed all the same.
             }
         }
         cleanable.clean();
@@ -765,7 +789,7 @@ public final class NativeProcess extends Process implements AutoCloseable {
         try {
             endingCall(call);
         } catch (ProcessOpException e) {
-            throw new IOException(e.getMessage(), e);
+            throw owner.refused(e);
         }
     }
 

@@ -65,8 +65,13 @@ final class OwnedHandle implements Runnable, EventLoop.Target {
         users = watched ? 1 : 0;
     }
 
-    static UncheckedIOException failure(ProcessOpException e) {
-        return new UncheckedIOException(new IOException(e.getMessage(), e));
+    UncheckedIOException failure(ProcessOpException e) {
+        return new UncheckedIOException(refused(e));
+    }
+
+    /** The library's refusal of a call on this process, as the exception that names the process. */
+    IOException refused(ProcessOpException e) {
+        return new IOException("process " + pid + ": " + e.getMessage(), e);
     }
 
     private static IllegalStateException closedFailure() {

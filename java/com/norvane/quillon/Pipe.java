@@ -8,6 +8,7 @@ import java.lang.ref.Cleaner;
 import java.lang.ref.Reference;
 import java.util.Arrays;
 import java.util.Objects;
+import java.util.concurrent.locks.ReentrantLock;
 
 /**
  * The JVM's end of one pipe to a launched program, closed exactly once, read or written through its stream.
@@ -49,6 +50,11 @@ final class Pipe {
     /** The stream that writes the pipe to a program's stdin, once; closing it gives the program end of file. */
     synchronized OutputStream output() {
         return handOut(new Output(this));
+    }
+
+    /** {@link #output()} behind a buffer, which {@link BufferedOutput#handOff()} can give away without waiting. */
+    BufferedOutput bufferedOutput() {
+        return new BufferedOutput(this, output());
     }
 
     private <T> T handOut(T stream) {
@@ -108,6 +114,31 @@ final class Pipe {
         if (now) {
             closeNumber();
         }
+    }
+
+    /**
+     * Closes the pipe once the event thread has written {@code rest} to it, as the program reads it; the
+     * caller never waits. With a call in progress or nothing to write, it is {@link #close()}.
+     */
+    void closeAfter(byte[] rest) {
+        boolean feed;
+        synchronized (this) {
+            feed = rest.length > 0 && !closing && users == 0;
+            if (feed) { // the number is the feed's from here on
+                userClosed = true;
+                closing = true;
+                closed = true;
+            }
+        }
+        if (!feed) {
+            close();
+            return;
+        }
+        // The feed closes the number at its end, also when it can't be made (then the bytes are lost).
+        EventLoop.serve(token -> kind -> {
+            glue().release(token);
+            return true;
+        }, () -> glue().feed(fd, rest));
     }
 
     /** The stream's close: the pipe's, and the stream's cleaning action is no longer needed. */
@@ -327,6 +358,103 @@ final class Pipe {
         @Override
         public void close() {
             pipe.closeStream();
+        }
+    }
+
+    /**
+     * A buffered stream to a program's stdin, as {@link java.io.BufferedOutputStream} is, which the close of
+     * its process object can take apart without waiting for the program to read: see {@link #handOff()}.
+     */
+    static final class BufferedOutput extends OutputStream {
+        private final Pipe pipe;
+        private final OutputStream out;
+        private final ReentrantLock lock = new ReentrantLock();
+        private final byte[] buffer = new byte[8192];
+        private int count;
+
+        private BufferedOutput(Pipe pipe, OutputStream out) {
+            this.pipe = pipe;
+            this.out = out;
+        }
+
+        private void flushBuffer() throws IOException {
+            if (count > 0) {
+                out.write(buffer, 0, count);
+                count = 0;
+            }
+        }
+
+        @Override
+        public void write(int b) throws IOException {
+            lock.lock();
+            try {
+                if (count == buffer.length) {
+                    flushBuffer();
+                }
+                buffer[count++] = (byte) b;
+            } finally {
+                lock.unlock();
+            }
+        }
+
+        @Override
+        public void write(byte[] bytes, int offset, int length) throws IOException {
+            Objects.checkFromIndexSize(offset, length, bytes.length);
+            lock.lock();
+            try {
+                if (length >= buffer.length) {
+                    flushBuffer();
+                    out.write(bytes, offset, length);
+                    return;
+                }
+                if (length > buffer.length - count) {
+                    flushBuffer();
+                }
+                System.arraycopy(bytes, offset, buffer, count, length);
+                count += length;
+            } finally {
+                lock.unlock();
+            }
+        }
+
+        @Override
+        public void flush() throws IOException {
+            lock.lock();
+            try {
+                flushBuffer();
+            } finally {
+                lock.unlock();
+            }
+        }
+
+        @Override
+        public void close() throws IOException {
+            lock.lock();
+            try {
+                flushBuffer();
+            } finally {
+                out.close();
+                lock.unlock();
+            }
+        }
+
+        /**
+         * The close of the process object: what is buffered goes to the event thread, which writes it as the
+         * program reads and then closes the pipe. Never waits: a write in progress (blocked on a full pipe)
+         * keeps the pipe until it returns, and what it leaves in the buffer is dropped.
+         */
+        void handOff() {
+            if (!lock.tryLock()) {
+                pipe.close();
+                return;
+            }
+            try {
+                byte[] rest = Arrays.copyOf(buffer, count);
+                count = 0;
+                pipe.closeAfter(rest);
+            } finally {
+                lock.unlock();
+            }
         }
     }
 

@@ -8,12 +8,15 @@ public final class ProcessUsage {
     private final Duration systemTime;
     private final long peakMemoryBytes;
     private final boolean killedForMemory;
+    private final boolean complete;
 
-    ProcessUsage(Duration userTime, Duration systemTime, long peakMemoryBytes, boolean killedForMemory) {
+    ProcessUsage(Duration userTime, Duration systemTime, long peakMemoryBytes, boolean killedForMemory,
+            boolean complete) {
         this.userTime = userTime;
         this.systemTime = systemTime;
         this.peakMemoryBytes = peakMemoryBytes;
         this.killedForMemory = killedForMemory;
+        this.complete = complete;
     }
 
     /** @return CPU time in user mode, of the program and the descendants it waited for */
@@ -40,9 +43,19 @@ public final class ProcessUsage {
         return killedForMemory;
     }
 
+    /**
+     * @return whether the figures are final: false while members of the program's contained tree still run
+     *     after the program itself (then the peak and {@link #killedForMemory()} are those seen so far; see
+     *     {@link NativeProcess#waitForTree})
+     */
+    public boolean complete() {
+        return complete;
+    }
+
     @Override
     public String toString() {
         return "ProcessUsage[user " + userTime.toMillis() + " ms, system " + systemTime.toMillis() + " ms, peak "
-                + peakMemoryBytes + " bytes" + (killedForMemory ? ", killed for memory" : "") + "]";
+                + peakMemoryBytes + " bytes" + (killedForMemory ? ", killed for memory" : "")
+                + (complete ? "" : ", tree still running") + "]";
     }
 }

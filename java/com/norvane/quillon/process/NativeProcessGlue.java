@@ -208,6 +208,9 @@ public final class NativeProcessGlue {
      */
     public native int awaitEvents(long[] tokens, int[] kinds, int timeoutMillis);
 
+    /** Ends a wait of {@link #awaitEvents} in progress at once (or the next one, when none is). */
+    public native void wakeEvents();
+
     /**
      * Reads a pipe to its end into memory, at most {@code limit} bytes kept, the rest counted and dropped.
      *

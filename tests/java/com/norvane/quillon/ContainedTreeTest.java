@@ -131,13 +131,16 @@ class ContainedTreeTest {
             try (NativeProcess root = new Launcher("/bin/sh", "-c", "sleep 60 & echo $!; exit 0").contained().start()) {
                 long member = pids(new BufferedReader(new InputStreamReader(root.getInputStream())), 1).get(0);
                 root.waitFor();
-                if (root.waitForTree(200, TimeUnit.MILLISECONDS)) {
+                if (root.waitForTree(200, TimeUnit.MILLISECONDS) || root.usage().complete()) {
                     return "the tree was seen empty while a member lived";
                 }
                 long begin = System.nanoTime();
                 ProcessHandle.of(member).orElseThrow().destroyForcibly();
                 boolean empty = root.waitForTree(5, TimeUnit.SECONDS);
                 long took = (System.nanoTime() - begin) / 1_000_000;
+                if (!root.usage().complete()) {
+                    return "the figures of an ended tree are not final";
+                }
                 return empty && took < 50 ? null : "the wait returned " + took + " ms after the last member's end";
             }
         }

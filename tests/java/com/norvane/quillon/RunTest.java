@@ -9,6 +9,7 @@ import java.io.IOException;
 import java.nio.ByteBuffer;
 import java.nio.charset.StandardCharsets;
 import java.time.Duration;
+import java.time.temporal.ChronoUnit;
 import java.util.List;
 import java.util.concurrent.CompletableFuture;
 import java.util.concurrent.TimeUnit;
@@ -17,6 +18,7 @@ import java.util.stream.Stream;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.CsvSource;
+import org.junit.jupiter.params.provider.ValueSource;
 
 /** Everyday jobs in one call: run with a time limit, kernel pipelines, output handlers. */
 class RunTest {
@@ -63,12 +65,27 @@ class RunTest {
     }
 
     /** Once the program itself has ended, what is left of its group still dies at the limit. */
-    @Test
-    void aGrandchildLeftBehindByAnEndedProgramDiesAtTheLimit() throws Exception {
-        ProcessResult result = shell("sleep 30 & echo $!").run(Duration.ofMillis(300));
+    @ParameterizedTest(name = "new process group asked for: {0}")
+    @ValueSource(booleans = {false, true})
+    void aGrandchildLeftBehindByAnEndedProgramDiesAtTheLimit(boolean asked) throws Exception {
+        Launcher launcher = shell("sleep 30 & echo $!");
+        ProcessResult result = (asked ? launcher.newProcessGroup() : launcher).run(Duration.ofMillis(300));
         assertTrue(result.timedOut(), "the grandchild held stdout");
         assertEquals(0, result.exitValue(), "the program itself exited");
         assertTrue(waitForEnd(Long.parseLong(result.stdout().strip())));
+    }
+
+    @Test
+    void limitsBeyondWhatNanoTimeCountsMeanNoLimitAndLimitsNotPositiveAreRefused() throws Exception {
+        for (Duration endless : List.of(Duration.ofSeconds(Long.MAX_VALUE), ChronoUnit.FOREVER.getDuration(),
+                Duration.ofNanos(Long.MAX_VALUE))) {
+            ProcessResult result = new Launcher("true").run(endless);
+            assertFalse(result.timedOut(), endless.toString());
+            assertEquals(0, result.exitValue(), endless.toString());
+        }
+        for (Duration refused : List.of(Duration.ZERO, Duration.ofNanos(-1), Duration.ofSeconds(Long.MIN_VALUE))) {
+            assertThrows(IllegalArgumentException.class, () -> new Launcher("true").run(refused), refused.toString());
+        }
     }
 
     @Test
@@ -131,6 +148,19 @@ class RunTest {
         } finally {
             stages.forEach(NativeProcess::close);
         }
+    }
+
+    @Test
+    void aPipelineWhoseStageCannotStartLeavesNoDescriptorOpen() throws Exception {
+        List<Launcher> stages = List.of(new Launcher("seq", "1", "100000"), new Launcher("/no/such/program"),
+                new Launcher("wc", "-l"));
+        Launcher.startPipeline(List.of(new Launcher("true"), new Launcher("true"))).forEach(NativeProcess::close);
+        long before = ProcessCounts.descriptors();
+        for (int i = 0; i < 20; i++) {
+            IOException e = assertThrows(IOException.class, () -> Launcher.startPipeline(stages));
+            assertTrue(e.getMessage().contains("/no/such/program"), e.getMessage());
+        }
+        assertEquals(before, ProcessCounts.descriptors());
     }
 
     @Test
