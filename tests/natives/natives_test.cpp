@@ -10,15 +10,16 @@
 namespace {
 const std::string kExceptions = "com/norvane/quillon/process/exception/";
 
-// A launch of `sh -c "exit 4"` with an environment, failing the at-th allocation: the handle, or 0.
+// A launch of `sh -c "exit 4"` with an environment, a working directory and a file named relative to it,
+// failing the at-th allocation: the handle, or 0.
 jlong create_failing_at(FakeJni& jni, int at) {
     jobjectArray arguments = jni.array({jni.string("-c"), jni.string("exit $QUILLON_CODE")});
     jobjectArray environment = jni.array({jni.string("QUILLON_CODE=4"), jni.string("PATH=/usr/bin")});
-    jobjectArray files = jni.array({nullptr, jni.string("/dev/null"), nullptr});
+    jobjectArray files = jni.array({nullptr, jni.string("/dev/null"), jni.string("null")});
     seams::malloc = {at, ENOMEM};
     jlong handle = Java_com_norvane_quillon_process_UnixProcessGlue_create(
-        jni.env(), nullptr, jni.string("/bin/sh"), arguments, environment, nullptr, 20, files, 022, nullptr, nullptr, 0,
-        jni.string("extra"), JNI_FALSE, JNI_FALSE);
+        jni.env(), nullptr, jni.string("/bin/sh"), arguments, environment, jni.string("/dev"), 20, files, 022, nullptr,
+        nullptr, 0, jni.string("extra"), JNI_FALSE, JNI_FALSE);
     return handle;
 }
 

@@ -110,7 +110,7 @@ public final class NativeProcess extends Process implements AutoCloseable {
         Deliveries deliveries = null;
         try {
             long pid = launched[NativeProcessGlue.LAUNCHED_PID];
-            ProcessHandle processHandle = ProcessHandle.of(pid).orElse(null); // before its end is collected
+            ProcessHandle processHandle = ProcessHandle.of(pid).orElse(null); // null once its end is collected
             for (int i = 0; i < 3 && !keepPipes; i++) {
                 if (fds[i] < 0) {
                     continue;
