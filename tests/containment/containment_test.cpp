@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <mutex>
 #include <poll.h>
 #include <sstream>
 #include <sys/prctl.h>
@@ -26,6 +27,7 @@
 #include "containment/containment.h"
 #include "support/child.h"
 #include "support/named_case.h"
+#include "support/seams.h"
 
 namespace fs = std::filesystem;
 
@@ -837,5 +839,99 @@ TEST(Watchdog, HoldsOneRegistrationPerDescriptorItMayOpen) {
     // The watchdog's socket takes one of the descriptors the limit allows.
     EXPECT_EQ(with_host(host, check),
               std::to_string(kLimit - 1) + " " + strerror(ENOSPC) + " again=1 full=1 ok");
+}
+// How the watchdog is made when the host's setup differs: with SIGCHLD ignored (its intermediate process's
+// status can't be collected), and when the intermediate's clone fails.
+struct MakingCase {
+    const char* name;
+    std::function<void()> before; // in the host, before the first registration
+    bool firstFails;              // the first registration fails with EAGAIN, the next one succeeds
+};
+
+class WatchdogMaking : public testing::TestWithParam<MakingCase> {};
+
+TEST_P(WatchdogMaking, KillsWhatWasRegisteredAtTheHostsEnd) {
+    const MakingCase& c = GetParam();
+    auto host = [&] {
+        pid_t registered = sleeper();
+        c.before();
+        std::string said;
+        if (c.firstFails) {
+            bool failed = register_pid(registered) == 0 && errno == EAGAIN;
+            seams::clone = {};
+            said += failed ? "failed " : "made ";
+        }
+        bool ok = register_pid(registered) != 0;
+        int err = errno;
+        return pid_line({registered}) + said + (ok ? "registered" : std::string("failed: ") + strerror(err));
+    };
+    auto check = [&](pid_t host, const std::vector<int>& pids, const std::string& said) {
+        return said + " " + (pids.size() == 1 ? kill_and_expect(host, pids) : "no process");
+    };
+    EXPECT_EQ(with_host(host, check), std::string(c.firstFails ? "failed " : "") + "registered ok");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Watchdog, WatchdogMaking,
+    testing::Values(MakingCase{"sigchldIgnored", [] { signal(SIGCHLD, SIG_IGN); }, false},
+                    // The second clone is the intermediate's, of the watchdog itself.
+                    MakingCase{"intermediateCloneFails", [] { seams::clone = {2, EAGAIN}; }, true},
+                    MakingCase{"intermediateCloneFailsSigchldIgnored",
+                               [] {
+                                   signal(SIGCHLD, SIG_IGN);
+                                   seams::clone = {2, EAGAIN};
+                               },
+                               true}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// A forget is made when a process or tree has ended, under the event thread's lock: it never waits, not for
+// a stopped watchdog's full queue, not for a registration that holds the host's state while it waits for
+// room. A registration still waits its bounded time and fails with EAGAIN.
+TEST(Watchdog, ForgetsNeverWaitForAStoppedWatchdog) {
+    if (syscall(SYS_kcmp, getpid(), getpid(), 1, 0, 0) != 0) GTEST_SKIP() << "no kcmp to find the watchdog";
+    auto host = [&] {
+        pid_t kept = sleeper();
+        int pidfd = open_pidfd(kept);
+        uint64_t first = watchdog_register_process(pidfd);
+        pid_t watchdog = first != 0 ? await_own_watchdog() : 0;
+        if (watchdog == 0) return pid_line({kept}) + "no watchdog";
+        kill(watchdog, SIGSTOP);
+        std::mutex guard;
+        std::vector<uint64_t> tokens;
+        int refused = 0;
+        std::thread filler([&] { // registers until the queue is full, then waits for room in vain
+            for (uint64_t token; (token = watchdog_register_process(pidfd)) != 0;) {
+                std::lock_guard<std::mutex> hold(guard);
+                tokens.push_back(token);
+            }
+            refused = errno;
+        });
+        auto count = [&] {
+            std::lock_guard<std::mutex> hold(guard);
+            return tokens.size();
+        };
+        for (size_t before = 0, now; (now = count()) == 0 || now != before; before = now) // until it waits
+            usleep(200000);
+        std::vector<uint64_t> forgotten;
+        {
+            std::lock_guard<std::mutex> hold(guard);
+            forgotten = tokens;
+        }
+        forgotten.push_back(first);
+        auto began = std::chrono::steady_clock::now();
+        for (uint64_t token : forgotten)
+            watchdog_forget(token);
+        auto took = std::chrono::steady_clock::now() - began;
+        filler.join();
+        kill(watchdog, SIGCONT);
+        bool again = watchdog_register_process(pidfd) != 0;
+        return pid_line({kept}) + "forgot " + std::to_string(forgotten.size() > 10) + " at once " +
+               std::to_string(took < std::chrono::seconds(1)) + ", then " + strerror(refused) +
+               ", again " + std::to_string(again);
+    };
+    auto check = [&](pid_t host, const std::vector<int>& pids, const std::string& said) {
+        return said + " " + (pids.size() == 1 ? kill_and_expect(host, pids) : "no process");
+    };
+    EXPECT_EQ(with_host(host, check), "forgot 1 at once 1, then " + std::string(strerror(EAGAIN)) + ", again 1 ok");
 }
 } // namespace
