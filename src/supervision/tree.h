@@ -4,7 +4,9 @@
 #include "quillon/supervision.h"
 
 // SIGKILL to the process, to the process group it leads and to every descendant, all stopped first:
-// a result code.
+// a result code. A search of the descendants cut short (no memory, no descriptor) still kills what it found
+// and stopped, then reports the errno; when it can't be told whether the tree holds this process, nothing is
+// sent.
 int kill_tree(UnixProcessData* data, int* sysErr);
 // A live (not zombie) process of the group, 0 when there is none, -errno when /proc could not be read
 // whole (EMFILE, ENOMEM...): then a member may live.
