@@ -6,8 +6,14 @@
 
 #include <climits>
 #include <cstdint>
+#include <pthread.h>
 
 #include "runtime/support.h"
+
+// A descriptor moved above the standard ones (0-2), close-on-exec: a library's descriptor there would take
+// the place of a stream the JVM closed, and the JVM's next write to it would land in a control file. The
+// descriptor, or -1 with errno (the given one is closed either way).
+int move_above_standard(int fd);
 
 // This process's own groups, below which the groups of contained trees are made.
 struct CgroupPlaces {
@@ -38,7 +44,8 @@ struct TreeLimits {
 struct TreeGroup : NoCopy {
     char name[64] = {};
     UniqueFd unified;  // O_DIRECTORY|O_CLOEXEC of the v2 group, for CLONE_INTO_CGROUP; -1 without one
-    UniqueFd events;   // its cgroup.events (O_RDONLY|O_CLOEXEC): poll()s POLLPRI when "populated" changes
+    UniqueFd events;   // its cgroup.events (O_RDONLY|O_CLOEXEC), read for its state; never polled, see
+                       // watch_tree_group
     UniqueFd killFile; // its cgroup.kill (O_WRONLY|O_CLOEXEC); -1 also on kernels before 5.14
     UniqueFd
         joins[2]; // cgroup.procs (O_WRONLY|O_CLOEXEC) of v1 groups the new process joins itself; -1 unused
@@ -47,6 +54,8 @@ struct TreeGroup : NoCopy {
     // This process's own group in each hierarchy where a group was made (v2, v1 memory, v1 pids), so that
     // the group is removed by name; -1 where none was made or it is removed already.
     UniqueFd owners[3];
+    // Held by a signal from freeze to thaw: a second signal must not thaw the group under the first.
+    mutable pthread_mutex_t freezing = PTHREAD_MUTEX_INITIALIZER;
 };
 
 // Makes the groups and sets the limits (memory: memory.max, and memory.swap.max 0 where it exists, in v2;
@@ -63,19 +72,30 @@ int kill_tree_group(const TreeGroup& group);
 // in cgroup.events) so that no member forks a process that misses it; thawed afterwards. 0 or an errno:
 // ENOTSUP without a v2 group, ETIMEDOUT when the group didn't freeze in time (the signal was sent anyway).
 int signal_tree_group(const TreeGroup& group, int signal);
-// Whether any process is left, from cgroup.events ("populated 0/1"). 0 or an errno (ENOTSUP without v2).
+// Whether any process is left, in the group or a group below it, from cgroup.events ("populated 0/1").
+// 0 or an errno (ENOTSUP without v2).
 int tree_group_populated(const TreeGroup& group, bool* populated);
+// A descriptor of cgroup.events of the caller's own, to poll for POLLPRI: the kernel keeps, per open file,
+// which change was read last, so a read through another open file (or a dup of one) can't swallow the
+// notification. It is read once here, so it wakes for a change after this call; *populated is what that
+// read said. -1 with errno (ENOTSUP without v2).
+int watch_tree_group(const TreeGroup& group, bool* populated);
+// A process of the v2 group, the first listed in its cgroup.procs or, when none, in a group below it
+// that a member made: its PID, 0 when none is found (or there is no v2 group).
+int tree_group_member(const TreeGroup& group);
 struct TreeUsage {
     bool killedForMemory; // an OOM kill happened in the group (v2 memory.events "oom_kill", v1
                           // memory.oom_control)
     int64_t peakBytes; // the group's peak memory (v2 memory.peak, v1 memory.max_usage_in_bytes); -1 unknown
 };
 TreeUsage tree_group_usage(const TreeGroup& group);
-// Removes the directories: each one that can go goes, and the call may be repeated for the rest. 0, or the
-// first errno met (EBUSY while a member lives).
+// Removes the directories, with the groups that members made below them (deepest first, a bounded number),
+// once no process is left in any of them: each one that can go goes, and the call may be repeated for the
+// rest. 0, or the first errno met (EBUSY while a member lives).
 int remove_tree_group(TreeGroup* group);
-// Removes empty groups named "quillon-<pid>-<n>" below this process's own whose <pid> no longer runs:
-// leftovers of a process that died. A group that still holds processes is never touched (rmdir refuses it).
+// Removes groups named "quillon-<pid>-<n>" below this process's own whose <pid> no longer runs, with their
+// sub-groups: leftovers of a process that died. A group that still holds a process, itself or below it, is
+// left whole.
 void remove_stale_groups(const CgroupPlaces& places);
 
 // The watchdog: one process per host process, made at the first registration, that kills what was
@@ -88,5 +108,6 @@ void remove_stale_groups(const CgroupPlaces& places);
 // errno set.
 uint64_t watchdog_register_group(int killFd);
 uint64_t watchdog_register_process(int pidfd);
-// Takes a registration back (the tree or process has ended). Unknown tokens are ignored.
+// Takes a registration back (the tree or process has ended). Unknown tokens are ignored. It never waits:
+// not for a stopped watchdog's full queue, not for a registration in progress (see watchdog.cpp).
 void watchdog_forget(uint64_t token);

@@ -23,11 +23,14 @@ enum Hierarchy { kUnified = 0, kMemoryV1 = 1, kPidsV1 = 2 };
 constexpr int kNameAttempts = 8;
 constexpr int kFreezeMillis = 5000;
 constexpr int kMaxDepth = 32;
+// Groups that members made below a tree's are removed with it, this many at most per call: the rest stays
+// for a later call or the next process's sweep.
+constexpr int kMaxRemovals = 4096;
 
 std::atomic<unsigned> group_counter{0};
 
 int open_at(int directory, const char* file, int flags) {
-    return retry_on_eintr([&] { return openat(directory, file, flags | O_CLOEXEC); });
+    return move_above_standard(retry_on_eintr([&] { return openat(directory, file, flags | O_CLOEXEC); }));
 }
 
 // Writes `text` to a control file of the group: 0 or an errno.
@@ -99,7 +102,7 @@ int64_t number_in(int directory, const char* file) {
 // The group `name` below this process's group at `place`: the place's descriptor (kept for the removal)
 // and the group's. 0 or an errno; EEXIST when the name is taken.
 int make_directory(const char* place, const char* name, UniqueFd* owner, UniqueFd* directory) {
-    UniqueFd parent(retry_on_eintr([&] { return open(place, O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+    UniqueFd parent(open_at(AT_FDCWD, place, O_RDONLY | O_DIRECTORY));
     if (parent.get() < 0) return errno;
     if (mkdirat(parent.get(), name, 0755) != 0) return errno;
     UniqueFd made(open_at(parent.get(), name, O_RDONLY | O_DIRECTORY));
@@ -188,19 +191,53 @@ int64_t millis_now() {
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-// Waits until cgroup.events says "frozen 1": 0, ETIMEDOUT or an errno.
+// Waits until cgroup.events says "frozen 1", or "populated 0" (the last member ended meanwhile: nothing is
+// left to freeze): 0, ETIMEDOUT or an errno. It polls an open file of its own: a read through another one
+// would take the notification of the change from it.
 int await_frozen(const TreeGroup& group) {
+    UniqueFd events(open_at(group.unified.get(), "cgroup.events", O_RDONLY));
+    if (events.get() < 0) return errno;
     int64_t deadline = millis_now() + kFreezeMillis;
+    char text[512];
     for (;;) {
-        int64_t frozen = 0;
-        int err = keyed_value_of(group.events.get(), "frozen", &frozen);
-        if (err != 0) return err;
-        if (frozen == 1) return 0;
+        int64_t frozen = 0, populated = 1;
+        if (read_control(events.get(), text, sizeof text) < 0) return errno;
+        if (!keyed_value(text, "frozen", &frozen) || !keyed_value(text, "populated", &populated)) return EIO;
+        if (frozen == 1 || populated == 0) return 0;
         int64_t left = deadline - millis_now();
         if (left <= 0) return ETIMEDOUT;
-        pollfd change = {group.events.get(), POLLPRI, 0};
+        pollfd change = {events.get(), POLLPRI, 0};
         if (poll(&change, 1, static_cast<int>(left)) < 0 && errno != EINTR) return errno;
     }
+}
+
+// Calls visit(name) for each group directly below `directory`: 0, the first errno of a visit, or the
+// listing's own.
+template <typename Visit> int for_each_subgroup(int directory, Visit visit) {
+    UniqueFd self(open_at(directory, ".", O_RDONLY | O_DIRECTORY));
+    DIR* listing = self.get() >= 0 ? fdopendir(self.get()) : nullptr;
+    if (listing == nullptr) return errno;
+    self.release(); // the listing's now
+    int first = 0;
+    for (;;) {
+        errno = 0;
+        dirent* entry = readdir(listing);
+        if (entry == nullptr) {
+            if (errno != 0 && first == 0) first = errno;
+            break;
+        }
+        if (entry->d_type != DT_DIR || strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0)
+            continue;
+        int err = visit(entry->d_name);
+        if (err != 0 && first == 0) first = err;
+    }
+    closedir(listing);
+    return first;
+}
+
+// The group `name` below `directory`: its descriptor, or -1 with errno.
+int open_subgroup(int directory, const char* name) {
+    return open_at(directory, name, O_RDONLY | O_DIRECTORY);
 }
 
 // Sends the signal to each PID listed in the group's cgroup.procs: 0 or the first errno other than ESRCH.
@@ -234,17 +271,94 @@ int signal_listed(int directory, int signal) {
 int signal_members(int directory, int signal, int depth) {
     int first = signal_listed(directory, signal);
     if (depth >= kMaxDepth) return first;
-    DIR* listing = fdopendir(open_at(directory, ".", O_RDONLY | O_DIRECTORY));
-    if (listing == nullptr) return first != 0 ? first : errno;
-    while (dirent* entry = readdir(listing)) {
-        if (entry->d_type != DT_DIR || strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0)
-            continue;
-        UniqueFd below(open_at(directory, entry->d_name, O_RDONLY | O_DIRECTORY));
+    int err = for_each_subgroup(directory, [&](const char* name) {
+        UniqueFd below(open_subgroup(directory, name));
         int err = below.get() < 0 ? errno : signal_members(below.get(), signal, depth + 1);
-        if (err != 0 && err != ENOENT && first == 0) first = err; // ENOENT: the group went meanwhile
+        return err == ENOENT ? 0 : err; // ENOENT: the group went meanwhile
+    });
+    return first != 0 ? first : err;
+}
+
+// The signal to every member with the group frozen meanwhile; the caller holds group.freezing.
+int signal_frozen(const TreeGroup& group, int signal) {
+    // Kernels before 5.2 have no v2 freezer: there the signal goes out unfrozen.
+    int freezeErr = write_control(group.unified.get(), "cgroup.freeze", "1");
+    bool frozen = freezeErr == 0;
+    if (freezeErr == ENOENT) freezeErr = 0;
+    if (frozen) freezeErr = await_frozen(group);
+    int err = signal_members(group.unified.get(), signal, 0); // also when the freeze failed: best effort
+    if (frozen) {
+        int thawErr = write_control(group.unified.get(), "cgroup.freeze", "0");
+        if (err == 0) err = thawErr;
     }
-    closedir(listing);
-    return first;
+    return err != 0 ? err : freezeErr;
+}
+
+// The first PID that the group's cgroup.procs lists: 0 when none, -1 when it can't be read.
+int first_listed(int directory) {
+    UniqueFd procs(open_at(directory, "cgroup.procs", O_RDONLY));
+    char text[32];
+    ssize_t got =
+        procs.get() < 0 ? -1 : retry_on_eintr([&] { return read(procs.get(), text, sizeof text - 1); });
+    if (got < 0) return -1;
+    text[got] = 0;
+    return atoi(text);
+}
+
+// A process of the group or of a group below it, depth first: its PID, or 0.
+int member_below(int directory, int depth) {
+    int member = first_listed(directory);
+    if (member > 0 || depth >= kMaxDepth) return member > 0 ? member : 0;
+    member = 0;
+    for_each_subgroup(directory, [&](const char* name) {
+        UniqueFd below(member == 0 ? open_subgroup(directory, name) : -1);
+        if (below.get() >= 0) member = member_below(below.get(), depth + 1);
+        return 0;
+    });
+    return member;
+}
+
+// Whether no process is left in the group or below it: v2 tells it at once ("populated 0"), v1 by an empty
+// cgroup.procs in every group. What can't be read counts as a process.
+bool nothing_runs_in(int directory, int depth) {
+    UniqueFd events(open_at(directory, "cgroup.events", O_RDONLY));
+    int64_t populated = 1;
+    if (events.get() >= 0) return keyed_value_of(events.get(), "populated", &populated) == 0 && populated == 0;
+    if (first_listed(directory) != 0 || depth >= kMaxDepth) return false;
+    bool none = true;
+    int err = for_each_subgroup(directory, [&](const char* name) {
+        UniqueFd below(none ? open_subgroup(directory, name) : -1);
+        none = none && below.get() >= 0 && nothing_runs_in(below.get(), depth + 1);
+        return 0;
+    });
+    return err == 0 && none;
+}
+
+// Removes every group below `directory`, deepest first, while `*budget` lasts. What can't go shows when the
+// caller removes `directory` itself.
+void remove_subgroups(int directory, int depth, int* budget) {
+    for_each_subgroup(directory, [&](const char* name) {
+        if (*budget <= 0) return 0;
+        --*budget;
+        if (depth < kMaxDepth) {
+            UniqueFd below(open_subgroup(directory, name));
+            if (below.get() >= 0) remove_subgroups(below.get(), depth + 1, budget);
+        }
+        unlinkat(directory, name, AT_REMOVEDIR);
+        return 0;
+    });
+}
+
+// Removes the group `name` below `parent`; when members made groups below it (rmdir says EBUSY), those
+// too, but only once no process is left in any of them. 0 (also when it is gone already) or an errno.
+int remove_group(int parent, const char* name, int* budget) {
+    if (unlinkat(parent, name, AT_REMOVEDIR) == 0 || errno == ENOENT) return 0;
+    if (errno != EBUSY) return errno;
+    UniqueFd directory(open_subgroup(parent, name));
+    if (directory.get() < 0) return errno == ENOENT ? 0 : errno;
+    if (!nothing_runs_in(directory.get(), 0)) return EBUSY;
+    remove_subgroups(directory.get(), 0, budget);
+    return unlinkat(parent, name, AT_REMOVEDIR) == 0 || errno == ENOENT ? 0 : errno;
 }
 
 // Whether `name` is "quillon-<pid>-<n>" of another process that no longer runs.
@@ -263,12 +377,13 @@ bool stale_name(const char* name) {
 }
 
 void remove_stale_below(const char* place) {
-    DIR* listing = opendir(place);
-    if (listing == nullptr) return;
-    while (dirent* entry = readdir(listing))
-        if (entry->d_type == DT_DIR && stale_name(entry->d_name))
-            unlinkat(dirfd(listing), entry->d_name, AT_REMOVEDIR); // EBUSY: processes live in it, it stays
-    closedir(listing);
+    UniqueFd directory(open_at(AT_FDCWD, place, O_RDONLY | O_DIRECTORY));
+    if (directory.get() < 0) return;
+    int budget = kMaxRemovals;
+    for_each_subgroup(directory.get(), [&](const char* name) {
+        if (stale_name(name)) remove_group(directory.get(), name, &budget); // EBUSY: a process lives there
+        return 0;
+    });
 }
 } // namespace
 
@@ -297,19 +412,21 @@ int kill_tree_group(const TreeGroup& group) {
     return written == 1 ? 0 : errno;
 }
 
+int move_above_standard(int fd) {
+    if (fd < 0 || fd > STDERR_FILENO) return fd;
+    int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    int err = errno;
+    close(fd);
+    errno = err;
+    return moved;
+}
+
 int signal_tree_group(const TreeGroup& group, int signal) {
     if (group.unified.get() < 0 || group.events.get() < 0) return ENOTSUP;
-    // Kernels before 5.2 have no v2 freezer: there the signal goes out unfrozen.
-    int freezeErr = write_control(group.unified.get(), "cgroup.freeze", "1");
-    bool frozen = freezeErr == 0;
-    if (freezeErr == ENOENT) freezeErr = 0;
-    if (frozen) freezeErr = await_frozen(group);
-    int err = signal_members(group.unified.get(), signal, 0); // also when the freeze failed: best effort
-    if (frozen) {
-        int thawErr = write_control(group.unified.get(), "cgroup.freeze", "0");
-        if (err == 0) err = thawErr;
-    }
-    return err != 0 ? err : freezeErr;
+    pthread_mutex_lock(&group.freezing);
+    int err = signal_frozen(group, signal);
+    pthread_mutex_unlock(&group.freezing);
+    return err;
 }
 
 int tree_group_populated(const TreeGroup& group, bool* populated) {
@@ -318,6 +435,26 @@ int tree_group_populated(const TreeGroup& group, bool* populated) {
     int err = keyed_value_of(group.events.get(), "populated", &value);
     if (err == 0) *populated = value != 0;
     return err;
+}
+
+int watch_tree_group(const TreeGroup& group, bool* populated) {
+    if (group.unified.get() < 0) {
+        errno = ENOTSUP;
+        return -1;
+    }
+    UniqueFd events(open_at(group.unified.get(), "cgroup.events", O_RDONLY));
+    int64_t value = 0;
+    int err = events.get() < 0 ? errno : keyed_value_of(events.get(), "populated", &value);
+    if (err != 0) {
+        errno = err;
+        return -1;
+    }
+    *populated = value != 0;
+    return events.release();
+}
+
+int tree_group_member(const TreeGroup& group) {
+    return group.unified.get() < 0 ? 0 : member_below(group.unified.get(), 0);
 }
 
 TreeUsage tree_group_usage(const TreeGroup& group) {
@@ -339,12 +476,14 @@ TreeUsage tree_group_usage(const TreeGroup& group) {
 
 int remove_tree_group(TreeGroup* group) {
     int first = 0;
+    int budget = kMaxRemovals;
     for (UniqueFd& owner : group->owners) {
         if (owner.get() < 0) continue;
-        if (unlinkat(owner.get(), group->name, AT_REMOVEDIR) == 0 || errno == ENOENT)
+        int err = remove_group(owner.get(), group->name, &budget);
+        if (err == 0)
             owner.reset();
         else if (first == 0)
-            first = errno;
+            first = err;
     }
     return first;
 }

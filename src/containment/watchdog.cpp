@@ -11,6 +11,13 @@
 //
 // The host numbers registrations by slot; a token is (watchdog epoch, slot generation, slot), so a token
 // of a forgotten registration, or of an earlier watchdog, names nothing.
+//
+// A forget never waits. It is called when a process or tree has ended, from under the event thread's lock
+// and a process entry's: it is sent without waiting for room in the queue, and one that finds no room is
+// dropped. A registration the watchdog keeps for that reason names a pidfd of an ended process or the
+// cgroup.kill of a removed group, and acting on it at the host's end does nothing; the next registration
+// of the slot replaces it. A forget that finds the host's lock held (a registration waiting for room) is
+// noted and carried out by the holder before it lets go.
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
@@ -175,17 +182,23 @@ THREADLESS_CODE int watchdog_main(void* argument) {
     sys_exit(0);
 }
 
+// What the intermediate process tells the host in their shared memory. Its exit status can't carry it:
+// with SIGCHLD ignored the host's waitpid finds no status (ECHILD), and a signal can end it after its clone.
+constexpr int kCloneUnknown = -1;
 struct IntermediateStart {
     void* watchdogStack;
     void* watchdogStart;
+    int cloneErr; // kCloneUnknown until the intermediate's clone returned, then 0 or its errno
 };
 
-// Makes the watchdog and ends, so that the watchdog passes to init; its exit status is the clone's errno.
-// It runs while the host thread waits for it, so that thread's errno is safe to read.
+// Makes the watchdog and ends, so that the watchdog passes to init. It runs while the host thread waits for
+// it, so that thread's errno is safe to read.
 NEW_PROCESS_CODE int intermediate_main(void* argument) {
-    const auto* start = static_cast<const IntermediateStart*>(argument);
+    auto* start = static_cast<IntermediateStart*>(argument);
     pid_t pid = clone(watchdog_main, start->watchdogStack, CLONE_VM | SIGCHLD, start->watchdogStart);
-    sys_exit(pid == -1 ? (errno > 0 && errno < 256 ? errno : EAGAIN) : 0);
+    int err = pid != -1 ? 0 : errno > 0 ? errno : EAGAIN;
+    __atomic_store_n(&start->cloneErr, err, __ATOMIC_RELEASE);
+    sys_exit(err < 256 ? err : EAGAIN);
 }
 
 // ---- The host's side, under host_lock.
@@ -211,6 +224,12 @@ struct Host {
 pthread_mutex_t host_lock = PTHREAD_MUTEX_INITIALIZER;
 Host host;
 pthread_once_t fork_handlers_once = PTHREAD_ONCE_INIT;
+
+// Forgets that found host_lock held, for its holder to carry out. Never held across a blocking call.
+pthread_mutex_t noted_lock = PTHREAD_MUTEX_INITIALIZER;
+uint64_t* noted = nullptr;
+size_t notedCount = 0;
+size_t notedCapacity = 0;
 
 size_t page_size() {
     return static_cast<size_t>(sysconf(_SC_PAGESIZE));
@@ -249,12 +268,16 @@ void drop_watchdog(bool unmap) {
 // for this child to end too. Its copy of the watchdog's mapping is its own, and goes.
 void lock_for_fork() {
     pthread_mutex_lock(&host_lock);
+    pthread_mutex_lock(&noted_lock);
 }
 void unlock_after_fork() {
+    pthread_mutex_unlock(&noted_lock);
     pthread_mutex_unlock(&host_lock);
 }
 void forget_in_child() {
     drop_watchdog(true);
+    notedCount = 0; // they named the parent's watchdog
+    pthread_mutex_unlock(&noted_lock);
     pthread_mutex_unlock(&host_lock);
 }
 
@@ -271,7 +294,10 @@ pid_t clone_blocked(int (*main)(void*), void* stackTop, void* argument) {
     return pid;
 }
 
-// Makes the watchdog through an intermediate process: 0 or an errno.
+// Makes the watchdog through an intermediate process: 0, or the errno of a clone that failed, when no
+// watchdog runs on the mapping. When it can't be told whether the intermediate made one (it was killed
+// around its clone), it counts as made: the mapping stays, and a send that finds nobody at the other end
+// (EPIPE) drops it then, when no watchdog can run on it any more.
 int spawn_watchdog(char* mapping, size_t tableSize) {
     size_t page = page_size();
     void* intermediateStack = mmap(nullptr, kIntermediateStackSize, PROT_READ | PROT_WRITE,
@@ -282,16 +308,19 @@ int spawn_watchdog(char* mapping, size_t tableSize) {
         munmap(intermediateStack, kIntermediateStackSize);
         return err;
     }
-    IntermediateStart start = {mapping + tableSize + page + kStackSize, mapping};
+    IntermediateStart start = {mapping + tableSize + page + kStackSize, mapping, kCloneUnknown};
     pid_t pid = clone_blocked(intermediate_main,
                               static_cast<char*>(intermediateStack) + kIntermediateStackSize, &start);
-    int err = pid == -1 ? errno : 0;
-    int status = 0;
-    if (pid != -1 && retry_on_eintr([&] { return waitpid(pid, &status, 0); }) == -1) err = errno;
-    if (err == 0 && !(WIFEXITED(status) && WEXITSTATUS(status) == 0))
-        err = WIFEXITED(status) ? WEXITSTATUS(status) : ECHILD;
-    munmap(intermediateStack, kIntermediateStackSize); // the intermediate process has ended (or never ran)
-    return err;
+    if (pid == -1) {
+        int err = errno;
+        munmap(intermediateStack, kIntermediateStackSize); // it never ran
+        return err;
+    }
+    // ECHILD: SIGCHLD is ignored, or another thread reaped it; either way it has ended.
+    bool ended = retry_on_eintr([&] { return waitpid(pid, nullptr, 0); }) == pid || errno == ECHILD;
+    if (ended) munmap(intermediateStack, kIntermediateStackSize); // else left, as it might still run on it
+    int cloneErr = __atomic_load_n(&start.cloneErr, __ATOMIC_ACQUIRE);
+    return cloneErr > 0 ? cloneErr : 0;
 }
 
 // A watchdog for this process: 0 or an errno.
@@ -305,7 +334,8 @@ int start_watchdog() {
     if (slots == nullptr || freed == nullptr) return ENOMEM;
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) return errno;
-    UniqueFd hostEnd(ends[0]), watchdogEnd(ends[1]);
+    UniqueFd hostEnd(move_above_standard(ends[0])), watchdogEnd(move_above_standard(ends[1]));
+    if (hostEnd.get() < 0 || watchdogEnd.get() < 0) return errno;
     timeval timeout = {kSendTimeoutSeconds, 0};
     if (setsockopt(hostEnd.get(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout) != 0) return errno;
 
@@ -319,7 +349,7 @@ int start_watchdog() {
     start->capacity = slotCount;
     int err = spawn_watchdog(static_cast<char*>(mapping), tableSize);
     if (err != 0) {
-        munmap(mapping, mappingSize); // no watchdog runs on it
+        munmap(mapping, mappingSize); // its clone failed: no watchdog runs on it
         return err;
     }
     host.socket = hostEnd.release();
@@ -340,8 +370,8 @@ bool watchdog_gone(int err) {
     return err == EPIPE || err == ECONNRESET || err == ECONNREFUSED || err == ENOTCONN;
 }
 
-// 0 or the errno of the send.
-int send_message(const Message& message, int fd) {
+// 0 or the errno of the send; `flags` beside MSG_NOSIGNAL.
+int send_message(const Message& message, int fd, int flags = 0) {
     iovec part = {const_cast<Message*>(&message), sizeof message};
     msghdr header = {};
     header.msg_iov = &part;
@@ -355,7 +385,7 @@ int send_message(const Message& message, int fd) {
         control.header.cmsg_len = CMSG_LEN(sizeof(int));
         memcpy(CMSG_DATA(&control.header), &fd, sizeof fd);
     }
-    ssize_t sent = retry_on_eintr([&] { return sendmsg(host.socket, &header, MSG_NOSIGNAL); });
+    ssize_t sent = retry_on_eintr([&] { return sendmsg(host.socket, &header, MSG_NOSIGNAL | flags); });
     return sent == static_cast<ssize_t>(sizeof message) ? 0 : sent < 0 ? errno : EIO;
 }
 
@@ -396,6 +426,50 @@ uint64_t register_once(Kind kind, int fd, int* err) {
     return 0;
 }
 
+// Takes a registration back, under host_lock: its slot is free at once; the watchdog is told if its queue has
+// room (see the top of this file).
+void forget_held(uint64_t token) {
+    auto slot = static_cast<unsigned>(token & ((1u << kSlotBits) - 1));
+    auto generation = static_cast<uint32_t>(token >> kSlotBits);
+    auto epoch = static_cast<uint16_t>(token >> (kSlotBits + kGenerationBits));
+    if (host.socket >= 0 && host.owner == getpid() && epoch == host.epoch && slot < host.fresh &&
+        host.slots[slot].used && host.slots[slot].generation == generation) {
+        give_back(slot);
+        // EAGAIN: dropped; a watchdog that is gone has nothing to forget.
+        send_message({kForget, 0, slot, generation}, -1, MSG_DONTWAIT);
+    }
+}
+
+// Notes a forget for the holder of host_lock: false when memory ran out.
+bool note_forget(uint64_t token) {
+    pthread_mutex_lock(&noted_lock);
+    bool room = notedCount < notedCapacity;
+    if (!room) {
+        size_t bigger = notedCapacity == 0 ? 64 : notedCapacity * 2;
+        auto* grown = static_cast<uint64_t*>(realloc(noted, bigger * sizeof(uint64_t)));
+        if (grown != nullptr) {
+            noted = grown;
+            notedCapacity = bigger;
+            room = true;
+        }
+    }
+    if (room) noted[notedCount++] = token;
+    pthread_mutex_unlock(&noted_lock);
+    return room;
+}
+
+// Carries out the noted forgets and lets go of host_lock.
+void unlock_host() {
+    for (;;) {
+        pthread_mutex_lock(&noted_lock);
+        uint64_t token = notedCount > 0 ? noted[--notedCount] : 0;
+        pthread_mutex_unlock(&noted_lock);
+        if (token == 0) break;
+        forget_held(token);
+    }
+    pthread_mutex_unlock(&host_lock);
+}
+
 uint64_t register_descriptor(Kind kind, int fd) {
     if (fd < 0) {
         errno = EBADF;
@@ -417,7 +491,7 @@ uint64_t register_descriptor(Kind kind, int fd) {
         else if (token == 0)
             break;
     }
-    pthread_mutex_unlock(&host_lock);
+    unlock_host();
     if (token == 0) errno = err;
     return token;
 }
@@ -432,14 +506,16 @@ uint64_t watchdog_register_process(int pidfd) {
 }
 
 void watchdog_forget(uint64_t token) {
-    auto slot = static_cast<unsigned>(token & ((1u << kSlotBits) - 1));
-    auto generation = static_cast<uint32_t>(token >> kSlotBits);
-    auto epoch = static_cast<uint16_t>(token >> (kSlotBits + kGenerationBits));
-    pthread_mutex_lock(&host_lock);
-    if (host.socket >= 0 && host.owner == getpid() && epoch == host.epoch && slot < host.fresh &&
-        host.slots[slot].used && host.slots[slot].generation == generation) {
-        give_back(slot);
-        send_message({kForget, 0, slot, generation}, -1); // a watchdog that is gone has nothing to forget
+    if (token == 0) return;
+    if (pthread_mutex_trylock(&host_lock) != 0) {
+        // A registration holds it, perhaps waiting for room: it carries this out before it lets go. Should
+        // it have looked just before, the lock is tried once more; else the next holder does it.
+        if (note_forget(token)) {
+            if (pthread_mutex_trylock(&host_lock) == 0) unlock_host();
+            return;
+        }
+        pthread_mutex_lock(&host_lock); // no memory to note it: the one case that waits
     }
-    pthread_mutex_unlock(&host_lock);
+    forget_held(token);
+    unlock_host();
 }

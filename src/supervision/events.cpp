@@ -362,12 +362,13 @@ void watch_member(TreeWatch* watch, int pid) {
     }
 }
 
-// Registers what wakes the tree now (a copy of the descriptor, the set's own, so that the tree may close its
-// own at any time), or marks it due when it is empty. The caller holds the lock.
+// Registers what wakes the tree now (a descriptor that is the set's own: a cgroup tree's open file of its
+// cgroup.events, which no other reader shares, so none takes its notification), or marks it due when it is
+// empty. The caller holds the lock.
 void arm_tree(TreeWatch* watch) {
     bool priority = false;
     int waker = tree_waker(watch->token, &priority);
-    int fd = waker >= 0 ? fcntl(waker, F_DUPFD_CLOEXEC, 3) : -1;
+    int fd = waker >= 0 ? waker : -1;
     if (fd >= 0 && add_to_set(fd, static_cast<uint64_t>(watch->token), priority ? EPOLLPRI : EPOLLIN)) {
         watch->fd = fd;
         if (priority && watch->memberFd < 0) watch_member(watch, 0);

@@ -16,11 +16,11 @@ struct Tree {
     TreeKind kind = TreeKind::ProcessGroup;
     int root = 0;            // the root's PID, which numbers the process group of a process-group tree
     uint64_t watchdogToken = 0;
-    bool empty = false;      // seen empty: the groups are removed, the figures final
+    bool empty = false;      // seen empty: the groups are removed (or due to be), the figures final
+    bool removalDue = false; // empty, its groups to be removed by the last call in progress
     bool released = false;   // nobody follows it any more
     unsigned users = 0;      // calls in progress, under the lock
     TreeUsage usage = {false, -1};
-    UniqueFd member;         // process-group tree: the pidfd of the member watched
 };
 
 namespace {
@@ -46,6 +46,12 @@ class TreeRef : NoCopy {
     ~TreeRef() {
         if (tree_ == nullptr) return;
         pthread_mutex_lock(&lock);
+        if (tree_->users == 1 && tree_->removalDue) { // the last call that might use the groups: they go
+            tree_->removalDue = false;
+            pthread_mutex_unlock(&lock);
+            remove_tree_group(&tree_->group); // a leftover that can't go now is taken by the next process's sweep
+            pthread_mutex_lock(&lock);
+        }
         bool last = --tree_->users == 0 && tree_->released && tree_->empty;
         if (last) trees.erase(static_cast<uint64_t>(token_));
         pthread_mutex_unlock(&lock);
@@ -60,45 +66,82 @@ class TreeRef : NoCopy {
     int64_t token_;
 };
 
-bool lives(Tree* tree) {
+// Whether the tree has been settled: empty, its groups removed or being removed, its figures final.
+bool ended(Tree* tree) {
     pthread_mutex_lock(&lock);
     bool empty = tree->empty;
     pthread_mutex_unlock(&lock);
-    if (empty) return false;
+    return empty;
+}
+
+// Whether a member may live: what can't be told (a /proc that can't be read, a cgroup.events that can't)
+// counts as a member.
+bool lives(Tree* tree) {
+    if (ended(tree)) return false;
     if (tree->kind == TreeKind::ProcessGroup) return live_member_of(tree->root) != 0;
     bool populated = true;
     return tree_group_populated(tree->group, &populated) != 0 || populated;
 }
 
 // Looks whether the tree is empty; the first time it is, its figures are taken and its groups removed. Only
-// the event set's thread settles a tree, so that its watch of the groups is never left behind them. The
-// caller holds a reference.
+// the event set's thread settles a tree, so that its watch of the groups is never left behind them. A kill,
+// signal or look that is in progress keeps the groups until it ends (the last call removes them): a time
+// limit's kill that races the program's exit acts on an empty group, not on a removed one. Calls that come
+// later see the tree ended and leave the groups alone. The caller holds one reference.
 bool settle(Tree* tree) {
-    pthread_mutex_lock(&lock);
-    bool empty = tree->empty;
-    pthread_mutex_unlock(&lock);
-    if (empty) return true;
+    if (ended(tree)) return true;
     if (lives(tree)) return false;
     TreeUsage usage = tree_group_usage(tree->group);
-    remove_tree_group(&tree->group); // a leftover that can't go now is taken by the next process's sweep
     pthread_mutex_lock(&lock);
     bool first = !tree->empty;
     tree->empty = true;
     if (first) tree->usage = usage;
+    bool removeNow = first && tree->users == 1;
+    if (first && !removeNow) tree->removalDue = true;
     pthread_mutex_unlock(&lock);
-    if (first && tree->watchdogToken != 0) watchdog_forget(tree->watchdogToken);
+    if (!first) return true;
+    if (removeNow) remove_tree_group(&tree->group); // a leftover that can't go now: the next process's sweep
+    if (tree->watchdogToken != 0) watchdog_forget(tree->watchdogToken);
     return true;
+}
+
+// The outcome of a kill or signal: its groups gone (ENOENT, ENODEV) because the tree ended meanwhile is no
+// failure (they are kept while a call is in progress, but a removal from outside is no failure either).
+int unless_ended(Tree* tree, int err) {
+    return (err == ENOENT || err == ENODEV) && ended(tree) ? 0 : err;
+}
+
+// A descriptor of the caller's own that wakes when the tree may have emptied, or -1 when it is empty (then
+// settled), or kLookLater.
+int cgroup_waker(Tree* tree) {
+    bool populated = true;
+    int fd = watch_tree_group(tree->group, &populated); // read once, after which a change wakes it
+    if (fd >= 0 && populated) return fd;
+    if (fd >= 0) close(fd);
+    return settle(tree) ? -1 : kLookLater; // EMFILE and the like: looked at again later
+}
+
+int process_group_waker(Tree* tree) {
+    // A member at a time: when the one watched ends, another is looked for, until none is left.
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        int member = live_member_of(tree->root);
+        if (member < 0) return kLookLater; // /proc can't be read whole now
+        if (member == 0) break;
+        UniqueFd pidfd(move_above_standard(quillon_pidfd_open(member)));
+        if (pidfd.get() >= 0 && in_process_group(member, tree->root)) return pidfd.release();
+        if (pidfd.get() < 0 && errno != ESRCH) return settle(tree) ? -1 : kLookLater; // no pidfd to be had
+    }
+    return settle(tree) ? -1 : kLookLater;
 }
 } // namespace
 
-Tree* new_tree(const TreeLimits& limits, int* err, const char** missing) {
+Tree* new_tree(const TreeLimits& limits, int* err, const char** missing, const CgroupPlaces* places) {
     void* block = calloc(1, sizeof(Tree));
     if (block == nullptr) {
         *err = ENOMEM;
         return nullptr;
     }
     auto* tree = new (block) Tree{};
-    const CgroupPlaces* places = cgroup_places();
     bool limited = limits.memoryBytes >= 0 || limits.processes >= 0;
     *err = 0;
     if (places == nullptr && limited) {
@@ -154,29 +197,31 @@ int tree_kill(int64_t token) {
     TreeRef tree(token);
     if (!tree) return ESRCH;
     if (!lives(tree.get())) return 0;
-    if (tree->kind == TreeKind::ProcessGroup) return kill_process_group(tree->root) || errno == ESRCH ? 0 : errno;
-    return kill_tree_group(tree->group);
+    if (tree->kind == TreeKind::ProcessGroup) return signal_process_group(tree->root, SIGKILL);
+    return unless_ended(tree.get(), kill_tree_group(tree->group));
 }
 
 int tree_signal(int64_t token, int signal) {
     TreeRef tree(token);
     if (!tree) return ESRCH;
     if (!lives(tree.get())) return 0;
-    if (tree->kind == TreeKind::ProcessGroup)
-        return signal_process_group(tree->root, signal) || errno == ESRCH ? 0 : errno;
-    return signal_tree_group(tree->group, signal);
+    if (tree->kind == TreeKind::ProcessGroup) return signal_process_group(tree->root, signal);
+    return unless_ended(tree.get(), signal_tree_group(tree->group, signal));
 }
 
 bool tree_empty(int64_t token, TreeUsage* usage) {
     TreeRef tree(token);
     if (!tree) return true;
+    if (!ended(tree.get())) {
+        // The figures so far; the groups stay until the event set settles the tree.
+        *usage = tree_group_usage(tree->group);
+        if (lives(tree.get())) return false;
+    }
+    // Settled, maybe meanwhile (its groups then gone while they were read): the final figures.
     pthread_mutex_lock(&lock);
-    bool settled = tree->empty;
-    *usage = tree->usage;
+    if (tree->empty) *usage = tree->usage;
     pthread_mutex_unlock(&lock);
-    if (settled) return true;
-    *usage = tree_group_usage(tree->group); // the figures so far; the groups stay until the event set settles
-    return !lives(tree.get());
+    return true;
 }
 
 void release_tree(int64_t token) {
@@ -191,30 +236,14 @@ void release_tree(int64_t token) {
 
 int tree_waker(int64_t token, bool* priority) {
     TreeRef tree(token);
-    if (!tree || settle(tree.get())) return -1;
+    if (!tree || ended(tree.get())) return -1;
     *priority = tree->kind == TreeKind::Cgroup;
-    if (tree->kind == TreeKind::Cgroup) return tree->group.events.get();
-    // A member at a time: when the one watched ends, another is looked for, until none is left.
-    for (int attempt = 0; attempt < 100; ++attempt) {
-        int member = live_member_of(tree->root);
-        if (member == 0) break;
-        tree->member.reset(quillon_pidfd_open(member));
-        if (tree->member.get() >= 0 && in_process_group(member, tree->root)) return tree->member.get();
-        if (tree->member.get() < 0 && errno != ESRCH) break; // no pidfds here: to be looked at now and then
-    }
-    tree->member.reset();
-    return settle(tree.get()) ? -1 : kLookLater;
+    return tree->kind == TreeKind::Cgroup ? cgroup_waker(tree.get()) : process_group_waker(tree.get());
 }
 
 int tree_member(int64_t token) {
     TreeRef tree(token);
-    if (!tree || tree->kind != TreeKind::Cgroup || tree->group.unified.get() < 0) return 0;
-    UniqueFd procs(openat(tree->group.unified.get(), "cgroup.procs", O_RDONLY | O_CLOEXEC));
-    char text[32];
-    ssize_t got = procs.get() >= 0 ? retry_on_eintr([&] { return read(procs.get(), text, sizeof text - 1); }) : -1;
-    if (got <= 0) return 0;
-    text[got] = 0;
-    return atoi(text);
+    return tree && tree->kind == TreeKind::Cgroup ? tree_group_member(tree->group) : 0;
 }
 
 bool tree_settle(int64_t token, bool* released) {

@@ -3,6 +3,8 @@
 // case makes is removed by the case, also when it fails.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -10,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <mutex>
 #include <poll.h>
 #include <sstream>
 #include <sys/prctl.h>
@@ -24,6 +27,7 @@
 #include "containment/containment.h"
 #include "support/child.h"
 #include "support/named_case.h"
+#include "support/seams.h"
 
 namespace fs = std::filesystem;
 
@@ -468,6 +472,21 @@ TEST(TreeGroup, ProcessLimitStopsAForkLoop) {
     EXPECT_EQ(outcome.report, "forks=9 then " + std::string(strerror(EAGAIN))) << outcome.err;
 }
 
+// A process that joins the group at `path` (its cgroup.procs) and waits to be killed; 0 when it couldn't.
+pid_t member_at(const std::string& path) {
+    pid_t member = fork();
+    if (member == 0) {
+        write_file(path + "/cgroup.procs", "0");
+        pause();
+        _exit(0);
+    }
+    for (int i = 0; i < 200 && ReadFile(path + "/cgroup.procs").empty(); ++i)
+        usleep(10000);
+    return ReadFile(path + "/cgroup.procs").empty() ? 0 : member;
+}
+
+// Leftovers of ended processes go, with the groups their members made below them, unless a process lives
+// anywhere in them; then they stay whole.
 TEST(TreeGroup, StaleGroupsOfEndedProcessesGo) {
     RealGroup real;
     MAKE_OR_SKIP(real);
@@ -477,33 +496,140 @@ TEST(TreeGroup, StaleGroupsOfEndedProcessesGo) {
     std::string place = real.places().unified, dead = std::to_string(ended), own = std::to_string(getpid());
     struct Leftover {
         std::string name;
+        std::vector<std::string> below; // groups its members made, parents first
+        const char* busy;               // where a process lives: "" none, "." the group itself
         bool goes;
     };
-    std::vector<Leftover> leftovers = {{"quillon-" + dead + "-7", true},
-                                       {"quillon-" + dead + "-8", false}, // holds a process
-                                       {"quillon-" + own + "-99999", false},
-                                       {"quillon-" + dead + "-7x", false},
-                                       {"quillon-" + dead, false}};
-    for (const Leftover& leftover : leftovers)
+    std::vector<Leftover> leftovers = {{"quillon-" + dead + "-7", {}, "", true},
+                                       {"quillon-" + dead + "-8", {}, ".", false},
+                                       {"quillon-" + dead + "-9", {"made", "made/deeper", "spare"}, "", true},
+                                       {"quillon-" + dead + "-10", {"made", "spare"}, "made", false},
+                                       {"quillon-" + own + "-99999", {}, "", false},
+                                       {"quillon-" + dead + "-7x", {}, "", false},
+                                       {"quillon-" + dead, {}, "", false}};
+    std::vector<pid_t> members;
+    for (const Leftover& leftover : leftovers) {
         ASSERT_TRUE(fs::create_directory(place + "/" + leftover.name)) << leftover.name;
-    std::string busy = place + "/" + leftovers[1].name + "/cgroup.procs";
-    pid_t member = fork();
-    if (member == 0) {
-        write_file(busy, "0");
-        pause();
-        _exit(0);
+        for (const std::string& below : leftover.below)
+            ASSERT_TRUE(fs::create_directory(place + "/" + leftover.name + "/" + below)) << below;
+        if (*leftover.busy != 0) members.push_back(member_at(place + "/" + leftover.name + "/" + leftover.busy));
     }
-    for (int i = 0; i < 200 && ReadFile(busy).empty(); ++i)
-        usleep(10000);
     remove_stale_groups(real.places());
     std::string report;
-    for (const Leftover& leftover : leftovers)
-        if (fs::exists(place + "/" + leftover.name) == leftover.goes) report += " " + leftover.name;
+    for (const Leftover& leftover : leftovers) {
+        std::string path = place + "/" + leftover.name;
+        if (fs::exists(path) == leftover.goes) report += " " + leftover.name;
+        for (const std::string& below : leftover.below)
+            if (!leftover.goes && !fs::exists(path + "/" + below)) report += " " + leftover.name + "/" + below;
+    }
+    for (pid_t member : members) {
+        if (member > 0) kill(member, SIGKILL);
+        waitpid(member, nullptr, 0);
+    }
+    for (const Leftover& leftover : leftovers) {
+        for (auto below = leftover.below.rbegin(); below != leftover.below.rend(); ++below)
+            rmdir((place + "/" + leftover.name + "/" + *below).c_str());
+        rmdir((place + "/" + leftover.name).c_str());
+    }
+    EXPECT_EQ(std::count(members.begin(), members.end(), 0), 0) << "a member couldn't join its group";
+    EXPECT_EQ(report, "") << "wrongly kept or removed";
+}
+
+// Groups a member made below the tree's (the tree's group belongs to this process's user, so a member may)
+// go with the tree once it is empty, and not while a process lives in one of them.
+TEST(TreeGroup, RemovalTakesTheGroupsMembersMadeOnceNoneRuns) {
+    RealGroup real;
+    MAKE_OR_SKIP(real);
+    for (const char* below : {"made", "made/deeper", "spare"})
+        ASSERT_TRUE(fs::create_directory(real.path() + "/" + below)) << below;
+    pid_t member = member_at(real.path() + "/made/deeper");
+    ASSERT_GT(member, 0);
+    EXPECT_EQ(tree_group_member(real.group), member) << "a member in a group below is a member";
+    bool populated = false;
+    EXPECT_EQ(tree_group_populated(real.group, &populated), 0);
+    EXPECT_TRUE(populated);
+    EXPECT_EQ(remove_tree_group(&real.group), EBUSY);
+    std::string kept;
+    for (const char* below : {"", "/made", "/made/deeper", "/spare"})
+        if (!fs::exists(real.path() + below)) kept += std::string(" removed:") + below;
+    EXPECT_EQ(kept, "") << "removed while a member lives below";
     kill(member, SIGKILL);
     waitpid(member, nullptr, 0);
-    for (const Leftover& leftover : leftovers)
-        rmdir((place + "/" + leftover.name).c_str());
-    EXPECT_EQ(report, "") << "wrongly kept or removed";
+    ASSERT_TRUE(empties_within(real.group, 2000));
+    EXPECT_EQ(remove_tree_group(&real.group), 0);
+    EXPECT_FALSE(fs::exists(real.path()));
+}
+
+// Two signals to one tree at once: each goes out with the group frozen, neither thaws it under the other
+// (which would leave the other waiting for a freeze that never comes), and the group ends thawed.
+TEST(TreeGroup, SignalsAtOnceEachFreezeAndThaw) {
+    RealGroup real;
+    MAKE_OR_SKIP(real);
+    ChildOutcome outcome = RunInChild(
+        [&] {
+            prctl(PR_SET_CHILD_SUBREAPER, 1);
+            pid_t member = start({"/bin/sleep", "60"}, &real.group);
+            bool populated = false;
+            for (int i = 0; i < 200 && !populated; ++i)
+                if (tree_group_populated(real.group, &populated) != 0 || !populated) usleep(10000);
+            std::atomic<int> failed{0};
+            auto signaller = [&] {
+                for (int i = 0; i < 25 && failed == 0; ++i)
+                    if (int err = signal_tree_group(real.group, SIGWINCH); err != 0) failed = err;
+            };
+            std::thread first(signaller), second(signaller);
+            first.join();
+            second.join();
+            std::string freeze = ReadFile(real.path() + "/cgroup.freeze");
+            std::string report = failed != 0 ? strerror(failed) : freeze != "0\n" ? "left frozen" : "ok";
+            if (!lives(member)) report += ", the member ended";
+            return finish(report, {member});
+        },
+        60);
+    EXPECT_EQ(outcome.report, "ok") << outcome.err;
+}
+
+// A process started with a standard descriptor closed: what the library opens for containment (a group's
+// directories and control files, a watcher's cgroup.events, the watchdog's socket) never takes 0, 1 or 2,
+// where the process's next write to that stream would land.
+TEST(TreeGroup, DescriptorsNeverTakeAStandardOnesPlace) {
+    if (geteuid() != 0 || cgroup_places() == nullptr || cgroup_places()->unified[0] == 0)
+        GTEST_SKIP() << "needs root and a writable cgroup v2 hierarchy";
+    const CgroupPlaces& places = *cgroup_places();
+    TreeLimits limits; // the v1 groups' cgroup.procs too, where this host has them
+    if (places.memory[0] != 0) limits.memoryBytes = 64 << 20;
+    if (places.pids[0] != 0) limits.processes = 100;
+    ChildOutcome outcome = RunInChild([&] {
+        for (int fd = 0; fd <= 2; ++fd)
+            close(fd);
+        TreeGroup group;
+        const char* missing = nullptr;
+        if (int err = make_tree_group(places, limits, &group, &missing); err != 0)
+            return std::string("make_tree_group: ") + strerror(err);
+        std::string low;
+        auto check = [&](const char* what, int fd) {
+            if (fd >= 0 && fd <= 2) low += std::string(" ") + what + "=" + std::to_string(fd);
+        };
+        check("unified", group.unified.get());
+        check("events", group.events.get());
+        check("killFile", group.killFile.get());
+        check("join0", group.joins[0].get());
+        check("join1", group.joins[1].get());
+        check("memoryV1", group.memoryV1.get());
+        for (const UniqueFd& owner : group.owners)
+            check("owner", owner.get());
+        bool populated = true;
+        UniqueFd watcher(watch_tree_group(group, &populated));
+        check("watcher", watcher.get());
+        uint64_t token = watchdog_register_group(group.killFile.get());
+        if (token == 0) low += " registration failed";
+        for (int fd = 0; fd <= 2; ++fd)
+            if (fcntl(fd, F_GETFD) != -1) low += " open:" + std::to_string(fd); // the watchdog's socket
+        watchdog_forget(token);
+        remove_tree_group(&group);
+        return low.empty() ? std::string("none") : low;
+    });
+    EXPECT_EQ(outcome.report, "none") << outcome.err;
 }
 
 // ---- The watchdog. Each case runs a host below a subreaper child of the test: the host registers, tells
@@ -713,5 +839,99 @@ TEST(Watchdog, HoldsOneRegistrationPerDescriptorItMayOpen) {
     // The watchdog's socket takes one of the descriptors the limit allows.
     EXPECT_EQ(with_host(host, check),
               std::to_string(kLimit - 1) + " " + strerror(ENOSPC) + " again=1 full=1 ok");
+}
+// How the watchdog is made when the host's setup differs: with SIGCHLD ignored (its intermediate process's
+// status can't be collected), and when the intermediate's clone fails.
+struct MakingCase {
+    const char* name;
+    std::function<void()> before; // in the host, before the first registration
+    bool firstFails;              // the first registration fails with EAGAIN, the next one succeeds
+};
+
+class WatchdogMaking : public testing::TestWithParam<MakingCase> {};
+
+TEST_P(WatchdogMaking, KillsWhatWasRegisteredAtTheHostsEnd) {
+    const MakingCase& c = GetParam();
+    auto host = [&] {
+        pid_t registered = sleeper();
+        c.before();
+        std::string said;
+        if (c.firstFails) {
+            bool failed = register_pid(registered) == 0 && errno == EAGAIN;
+            seams::clone = {};
+            said += failed ? "failed " : "made ";
+        }
+        bool ok = register_pid(registered) != 0;
+        int err = errno;
+        return pid_line({registered}) + said + (ok ? "registered" : std::string("failed: ") + strerror(err));
+    };
+    auto check = [&](pid_t host, const std::vector<int>& pids, const std::string& said) {
+        return said + " " + (pids.size() == 1 ? kill_and_expect(host, pids) : "no process");
+    };
+    EXPECT_EQ(with_host(host, check), std::string(c.firstFails ? "failed " : "") + "registered ok");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Watchdog, WatchdogMaking,
+    testing::Values(MakingCase{"sigchldIgnored", [] { signal(SIGCHLD, SIG_IGN); }, false},
+                    // The second clone is the intermediate's, of the watchdog itself.
+                    MakingCase{"intermediateCloneFails", [] { seams::clone = {2, EAGAIN}; }, true},
+                    MakingCase{"intermediateCloneFailsSigchldIgnored",
+                               [] {
+                                   signal(SIGCHLD, SIG_IGN);
+                                   seams::clone = {2, EAGAIN};
+                               },
+                               true}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// A forget is made when a process or tree has ended, under the event thread's lock: it never waits, not for
+// a stopped watchdog's full queue, not for a registration that holds the host's state while it waits for
+// room. A registration still waits its bounded time and fails with EAGAIN.
+TEST(Watchdog, ForgetsNeverWaitForAStoppedWatchdog) {
+    if (syscall(SYS_kcmp, getpid(), getpid(), 1, 0, 0) != 0) GTEST_SKIP() << "no kcmp to find the watchdog";
+    auto host = [&] {
+        pid_t kept = sleeper();
+        int pidfd = open_pidfd(kept);
+        uint64_t first = watchdog_register_process(pidfd);
+        pid_t watchdog = first != 0 ? await_own_watchdog() : 0;
+        if (watchdog == 0) return pid_line({kept}) + "no watchdog";
+        kill(watchdog, SIGSTOP);
+        std::mutex guard;
+        std::vector<uint64_t> tokens;
+        int refused = 0;
+        std::thread filler([&] { // registers until the queue is full, then waits for room in vain
+            for (uint64_t token; (token = watchdog_register_process(pidfd)) != 0;) {
+                std::lock_guard<std::mutex> hold(guard);
+                tokens.push_back(token);
+            }
+            refused = errno;
+        });
+        auto count = [&] {
+            std::lock_guard<std::mutex> hold(guard);
+            return tokens.size();
+        };
+        for (size_t before = 0, now; (now = count()) == 0 || now != before; before = now) // until it waits
+            usleep(200000);
+        std::vector<uint64_t> forgotten;
+        {
+            std::lock_guard<std::mutex> hold(guard);
+            forgotten = tokens;
+        }
+        forgotten.push_back(first);
+        auto began = std::chrono::steady_clock::now();
+        for (uint64_t token : forgotten)
+            watchdog_forget(token);
+        auto took = std::chrono::steady_clock::now() - began;
+        filler.join();
+        kill(watchdog, SIGCONT);
+        bool again = watchdog_register_process(pidfd) != 0;
+        return pid_line({kept}) + "forgot " + std::to_string(forgotten.size() > 10) + " at once " +
+               std::to_string(took < std::chrono::seconds(1)) + ", then " + strerror(refused) +
+               ", again " + std::to_string(again);
+    };
+    auto check = [&](pid_t host, const std::vector<int>& pids, const std::string& said) {
+        return said + " " + (pids.size() == 1 ? kill_and_expect(host, pids) : "no process");
+    };
+    EXPECT_EQ(with_host(host, check), "forgot 1 at once 1, then " + std::string(strerror(EAGAIN)) + ", again 1 ok");
 }
 } // namespace
