@@ -8,6 +8,7 @@
 #include <ctime>
 #include <dirent.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include "quillon/result_codes.h"
@@ -64,6 +65,18 @@ int read_stat(int pid, Stat* stat) {
     bool parsed = afterName != nullptr &&
                   sscanf(afterName + 1, " %c %d %d", &stat->state, &stat->parent, &stat->group) == 3;
     return parsed ? 0 : ESRCH; // empty: it ended as it was read
+}
+
+// Whether the entry's process has ended (a zombie, or gone): its pidfd tells it for this very process, the
+// PID only while the process holds it.
+bool has_ended(ProcessEntry* entry, int pid) {
+    if (entry_pidfd(entry) >= 0) {
+        pollfd ended = {entry_pidfd(entry), POLLIN, 0};
+        return retry_on_eintr([&] { return poll(&ended, 1, 0); }) == 1;
+    }
+    Stat stat;
+    int err = read_stat(pid, &stat);
+    return err == ESRCH || (err == 0 && stat.state == 'Z');
 }
 
 // Whether a kill of the tree of `root` would reach the calling process: root is the caller or one of its
@@ -165,6 +178,13 @@ int kill_tree(UnixProcessData* data, int* sysErr) {
     if (err != 0) {
         *sysErr = err;
         return err == EPERM ? PROC_ACCESS_DENIED : PROC_SYSTEM_ERR;
+    }
+    // A stopped root can't end while it is searched. One that had ended already (a zombie takes the signal)
+    // has passed its children on, and may be collected and its PID given to another process meanwhile: only
+    // what is left of the group it led is told apart still (a group's ID is not given out while it has members).
+    if (has_ended(entry_of(data), root)) {
+        if (leader) kill(-root, SIGKILL);
+        return PROC_SUCCESS;
     }
     if (leader) kill(-root, SIGSTOP);
     Pids tree;

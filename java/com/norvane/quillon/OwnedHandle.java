@@ -6,7 +6,6 @@ import com.norvane.quillon.process.exception.ProcessOpException;
 import java.io.IOException;
 import java.io.UncheckedIOException;
 import java.util.concurrent.CompletableFuture;
-import java.util.concurrent.locks.ReentrantReadWriteLock;
 
 /**
  * The native handle of one {@link NativeProcess}, given back with {@code done} exactly once, its pipes, and
@@ -42,11 +41,6 @@ final class OwnedHandle implements Runnable, EventLoop.Target {
     /** The contained tree of the process, or null. */
     final ContainedTree tree;
 
-    /**
-     * Looks that may collect a child's end hold it shared; a tree kill holds it alone, so that the PID it
-     * walks /proc for can't be collected and given to another process meanwhile.
-     */
-    private final ReentrantReadWriteLock collection = new ReentrantReadWriteLock();
     private int users;              // native calls in progress, and the watch
     private int waiters;            // waits in progress
     private boolean watched;        // the watcher reports the end; counts as a use
@@ -211,12 +205,7 @@ final class OwnedHandle implements Runnable, EventLoop.Target {
 
     /** Waits natively for up to {@code millis}, collecting a child's end; the caller holds a use. */
     private boolean look(long millis) throws ProcessOpException {
-        collection.readLock().lock();
-        try {
-            return NativeProcessGlue.get().waitFor(handle, millis) && recordEnd();
-        } finally {
-            collection.readLock().unlock();
-        }
+        return NativeProcessGlue.get().waitFor(handle, millis) && recordEnd();
     }
 
     /** Reads the end of an ended process, once; its pipes go with it. The caller holds a use. */
@@ -253,19 +242,18 @@ final class OwnedHandle implements Runnable, EventLoop.Target {
 
     /**
      * Kills the process, its group and its descendants, unless it has ended: then its children have passed
-     * to init and its PID may name another process, whose children the native walk would take for its own.
+     * to init and its PID may name another process, whose children the native walk would take for its own
+     * (the walk itself stops the process first, and searches nothing when it turns out to have ended).
      */
     void killTree() throws ProcessOpException {
         if (!enter()) {
             return;
         }
-        collection.writeLock().lock();
         try {
             if (end == null && !look(0)) {
                 NativeProcessGlue.get().killTree(handle);
             }
         } finally {
-            collection.writeLock().unlock();
             leave();
         }
     }
