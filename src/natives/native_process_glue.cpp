@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <sys/resource.h>
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -206,6 +207,16 @@ void report_launch(JNIEnv* env, jlongArray launched, const LaunchOutcome& outcom
     env->SetLongArrayRegion(launched, 0, kLaunched, values);
 }
 
+// A killed tree that no watch follows: settled here once it is empty (within a second; the kill is one
+// write), so that its groups go. Nothing else settles it: the event set never learnt of it.
+void settle_unwatched(int64_t token) {
+    bool released = false;
+    for (int look = 0; look < 100 && !tree_settle(token, &released); ++look) {
+        timespec nap = {0, 10 * 1000 * 1000};
+        nanosleep(&nap, nullptr);
+    }
+}
+
 // A tree whose launch made a process is followed until it is empty, when its groups go; one whose launch
 // made none goes at once. Its token, 0 when it can't be followed (then a launch that succeeded is abandoned).
 int64_t follow_tree(Tree* tree, const LaunchOutcome& outcome, uint64_t groupToken) {
@@ -222,6 +233,7 @@ int64_t follow_tree(Tree* tree, const LaunchOutcome& outcome, uint64_t groupToke
     }
     if (watch_tree(token, outcome.pid) != PROC_SUCCESS) {
         tree_kill(token);
+        settle_unwatched(token);
         release_tree(token);
         return 0;
     }

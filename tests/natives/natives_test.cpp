@@ -1,9 +1,19 @@
 // Natives driven through a hand-made JNIEnv, where a failure of the heap can be caused at every point.
 #include <gtest/gtest.h>
 
+#include <dirent.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "com_norvane_quillon_process_NativeProcessGlue.h"
 #include "com_norvane_quillon_process_UnixProcessGlue.h"
 #include "com_norvane_quillon_process_linuxutil_ThreadUtil.h"
+#include "containment/containment.h"
+#include "supervision/events.h"
 #include "supervision/supervision_internal.h"
+#include "supervision/trees.h"
 #include "support/fake_jni.h"
 #include "support/seams.h"
 
@@ -40,6 +50,93 @@ TEST(CreateNative, AnyFailedAllocationGivesOutOfMemory) {
         ASSERT_EQ(unix_WaitForProcessTermination(record.get(), &sysErr), PROC_SUCCESS);
         EXPECT_EQ(record->exitCode, 4) << "the program ran with all its parts";
         retire_record(handle);
+        if (!faulted) break;
+    }
+}
+
+// How many entries of the directory begin with `prefix`; -1 when it can't be read.
+int entries_beginning(const char* directory, const std::string& prefix) {
+    DIR* listing = opendir(directory);
+    if (listing == nullptr) return -1;
+    int count = 0;
+    while (dirent* entry = readdir(listing))
+        count += std::string(entry->d_name).starts_with(prefix) ? 1 : 0;
+    closedir(listing);
+    return count;
+}
+
+// The groups of contained trees this process has made and not yet removed.
+int groups_left(const CgroupPlaces& places) {
+    std::string prefix = "quillon-" + std::to_string(getpid()) + "-";
+    int count = 0;
+    for (const char* place : {places.unified, places.memory, places.pids})
+        if (place[0] != 0) count += entries_beginning(place, prefix);
+    return count;
+}
+
+// Serves the event set (which settles trees that empty) until `done` holds or two seconds pass.
+template <typename Done> bool serve_until(Done done) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    while (!done() && std::chrono::steady_clock::now() < deadline) {
+        Event events[32];
+        await_events(events, 32, 20);
+    }
+    return done();
+}
+
+// A contained launch of `sh -c "exit 4"` with every limit this host can carry, failing the at-th allocation:
+// the handle, or 0.
+jlong launch_contained_failing_at(FakeJni& jni, const CgroupPlaces& places, int at, jlongArray launched) {
+    std::vector<jlong> settings(com_norvane_quillon_process_NativeProcessGlue_SETTINGS,
+                                com_norvane_quillon_process_NativeProcessGlue_UNSET);
+    settings[com_norvane_quillon_process_NativeProcessGlue_SETTING_FLAGS] =
+        com_norvane_quillon_process_NativeProcessGlue_FLAG_CONTAINED;
+    settings[com_norvane_quillon_process_NativeProcessGlue_SETTING_PROCESS_GROUP] =
+        com_norvane_quillon_process_NativeProcessGlue_GROUP_INHERIT;
+    if (places.memory[0] != 0) settings[com_norvane_quillon_process_NativeProcessGlue_SETTING_MEMORY_LIMIT] = 64 << 20;
+    if (places.pids[0] != 0) settings[com_norvane_quillon_process_NativeProcessGlue_SETTING_PROCESS_LIMIT] = 10;
+    jintArray modes = jni.ints({com_norvane_quillon_process_NativeProcessGlue_STD_NULL,
+                                com_norvane_quillon_process_NativeProcessGlue_STD_PIPE,
+                                com_norvane_quillon_process_NativeProcessGlue_STD_INHERIT});
+    seams::malloc = {at, ENOMEM};
+    return Java_com_norvane_quillon_process_NativeProcessGlue_launch(
+        jni.env(), nullptr, jni.string("/bin/sh"), jni.array({jni.string("-c"), jni.string("exit 4")}),
+        jni.array({}), nullptr, nullptr, modes, jni.array({nullptr, nullptr, nullptr}), nullptr, nullptr,
+        jni.longs(settings), jni.longs({}), launched);
+}
+
+// Every allocation of a contained launch failed in turn: each failure is reported, and neither a group, a
+// descriptor nor a tree is left behind, whether the program was made or not.
+TEST(LaunchNative, AContainedLaunchWithAnyFailedAllocationLeavesNothingBehind) {
+    const CgroupPlaces* places = cgroup_places();
+    if (places == nullptr || places->unified[0] == 0) GTEST_SKIP() << "needs a writable cgroup v2 hierarchy";
+    Event none[1];
+    await_events(none, 1, 0); // the event set, made once for the life of the process
+    int descriptors = entries_beginning("/proc/self/fd", "");
+    for (int at = 1;; ++at) {
+        FakeJni jni;
+        jlongArray launched = jni.longs(std::vector<jlong>(com_norvane_quillon_process_NativeProcessGlue_LAUNCHED));
+        jlong handle = launch_contained_failing_at(jni, *places, at, launched);
+        bool faulted = seams::malloc.at == 0;
+        seams::malloc = {};
+        std::vector<jlong> outcome = FakeJni::values(launched);
+        if (handle == 0) {
+            EXPECT_EQ(jni.thrown.size(), 1u) << "allocation " << at;
+        } else {
+            EXPECT_FALSE(faulted) << "allocation " << at << " failed, and the launch went ahead";
+            RecordRef record(handle);
+            int sysErr = 0;
+            ASSERT_EQ(unix_WaitForProcessTermination(record.get(), &sysErr), PROC_SUCCESS);
+            EXPECT_EQ(record->exitCode, 4);
+            close(static_cast<int>(outcome[com_norvane_quillon_process_NativeProcessGlue_LAUNCHED_PIPES + 1]));
+            int64_t tree = outcome[com_norvane_quillon_process_NativeProcessGlue_LAUNCHED_TREE];
+            TreeUsage usage;
+            EXPECT_TRUE(serve_until([&] { return tree_empty(tree, &usage); })) << "allocation " << at;
+            release_tree(tree);
+            retire_record(handle);
+        }
+        EXPECT_TRUE(serve_until([&] { return groups_left(*places) == 0; })) << "allocation " << at;
+        EXPECT_EQ(entries_beginning("/proc/self/fd", ""), descriptors) << "allocation " << at;
         if (!faulted) break;
     }
 }

@@ -1,5 +1,6 @@
 #include "support/fake_jni.h"
 
+#include <algorithm>
 #include <deque>
 
 namespace {
@@ -12,6 +13,12 @@ struct FakeBytes {
 struct FakeArray {
     std::vector<jobject> elements;
 };
+struct FakeInts {
+    std::vector<jint> values;
+};
+struct FakeLongs {
+    std::vector<jlong> values;
+};
 struct FakeClass {
     std::string name;
 };
@@ -20,6 +27,8 @@ FakeJni* current = nullptr;
 std::deque<FakeString> strings;
 std::deque<FakeBytes> byteArrays;
 std::deque<FakeArray> arrays;
+std::deque<FakeInts> intArrays;
+std::deque<FakeLongs> longArrays;
 std::deque<FakeClass> classes;
 
 // UTF-8 as the tests write it, into the UTF-16 units a Java string holds.
@@ -69,6 +78,10 @@ jsize JNICALL get_array_length(JNIEnv*, jarray a) {
     // Byte arrays and object arrays are told apart by where they live.
     for (auto& bytes : byteArrays)
         if (reinterpret_cast<jarray>(&bytes) == a) return static_cast<jsize>(bytes.raw.size());
+    for (auto& ints : intArrays)
+        if (reinterpret_cast<jarray>(&ints) == a) return static_cast<jsize>(ints.values.size());
+    for (auto& longs : longArrays)
+        if (reinterpret_cast<jarray>(&longs) == a) return static_cast<jsize>(longs.values.size());
     return static_cast<jsize>(reinterpret_cast<FakeArray*>(a)->elements.size());
 }
 jobject JNICALL get_object_array_element(JNIEnv*, jobjectArray a, jsize i) {
@@ -82,6 +95,17 @@ jbyte* JNICALL get_byte_array_elements(JNIEnv*, jbyteArray a, jboolean*) {
 }
 void JNICALL release_byte_array_elements(JNIEnv*, jbyteArray, jbyte*, jint) {
     --current->outstandingChars;
+}
+void JNICALL get_int_array_region(JNIEnv*, jintArray a, jsize start, jsize length, jint* out) {
+    auto& values = reinterpret_cast<FakeInts*>(a)->values;
+    std::copy_n(values.begin() + start, length, out);
+}
+void JNICALL get_long_array_region(JNIEnv*, jlongArray a, jsize start, jsize length, jlong* out) {
+    auto& values = reinterpret_cast<FakeLongs*>(a)->values;
+    std::copy_n(values.begin() + start, length, out);
+}
+void JNICALL set_long_array_region(JNIEnv*, jlongArray a, jsize start, jsize length, const jlong* in) {
+    std::copy_n(in, length, reinterpret_cast<FakeLongs*>(a)->values.begin() + start);
 }
 jbyteArray JNICALL new_byte_array(JNIEnv*, jsize length) {
     if (current->failNewArrays) return nullptr;
@@ -108,6 +132,9 @@ FakeJni::FakeJni() {
     table_.GetByteArrayElements = get_byte_array_elements;
     table_.ReleaseByteArrayElements = release_byte_array_elements;
     table_.NewByteArray = new_byte_array;
+    table_.GetIntArrayRegion = get_int_array_region;
+    table_.GetLongArrayRegion = get_long_array_region;
+    table_.SetLongArrayRegion = set_long_array_region;
     table_.SetByteArrayRegion = set_byte_array_region;
     env_.functions = &table_;
 }
@@ -117,6 +144,8 @@ FakeJni::~FakeJni() {
     strings.clear();
     byteArrays.clear();
     arrays.clear();
+    intArrays.clear();
+    longArrays.clear();
     classes.clear();
 }
 
@@ -133,6 +162,20 @@ jstring FakeJni::utf16(const std::u16string& units) {
 jbyteArray FakeJni::bytes(const std::string& raw) {
     byteArrays.push_back({raw});
     return reinterpret_cast<jbyteArray>(&byteArrays.back());
+}
+
+jintArray FakeJni::ints(const std::vector<jint>& values) {
+    intArrays.push_back({values});
+    return reinterpret_cast<jintArray>(&intArrays.back());
+}
+
+jlongArray FakeJni::longs(const std::vector<jlong>& values) {
+    longArrays.push_back({values});
+    return reinterpret_cast<jlongArray>(&longArrays.back());
+}
+
+std::vector<jlong> FakeJni::values(jlongArray array) {
+    return reinterpret_cast<FakeLongs*>(array)->values;
 }
 
 std::string FakeJni::raw(jbyteArray array) {

@@ -22,6 +22,10 @@ struct FakeJni {
     jstring utf16(const std::u16string& units);
     jbyteArray bytes(const std::string& raw);
     jobjectArray array(const std::vector<jobject>& elements);
+    jintArray ints(const std::vector<jint>& values);
+    jlongArray longs(const std::vector<jlong>& values);
+    // The values of an array, as the code under test left them.
+    static std::vector<jlong> values(jlongArray array);
 
     // The bytes of an array made by the code under test.
     static std::string raw(jbyteArray array);
