@@ -250,7 +250,6 @@ NEW_PROCESS_CODE void run_new_process(const LaunchRequest& request, bool attache
     if (attached)
         child_log(context, "Past SetupChildContext.  Return value was: [%d] and sysErr was: [%d]\n", setup.result,
                   setup.sysErr);
-    sys_fcntl(request.writeEnd, F_SETFD, FD_CLOEXEC);
     const int kept[2] = {request.writeEnd < request.gate ? request.writeEnd : request.gate,
                          request.writeEnd < request.gate ? request.gate : request.writeEnd};
     if (request.gate >= 0)

@@ -251,18 +251,18 @@ LaunchOutcome launch_detached(LaunchRequest& request) {
     ExecOutcomeChannel channel;
     Gate gate;
     if (!prepare(request, channel, gate, outcome)) return outcome;
-    int ends[2]; // not close-on-exec: the new process's sweep closes them
-    if (pipe(ends) == -1) {
+    int ends[2]; // close-on-exec, as every descriptor of the launch; the new process's sweep closes its copies
+    if (pipe2(ends, O_CLOEXEC) == -1) {
         int err = errno;
         if (err == ENFILE || err == EMFILE)
             process_err("Error creating pipe, out of file handles. errno=[%d]\n", err);
         else
             process_err("Error creating pipe. errno=[%d]\n", err);
-        fail(outcome, err == ENFILE || err == EMFILE ? PROC_OUT_OF_FILE_HANDLES : PROC_SYSTEM_ERR, 0);
+        fail(outcome, err == ENFILE || err == EMFILE ? PROC_OUT_OF_FILE_HANDLES : PROC_SYSTEM_ERR, err);
         return outcome;
     }
-    UniqueFd pidRead(keep_above_standard(ends[0], false));
-    UniqueFd pidWrite(keep_above_standard(ends[1], false));
+    UniqueFd pidRead(keep_above_standard(ends[0], true));
+    UniqueFd pidWrite(keep_above_standard(ends[1], true));
 
     ChildStacks stacks(2);
     DetachedStart start = {&request,

@@ -247,7 +247,7 @@ TEST(LaunchingSideFailures, ForkAndPipeFailuresMapAndCloseEverything) {
         {"detachedForkEnomem", true, {1, ENOMEM}, {}, PROC_OUT_OF_MEMORY, ENOMEM},
         {"detachedForkEagain", true, {1, EAGAIN}, {}, PROC_OUT_OF_MEMORY, EAGAIN},
         {"detachedForkOther", true, {1, ENOSYS}, {}, PROC_SYSTEM_ERR, ENOSYS},
-        {"detachedSecondPipe", true, {}, {2, EMFILE}, PROC_OUT_OF_FILE_HANDLES, 0},
+        {"detachedSecondPipe", true, {}, {2, EMFILE}, PROC_OUT_OF_FILE_HANDLES, EMFILE},
         {"detachedSecondFork", true, {2, EAGAIN}, {}, PROC_SYSTEM_ERR, 0},
     };
     for (const Case& c : cases) {

@@ -1,6 +1,7 @@
 #include "support/seams.h"
 
 #include <cstddef>
+#include <fcntl.h>
 #include <pthread.h>
 #include <sys/select.h>
 #include <sys/types.h>
@@ -12,6 +13,7 @@ Fault dup2;
 Fault clone;
 Fault cloneIntoCgroup;
 Fault pipe;
+std::atomic<int> inheritablePipes = 0;
 Fault pidfd;
 Fault mutexInit;
 SelectFake select;
@@ -39,6 +41,7 @@ int __real_clone(int (*main)(void*), void* stack, int flags, void* argument, ...
 pid_t __real_clone_into_cgroup(int (*main)(void*), void* argument, void* stackLow, size_t stackSize,
                                int cgroupFd);
 int __real_pipe(int fds[2]);
+int __real_pipe2(int fds[2], int flags);
 int __real_quillon_pidfd_open(int pid);
 int __real_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes);
 
@@ -63,7 +66,14 @@ pid_t __wrap_clone_into_cgroup(int (*main)(void*), void* argument, void* stackLo
     return __real_clone_into_cgroup(main, argument, stackLow, stackSize, cgroupFd);
 }
 int __wrap_pipe(int fds[2]) {
-    return due(seams::pipe) ? -1 : __real_pipe(fds);
+    if (due(seams::pipe)) return -1;
+    ++seams::inheritablePipes;
+    return __real_pipe(fds);
+}
+int __wrap_pipe2(int fds[2], int flags) {
+    if (due(seams::pipe)) return -1;
+    if ((flags & O_CLOEXEC) == 0) ++seams::inheritablePipes;
+    return __real_pipe2(fds, flags);
 }
 int __wrap_quillon_pidfd_open(int pid) {
     return due(seams::pidfd) ? -1 : __real_quillon_pidfd_open(pid);

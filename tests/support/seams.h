@@ -17,7 +17,9 @@ extern Fault malloc; // calloc as well
 extern Fault dup2;  // the new process's dup2
 extern Fault clone; // both the launch's and a detached launch's second one
 extern Fault cloneIntoCgroup; // clone_into_cgroup, as ENOSYS on a kernel without clone3
-extern Fault pipe;
+extern Fault pipe;  // pipe and pipe2
+// Pipes made inheritable (pipe, or pipe2 without O_CLOEXEC) since the start, by any thread.
+extern std::atomic<int> inheritablePipes;
 extern Fault pidfd; // pidfd_open, as on a kernel without it
 extern Fault mutexInit;
 // The next select returns `result` with errno `err` instead of waiting.
