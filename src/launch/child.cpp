@@ -132,15 +132,20 @@ NEW_PROCESS_CODE ExecOutcome failed(int result, int sysErr, int step, int detail
     return {result, sysErr, step, detail};
 }
 
+// Writes the process into the group whose cgroup.procs is `procs`.
+NEW_PROCESS_CODE ExecOutcome join_group(int procs, int detail) {
+    long written = sys_write(procs, "0", 1);
+    if (written == 1) return {};
+    return failed(PROC_SYSTEM_ERR, written < 0 ? static_cast<int>(-written) : EIO, kStepCgroup, detail);
+}
+
 // Joins the groups of its contained tree that it could not be started in: before anything else, so that
 // nothing it does afterwards runs outside them.
-NEW_PROCESS_CODE ExecOutcome join_groups(const LaunchRequest& request) {
-    for (int i = 0; i < 3; ++i) {
-        if (request.joins[i] < 0) continue;
-        long written = sys_write(request.joins[i], "0", 1);
-        if (written != 1) return failed(PROC_SYSTEM_ERR, written < 0 ? static_cast<int>(-written) : EIO, kStepCgroup, i);
-    }
-    return {};
+NEW_PROCESS_CODE ExecOutcome join_groups(const LaunchRequest& request, int ownGroupProcs) {
+    ExecOutcome joined = ownGroupProcs >= 0 ? join_group(ownGroupProcs, 2) : ExecOutcome{};
+    for (int i = 0; i < 3 && joined.result == PROC_SUCCESS; ++i)
+        if (request.joins[i] >= 0) joined = join_group(request.joins[i], i);
+    return joined;
 }
 
 // The resource limits asked for, set while the process may still raise a hard limit (before its user changes).
@@ -226,7 +231,8 @@ NEW_PROCESS_CODE ExecOutcome SetupChildContext(const LaunchRequest& request, con
     return SetupChildStdHandles(request, context);
 }
 
-NEW_PROCESS_CODE void run_new_process(const LaunchRequest& request, bool attached) {
+NEW_PROCESS_CODE void run_new_process(const NewProcessStart& start) {
+    const LaunchRequest& request = *start.request;
     ChildContext context = request.context; // a copy of its own: the trace settings change below
     reset_signal_handlers();
     int pid = static_cast<int>(sys_getpid());
@@ -239,7 +245,7 @@ NEW_PROCESS_CODE void run_new_process(const LaunchRequest& request, bool attache
         sys_set_disposition(SIGTTIN, SIG_IGN, false);
     }
     sys_set_signal_mask(&request.signalMask);
-    ExecOutcome joined = join_groups(request);
+    ExecOutcome joined = join_groups(request, start.ownGroupProcs);
     if (joined.result != PROC_SUCCESS) report_failure(request, context, joined);
     close_inherited_descriptors(request);
 
@@ -247,7 +253,7 @@ NEW_PROCESS_CODE void run_new_process(const LaunchRequest& request, bool attache
     if (limited.result != PROC_SUCCESS) report_failure(request, context, limited);
     ExecOutcome setup = SetupChildContext(request, context);
     if (setup.result != PROC_SUCCESS) report_failure(request, context, setup);
-    if (attached)
+    if (start.attached)
         child_log(context, "Past SetupChildContext.  Return value was: [%d] and sysErr was: [%d]\n", setup.result,
                   setup.sysErr);
     const int kept[2] = {request.writeEnd < request.gate ? request.writeEnd : request.gate,

@@ -54,70 +54,77 @@ class ChildStacks : NoCopy {
     char* base_ = nullptr;
 };
 
+NEW_PROCESS_CODE int new_process_main(void* start) {
+    run_new_process(*static_cast<const NewProcessStart*>(start));
+}
+
+// What the intermediate process of a detached launch needs: the new process's start, inside its v2 group or
+// (where the system can't start it there) joining it itself, its stack and the pid channel.
 struct DetachedStart {
-    LaunchRequest* request;
-    int channel[2];
-    int pidChannel[2];
-    void* grandchildStack;
+    NewProcessStart inGroup;
+    NewProcessStart joining;
+    int ownJoinErr; // why the group's cgroup.procs could not be opened, when it could not
+    void* stackTop;
+    int pidWriteEnd;
 };
 
-NEW_PROCESS_CODE int attached_main(void* request) {
-    run_new_process(*static_cast<LaunchRequest*>(request), true);
+// Makes the new process of a detached launch: the PID or -errno.
+NEW_PROCESS_CODE long clone_detached(const DetachedStart& start) {
+    void* inGroup = const_cast<NewProcessStart*>(&start.inGroup);
+    int group = start.inGroup.request->cgroupFd;
+    if (group < 0) return clone_vm_raw(new_process_main, inGroup, start.stackTop);
+    long pid = clone_into_cgroup_raw(new_process_main, inGroup, static_cast<char*>(start.stackTop) - kStackSize,
+                                     kStackSize, group);
+    if (pid >= 0 || !clone3_unusable(static_cast<int>(-pid))) return pid;
+    if (start.joining.ownGroupProcs < 0) return -start.ownJoinErr;
+    return clone_vm_raw(new_process_main, const_cast<NewProcessStart*>(&start.joining), start.stackTop);
 }
 
-NEW_PROCESS_CODE int detached_main(void* request) {
-    run_new_process(*static_cast<LaunchRequest*>(request), false);
-}
-
-// The intermediate process of a detached launch: it makes the new process, reports its PID and ends,
-// so that the new process passes to init. All signals stay blocked in it.
+// The intermediate process of a detached launch: it makes the new process, sends its PID (or -errno) over the
+// pid channel and ends, so that the new process passes to init. It is made outside the tree's v2 group, so
+// that only the new process ever counts there (against a process limit of 1, say). It shares the launching
+// thread's errno too, so it makes the new process without the C library. All signals stay blocked in it.
 NEW_PROCESS_CODE int intermediate_main(void* argument) {
-    const DetachedStart& start = *static_cast<DetachedStart*>(argument);
-    const ChildContext& context = start.request->context;
-    pid_t pid = clone(detached_main, start.grandchildStack, CLONE_VM | SIGCHLD, start.request);
-    int status = 0;
-    if (pid == -1) {
-        // errno is the launching thread's too; it is blocked in read and doesn't look at it.
-        int err = errno;
+    const DetachedStart& start = *static_cast<const DetachedStart*>(argument);
+    long pid = clone_detached(start);
+    if (pid < 0) {
+        const ChildContext& context = start.inGroup.request->context;
+        int err = static_cast<int>(-pid);
         if (err == ENOMEM || err == EAGAIN)
             child_err(context, "Unable to fork second process, out of memory or over limit. errno=[%d]", err);
         else
             child_err(context, "Unable to fork second process. errno=[%d]", err);
-        status = 255;
-    } else {
-        sys_write(start.pidChannel[1], &pid, sizeof pid);
     }
-    sys_close(start.pidChannel[0]);
-    sys_close(start.pidChannel[1]);
-    sys_close(start.channel[0]);
-    sys_close(start.channel[1]);
-    sys_exit(status);
+    const int word = static_cast<int>(pid);
+    sys_write(start.pidWriteEnd, &word, sizeof word);
+    return 0;
 }
 
-// clone with every signal blocked, so that no handler of the JVM runs in the new process before it has
-// put its own dispositions in place; `saved` receives the launching thread's mask. With a cgroup v2 group,
-// the process starts in it; where the system can't do that (no clone3 or CLONE_INTO_CGROUP), a plain clone,
-// and the new process joins the group itself first thing (`ownJoin`).
-pid_t clone_blocked(int (*main)(void*), void* stackTop, void* argument, LaunchRequest& request) {
+// Runs `make` with every signal blocked, so that no handler of the JVM runs in the new process before it has
+// put its own dispositions in place; request.signalMask receives the launching thread's mask. errno is make's.
+template <typename Make> pid_t with_signals_blocked(LaunchRequest& request, Make make) {
     sigset_t all;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &request.signalMask);
-    pid_t pid = -1;
-    bool plain = request.cgroupFd < 0 || request.ownJoin.get() >= 0;
-    if (!plain) {
-        pid = clone_into_cgroup(main, argument, static_cast<char*>(stackTop) - kStackSize, kStackSize,
-                                request.cgroupFd);
-        if (pid == -1 && (errno == ENOSYS || errno == E2BIG)) {
-            request.ownJoin.reset(openat(request.cgroupFd, "cgroup.procs", O_WRONLY | O_CLOEXEC));
-            request.joins[2] = request.ownJoin.get();
-            plain = request.ownJoin.get() >= 0;
-        }
-    }
-    if (plain) pid = clone(main, stackTop, CLONE_VM | SIGCHLD, argument);
+    pid_t pid = make();
     int err = errno;
     pthread_sigmask(SIG_SETMASK, &request.signalMask, nullptr);
     errno = err;
     return pid;
+}
+
+// The new process of an attached launch, inside its v2 group when it has one. Where the system can't start
+// it there (clone3_unusable), a plain clone, and the new process joins the group itself first thing.
+pid_t clone_attached(NewProcessStart& start, void* stackTop, LaunchRequest& request) {
+    if (request.cgroupFd >= 0) {
+        pid_t pid = clone_into_cgroup(new_process_main, &start, static_cast<char*>(stackTop) - kStackSize,
+                                      kStackSize, request.cgroupFd);
+        if (pid != -1 || !clone3_unusable(errno)) return pid;
+        request.ownJoin.reset(openat(request.cgroupFd, "cgroup.procs", O_WRONLY | O_CLOEXEC));
+        if (request.ownJoin.get() < 0) return -1;
+        start.ownGroupProcs = request.ownJoin.get();
+    }
+    return clone(new_process_main, stackTop, CLONE_VM | SIGCHLD, &start);
 }
 
 void kill_and_reap(int pid) {
@@ -221,7 +228,9 @@ LaunchOutcome launch_attached(LaunchRequest& request) {
     if (!prepare(request, channel, gate, outcome)) return outcome;
 
     ChildStacks stack(1);
-    pid_t pid = stack.ok() ? clone_blocked(attached_main, stack.top(0), &request, request) : -1;
+    NewProcessStart start = {&request, true};
+    auto make = [&] { return clone_attached(start, stack.top(0), request); };
+    pid_t pid = stack.ok() ? with_signals_blocked(request, make) : -1;
     outcome.pid = pid;
     if (pid == -1) {
         int err = stack.ok() ? errno : ENOMEM;
@@ -264,12 +273,18 @@ LaunchOutcome launch_detached(LaunchRequest& request) {
     UniqueFd pidRead(keep_above_standard(ends[0], true));
     UniqueFd pidWrite(keep_above_standard(ends[1], true));
 
+    // The intermediate process can't open files for the new process: the group's cgroup.procs is opened now,
+    // in case the new process can't be started inside the group.
+    int ownJoinErr = 0;
+    if (request.cgroupFd >= 0) {
+        request.ownJoin.reset(openat(request.cgroupFd, "cgroup.procs", O_WRONLY | O_CLOEXEC));
+        ownJoinErr = request.ownJoin.get() < 0 ? errno : 0;
+    }
     ChildStacks stacks(2);
-    DetachedStart start = {&request,
-                           {channel.read_end(), channel.write_end()},
-                           {pidRead.get(), pidWrite.get()},
-                           stacks.top(1)};
-    pid_t intermediate = stacks.ok() ? clone_blocked(intermediate_main, stacks.top(0), &start, request) : -1;
+    DetachedStart start = {{&request, false}, {&request, false, request.ownJoin.get()}, ownJoinErr, stacks.top(1),
+                           pidWrite.get()};
+    auto make = [&] { return clone(intermediate_main, stacks.top(0), CLONE_VM | SIGCHLD, &start); };
+    pid_t intermediate = stacks.ok() ? with_signals_blocked(request, make) : -1;
     if (intermediate == -1) {
         int err = stacks.ok() ? errno : ENOMEM;
         if (err == ENOMEM || err == EAGAIN) {
@@ -285,10 +300,12 @@ LaunchOutcome launch_detached(LaunchRequest& request) {
     pidWrite.reset(); // so that the read sees end of file when the intermediate process ends silently
     int pid = 0;
     int got = read_int(pidRead.get(), &pid);
+    int readErr = errno;
     pidRead.reset();
     reap(intermediate);
-    if (got != static_cast<int>(sizeof pid)) { // the second clone failed: it said why
-        fail(outcome, PROC_SYSTEM_ERR, 0);
+    if (got != static_cast<int>(sizeof pid) || pid <= 0) { // the intermediate process could not make it
+        int err = got == static_cast<int>(sizeof pid) ? -pid : got < 0 ? readErr : 0;
+        fail(outcome, result_for_errno(err, {EAGAIN}, PROC_OUT_OF_MEMORY), err);
         return outcome;
     }
     outcome.pid = pid;

@@ -15,7 +15,11 @@ struct Fault {
 };
 extern Fault malloc; // calloc as well
 extern Fault dup2;  // the new process's dup2
-extern Fault clone; // both the launch's and a detached launch's second one
+extern Fault clone; // the launcher's: an attached launch's new process, a detached launch's intermediate one
+// The clones of a detached launch's intermediate process, which shares the test's memory: they fail with -err
+// and leave errno alone.
+extern Fault secondClone;           // a plain one
+extern Fault secondCloneIntoCgroup; // into a v2 group
 extern Fault cloneIntoCgroup; // clone_into_cgroup, as ENOSYS on a kernel without clone3
 extern Fault pipe;  // pipe and pipe2
 // Pipes made inheritable (pipe, or pipe2 without O_CLOEXEC) since the start, by any thread.
@@ -31,4 +35,7 @@ struct SelectFake {
 extern SelectFake select;
 // Runs once, in the next clone or clone_into_cgroup, before the new process is made (then disarms itself).
 extern std::atomic<void (*)()> beforeClone;
+// Runs once, in a detached launch's intermediate process before its clone (then disarms itself). It shares the
+// test's memory and thread pointer: raw system calls only.
+extern std::atomic<void (*)()> inIntermediate;
 } // namespace seams
