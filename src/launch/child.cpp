@@ -117,14 +117,30 @@ NEW_PROCESS_CODE int exec_program(const LaunchRequest& request) {
     return deniedSomewhere ? EACCES : static_cast<int>(-result);
 }
 
-// The failure record over the channel, in one write: sysErr, the result, the step and its detail.
+// The launcher lets a process that must end with it exec only once it knows the process: a byte comes. End
+// of file instead: the launcher failed, or ended meanwhile. Whether the byte came.
+NEW_PROCESS_CODE bool gate_opens(int gate) {
+    char byte;
+    long got;
+    do {
+        got = sys_read(gate, &byte, 1);
+    } while (got == -EINTR);
+    return got == 1;
+}
+
+// The failure record over the channel, in one write, and the end. A process that must end with the launcher
+// and has not passed its gate yet (`gate`, else -1) waits there first, for the byte or end of file: until the
+// launcher holds its pidfd nothing may reap it, or the launcher would see it gone (or its PID taken by another
+// process) instead of its failure. Nothing of the request is read once the record is out: the launcher may
+// free it then.
 NEW_PROCESS_CODE [[noreturn]] void report_failure(const LaunchRequest& request, const ChildContext& context,
-                                                  const ExecOutcome& failure) {
+                                                  const ExecOutcome& failure, int gate) {
     char text[64];
     child_err(context, "Unable to launch process.  An error occurred.  Return value: [%d] errno: [%d] [%s]\n",
               failure.result, failure.sysErr, error_text(failure.sysErr, text));
     const int record[4] = {failure.sysErr, failure.result, failure.step, failure.detail};
     sys_write(request.writeEnd, record, sizeof record);
+    if (gate >= 0) gate_opens(gate);
     sys_exit(255);
 }
 
@@ -159,16 +175,9 @@ NEW_PROCESS_CODE ExecOutcome set_limits(const LaunchRequest& request) {
     return {};
 }
 
-// The launcher lets a process that must end with it exec only once it knows the process: a byte comes. End
-// of file instead (the launcher failed, or ended meanwhile): the process ends without its exec.
+// Before its exec, a process that must end with the launcher waits at its gate; without the byte it ends.
 NEW_PROCESS_CODE void pass_gate(const LaunchRequest& request) {
-    if (request.gate < 0) return;
-    char byte;
-    long got;
-    do {
-        got = sys_read(request.gate, &byte, 1);
-    } while (got == -EINTR);
-    if (got != 1) sys_exit(255);
+    if (request.gate >= 0 && !gate_opens(request.gate)) sys_exit(255);
 }
 
 // nice, when one is asked for. A change the system refuses or limits leaves the process where it is; that
@@ -246,13 +255,13 @@ NEW_PROCESS_CODE void run_new_process(const NewProcessStart& start) {
     }
     sys_set_signal_mask(&request.signalMask);
     ExecOutcome joined = join_groups(request, start.ownGroupProcs);
-    if (joined.result != PROC_SUCCESS) report_failure(request, context, joined);
+    if (joined.result != PROC_SUCCESS) report_failure(request, context, joined, request.gate);
     close_inherited_descriptors(request);
 
     ExecOutcome limited = set_limits(request);
-    if (limited.result != PROC_SUCCESS) report_failure(request, context, limited);
+    if (limited.result != PROC_SUCCESS) report_failure(request, context, limited, request.gate);
     ExecOutcome setup = SetupChildContext(request, context);
-    if (setup.result != PROC_SUCCESS) report_failure(request, context, setup);
+    if (setup.result != PROC_SUCCESS) report_failure(request, context, setup, request.gate);
     if (start.attached)
         child_log(context, "Past SetupChildContext.  Return value was: [%d] and sysErr was: [%d]\n", setup.result,
                   setup.sysErr);
@@ -266,6 +275,6 @@ NEW_PROCESS_CODE void run_new_process(const NewProcessStart& start) {
     pass_gate(request);
 
     int err = exec_program(request);
-    report_failure(request, context,
-                   failed(result_for_errno(err, {ENOENT, EACCES, ENOEXEC, EPERM}, PROC_INVALID_EXECUTABLE), err, kStepExec));
+    int result = result_for_errno(err, {ENOENT, EACCES, ENOEXEC, EPERM}, PROC_INVALID_EXECUTABLE);
+    report_failure(request, context, failed(result, err, kStepExec), -1); // past the gate: the launcher knows it
 }

@@ -187,8 +187,9 @@ void request_from_arguments(LaunchRequest* request, const char* executable, char
 // descriptors, trace switches. A result code; on failure sysErr says why.
 int resolve_request(LaunchRequest* request, int* sysErr);
 
-// The launch, attached or detached as the request says. A new process whose launch failed is gone
-// when it returns (a detached one ends by itself).
+// The launch, attached or detached as the request says. When a launch that made a new process fails, the
+// process is gone or killed when it returns (a detached one is init's to reap), and the failure is the new
+// process's own where it reported one.
 LaunchOutcome launch(LaunchRequest& request);
 // Ends the process of a successful launch that can't be followed after all, and reaps an attached one.
 void abandon_launch(LaunchOutcome& outcome, bool detached);

@@ -188,30 +188,47 @@ bool prepare(LaunchRequest& request, ExecOutcomeChannel& channel, Gate& gate, La
     return true;
 }
 
+// The outcome's pidfd for the new process: 0, or why there is none (ESRCH: the process is gone already).
+int open_pidfd(LaunchOutcome& outcome) {
+    outcome.pidfd.reset(pidfd_or_trace(outcome.pid));
+    return outcome.pidfd.get() >= 0 ? 0 : errno;
+}
+
 // Lets a new process that must end with the launcher exec, once the watchdog knows it (its group's
-// registration, made before the launch, or its own, made here). False with the outcome's failure: the gate
-// then closes without a byte, and the new process ends.
-bool open_gate(LaunchRequest& request, Gate& gate, int pid, LaunchOutcome& outcome) {
+// registration, made before the launch, or its own, made here through the outcome's pidfd; `pidfdErr` says
+// why there is none). False with the outcome's failure: the caller kills the new process, and the gate closes
+// without a byte.
+bool open_gate(LaunchRequest& request, Gate& gate, LaunchOutcome& outcome, int pidfdErr) {
     if (!request.endWithLauncher) return true;
     gate.readEnd.reset();
     if (!request.registeredByGroup) {
-        outcome.pidfd.reset(pidfd_or_trace(pid));
-        outcome.watchdogToken = outcome.pidfd.get() >= 0 ? watchdog_register_process(outcome.pidfd.get()) : 0;
+        outcome.watchdogToken = pidfdErr == 0 ? watchdog_register_process(outcome.pidfd.get()) : 0;
         if (outcome.watchdogToken == 0) {
-            int err = errno;
-            gate.writeEnd.reset();
-            fail(outcome, PROC_SYSTEM_ERR, err);
-            outcome.exec.step = kStepWatchdog;
+            outcome.exec = {PROC_SYSTEM_ERR, pidfdErr != 0 ? pidfdErr : errno, kStepWatchdog, 0};
             return false;
         }
     }
     char byte = 1;
     ssize_t sent = retry_on_eintr([&] { return write(gate.writeEnd.get(), &byte, 1); });
-    gate.writeEnd.reset();
-    if (sent == 1) return true;
-    fail(outcome, PROC_SYSTEM_ERR, errno);
-    outcome.exec.step = kStepWatchdog;
+    if (sent == 1) {
+        gate.writeEnd.reset();
+        return true;
+    }
+    outcome.exec = {PROC_SYSTEM_ERR, errno, kStepWatchdog, 0};
     return false;
+}
+
+// Whether a failure is the new process's own record, rather than the launcher's, its wait's or the gate's.
+bool told_by_new_process(const ExecOutcome& exec) {
+    return exec.result != PROC_SUCCESS && exec.step != kStepLauncher && exec.step != kStepWaitBuffer &&
+           exec.step != kStepWatchdog;
+}
+
+// After the launcher's own failure at the gate, with the new process killed: a failure the new process had
+// reported before (its directory, a standard file, a limit, its user) is the launch's real one and wins.
+void prefer_reported_failure(ExecOutcomeChannel& channel, LaunchOutcome& outcome) {
+    ExecOutcome told = WaitForExecOutcome(channel);
+    if (told_by_new_process(told)) outcome.exec = told;
 }
 
 // The launcher's ends of the pipes go with a successful outcome.
@@ -238,15 +255,16 @@ LaunchOutcome launch_attached(LaunchRequest& request) {
         fail(outcome, result_for_errno(err, {EAGAIN}, PROC_OUT_OF_MEMORY), err);
         return outcome;
     }
-    if (!open_gate(request, gate, pid, outcome)) {
-        kill_and_reap(pid);
-        return outcome;
+    int pidfdErr = request.endWithLauncher && !request.registeredByGroup ? open_pidfd(outcome) : 0;
+    bool gateOpened = open_gate(request, gate, outcome, pidfdErr);
+    if (gateOpened) {
+        outcome.exec = WaitForExecOutcome(channel);
+        process_log("WaitForExecOutcome completed.  Return value was: [%d] and sysErr was: [%d]\n",
+                    outcome.exec.result, outcome.exec.sysErr);
     }
-    outcome.exec = WaitForExecOutcome(channel);
-    process_log("WaitForExecOutcome completed.  Return value was: [%d] and sysErr was: [%d]\n",
-                outcome.exec.result, outcome.exec.sysErr);
     if (!outcome.ok()) {
         kill_and_reap(pid);
+        if (!gateOpened) prefer_reported_failure(channel, outcome);
         return outcome;
     }
     if (outcome.pidfd.get() < 0) outcome.pidfd.reset(pidfd_or_trace(pid));
@@ -309,23 +327,24 @@ LaunchOutcome launch_detached(LaunchRequest& request) {
         return outcome;
     }
     outcome.pid = pid;
-    if (!open_gate(request, gate, pid, outcome)) {
-        if (!gone_within(outcome.pidfd.get(), pid, kGoneMillis)) stacks.keep_forever();
+    int pidfdErr = open_pidfd(outcome);
+    bool followedByPid = pidfdErr != 0 && pidfdErr != ESRCH; // no pidfd on this system
+    bool gateOpened = open_gate(request, gate, outcome, pidfdErr);
+    if (gateOpened) outcome.exec = WaitForExecOutcome(channel);
+    if (outcome.ok()) {
+        hand_over_pipes(request, outcome);
         return outcome;
     }
-    UniqueFd pidfd(outcome.pidfd.get() >= 0 ? outcome.pidfd.release() : pidfd_or_trace(pid));
-
-    outcome.exec = WaitForExecOutcome(channel);
-    if (outcome.exec.result == PROC_CREATE_TIMEOUT)
-        retry_on_eintr([&] { return pidfd.get() >= 0 ? pidfd_signal(pidfd.get(), SIGKILL) : kill(pid, SIGKILL); });
-    // After a failure the new process ends by itself or was killed; its stack goes once it has. (After a
-    // failed wait it may run on unsupervised.)
-    if (!outcome.ok()) {
-        if (!gone_within(pidfd.get(), pid, kGoneMillis)) stacks.keep_forever();
-        return outcome;
-    }
-    outcome.pidfd = std::move(pidfd);
-    hand_over_pipes(request, outcome);
+    // The caller frees the request once the launch returns: a new process that may still run on it (hung before
+    // its exec, held at its gate) is killed first. One that told its failure ends by itself; by its PID alone it
+    // is not signalled then, as init may have reaped it and given the PID away.
+    if (outcome.pidfd.get() >= 0)
+        retry_on_eintr([&] { return pidfd_signal(outcome.pidfd.get(), SIGKILL); });
+    else if (followedByPid && !told_by_new_process(outcome.exec))
+        retry_on_eintr([&] { return kill(pid, SIGKILL); });
+    gate.writeEnd.reset();
+    if (!gateOpened) prefer_reported_failure(channel, outcome);
+    if (!gone_within(outcome.pidfd.get(), pid, kGoneMillis)) stacks.keep_forever();
     return outcome;
 }
 } // namespace

@@ -11,12 +11,18 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 #include "launch/launch_internal.h"
 #include "launch/launch_support.h"
 #include "launch/raw_syscall.h"
+#include "containment/containment.h"
+#include "runtime/pidfd.h"
 #include "support/child.h"
 #include "support/named_case.h"
 #include "support/seams.h"
@@ -172,4 +178,178 @@ INSTANTIATE_TEST_SUITE_P(Clone3, LaunchIntoGroup,
                                          GroupCase{"detachedWithoutTheFlag", true, EINVAL},
                                          GroupCase{"detachedWithoutTheField", true, E2BIG}),
                          [](const auto& info) { return std::string(info.param.name); });
+
+std::string outcome_text(const ExecOutcome& exec) {
+    return std::to_string(exec.result) + "/" + std::to_string(exec.sysErr) + " step " + std::to_string(exec.step);
+}
+
+// Makes this process the reaper of the orphans below it and reaps every child the moment it ends, as a busy
+// init does: a new process the launch has no pidfd for yet is gone, and its PID free, at once.
+class EagerReaper {
+  public:
+    EagerReaper() {
+        prctl(PR_SET_CHILD_SUBREAPER, 1);
+        thread_ = std::thread([this] {
+            while (!stop_)
+                if (waitpid(-1, nullptr, __WALL | WNOHANG) <= 0) usleep(100);
+        });
+    }
+    ~EagerReaper() {
+        stop_ = true;
+        thread_.join();
+    }
+
+  private:
+    std::atomic<bool> stop_ = false;
+    std::thread thread_;
+};
+
+// The state letter of a process in /proc/<pid>/stat; 0 when it is gone.
+char process_state(pid_t pid) {
+    std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
+    size_t close = stat.rfind(')');
+    return close != std::string::npos && close + 2 < stat.size() ? stat[close + 2] : 0;
+}
+
+// Holds the launcher until the new process has failed: asleep at its gate with its record written, or ended.
+void await_new_process_failed(int pid) {
+    for (int i = 0; i < 5000; ++i) {
+        char state = process_state(pid);
+        if (state == 'S' || state == 'Z' || state == 0) return;
+        usleep(1000);
+    }
+}
+
+// Fills the watchdog of this process (made here, after a low hard limit of descriptors) until it refuses.
+bool fill_watchdog() {
+    rlimit limit = {48, 48};
+    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return false;
+    UniqueFd self(quillon_pidfd_open(getpid()));
+    if (self.get() < 0) return false;
+    for (int i = 0; i < 100; ++i)
+        if (watchdog_register_process(self.get()) == 0) return errno == ENOSPC;
+    return false;
+}
+
+struct OwnFailureCase {
+    const char* name;
+    bool detached;
+    bool watchdogFull;
+    int rounds;
+};
+
+class EndingWithLauncher : public testing::TestWithParam<OwnFailureCase> {};
+
+// A program that must end with the launcher and fails before its exec (here at its directory) is reported by
+// that failure every time: not by the registration with the watchdog, which finds it reaped already, nor by a
+// registration that failed meanwhile.
+TEST_P(EndingWithLauncher, IsReportedByItsOwnFailure) {
+    const OwnFailureCase& c = GetParam();
+    ChildOutcome outcome = RunInChild([&] {
+        if (c.watchdogFull && !fill_watchdog()) return std::string("watchdog not filled");
+        EagerReaper reaper;
+        std::string others;
+        int wrong = 0;
+        for (int round = 0; round < c.rounds; ++round) {
+            LaunchRequest request;
+            request.executable = "/bin/true";
+            request.workingDirectory = "/no/such/directory";
+            request.detached = c.detached;
+            request.endWithLauncher = true;
+            if (c.watchdogFull) seams::beforePidfd = await_new_process_failed;
+            LaunchOutcome launched = launch(request);
+            std::string text = outcome_text(launched.exec);
+            if (text != outcome_text({PROC_INVALID_DIRECTORY, ENOENT, kStepDirectory, 0}) && wrong++ == 0)
+                others = ", first other: " + text;
+        }
+        return std::to_string(wrong) + " of " + std::to_string(c.rounds) + " told otherwise" + others;
+    }, 120);
+    EXPECT_EQ(outcome.report, "0 of " + std::to_string(c.rounds) + " told otherwise")
+        << "status " << outcome.status << " " << outcome.err;
+}
+
+INSTANTIATE_TEST_SUITE_P(MissingDirectory, EndingWithLauncher,
+                         testing::Values(OwnFailureCase{"detached", true, false, 200},
+                                         OwnFailureCase{"attached", false, false, 50},
+                                         OwnFailureCase{"detachedWatchdogFull", true, true, 20},
+                                         OwnFailureCase{"attachedWatchdogFull", false, true, 20}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// A FIFO nobody writes: a new process that takes it as stdin hangs before its exec.
+class Fifo {
+  public:
+    Fifo() {
+        char dir[] = "/tmp/quillon-fifo-XXXXXX";
+        if (mkdtemp(dir) == nullptr) return;
+        dir_ = dir;
+        path_ = dir_ + "/fifo";
+        if (mkfifo(path_.c_str(), 0600) != 0) path_.clear();
+    }
+    ~Fifo() {
+        int writer = open(path_.c_str(), O_WRONLY | O_NONBLOCK); // lets go of a reader a failed case left
+        if (writer >= 0) close(writer);
+        unlink(path_.c_str());
+        rmdir(dir_.c_str());
+    }
+    const std::string& path() const { return path_; }
+
+  private:
+    std::string dir_, path_;
+};
+
+// Whether a process that is no child of this one has ended (gone, or a zombie left to init) within a second.
+bool ends_within_a_second(pid_t pid) {
+    auto ended = [pid] { return process_state(pid) == 0 || process_state(pid) == 'Z'; };
+    for (int i = 0; i < 100 && !ended(); ++i)
+        usleep(10000);
+    return ended();
+}
+
+enum class LaunchFault { WatchdogFull, NoPidfd, WaitFails };
+
+struct LeftoverCase {
+    const char* name;
+    bool detached;
+    LaunchFault fault;
+    ExecOutcome expected;
+};
+
+class FailedLaunch : public testing::TestWithParam<LeftoverCase> {};
+
+// A launch that fails on the launcher's side while its new process hangs before its exec leaves no process
+// behind: the caller frees the request it runs on once the launch returns.
+TEST_P(FailedLaunch, LeavesNoProcessBehind) {
+    const LeftoverCase& c = GetParam();
+    Fifo fifo;
+    ASSERT_FALSE(fifo.path().empty());
+    ChildOutcome outcome = RunInChild([&] {
+        if (c.fault == LaunchFault::WatchdogFull && !fill_watchdog()) return std::string("watchdog not filled");
+        LaunchRequest request;
+        request.executable = "/bin/true";
+        request.std[0] = {kStdRead, fifo.path().c_str()};
+        request.detached = c.detached;
+        request.endWithLauncher = c.fault != LaunchFault::WaitFails;
+        if (c.fault == LaunchFault::NoPidfd) seams::pidfd = {1, ENOSYS};
+        if (c.fault == LaunchFault::WaitFails) seams::select = {true, -1, ENOMEM};
+        LaunchOutcome launched = launch(request);
+        bool gone = c.detached ? ends_within_a_second(launched.pid) : waitpid(-1, nullptr, WNOHANG) == -1;
+        if (!gone) kill(launched.pid, SIGKILL);
+        return outcome_text(launched.exec) + (gone ? " gone" : " left running");
+    });
+    EXPECT_EQ(outcome.report, outcome_text(c.expected) + " gone") << outcome.err;
+}
+
+constexpr ExecOutcome kWatchdogFull = {PROC_SYSTEM_ERR, ENOSPC, kStepWatchdog, 0};
+constexpr ExecOutcome kNoPidfd = {PROC_SYSTEM_ERR, ENOSYS, kStepWatchdog, 0};
+constexpr ExecOutcome kWaitFailed = {PROC_SYSTEM_ERR, ENOMEM, kStepLauncher, 0};
+
+INSTANTIATE_TEST_SUITE_P(
+    HungOnItsStdin, FailedLaunch,
+    testing::Values(LeftoverCase{"detachedWatchdogFull", true, LaunchFault::WatchdogFull, kWatchdogFull},
+                    LeftoverCase{"detachedWithoutPidfd", true, LaunchFault::NoPidfd, kNoPidfd},
+                    LeftoverCase{"detachedWaitFails", true, LaunchFault::WaitFails, kWaitFailed},
+                    LeftoverCase{"attachedWatchdogFull", false, LaunchFault::WatchdogFull, kWatchdogFull},
+                    LeftoverCase{"attachedWithoutPidfd", false, LaunchFault::NoPidfd, kNoPidfd},
+                    LeftoverCase{"attachedWaitFails", false, LaunchFault::WaitFails, kWaitFailed}),
+    [](const auto& info) { return std::string(info.param.name); });
 } // namespace

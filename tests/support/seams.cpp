@@ -23,6 +23,7 @@ Fault mutexInit;
 SelectFake select;
 std::atomic<void (*)()> beforeClone = nullptr;
 std::atomic<void (*)()> inIntermediate = nullptr;
+std::atomic<void (*)(int)> beforePidfd = nullptr;
 } // namespace seams
 
 namespace {
@@ -96,6 +97,7 @@ int __wrap_pipe2(int fds[2], int flags) {
     return __real_pipe2(fds, flags);
 }
 int __wrap_quillon_pidfd_open(int pid) {
+    if (void (*hook)(int) = seams::beforePidfd.exchange(nullptr)) hook(pid);
     return due(seams::pidfd) ? -1 : __real_quillon_pidfd_open(pid);
 }
 int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) {

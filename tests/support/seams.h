@@ -25,6 +25,8 @@ extern Fault pipe;  // pipe and pipe2
 // Pipes made inheritable (pipe, or pipe2 without O_CLOEXEC) since the start, by any thread.
 extern std::atomic<int> inheritablePipes;
 extern Fault pidfd; // pidfd_open, as on a kernel without it
+// Runs once, in the next pidfd_open, with its PID (then disarms itself).
+extern std::atomic<void (*)(int pid)> beforePidfd;
 extern Fault mutexInit;
 // The next select returns `result` with errno `err` instead of waiting.
 struct SelectFake {
