@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <sched.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #if defined(__SANITIZE_ADDRESS__)
@@ -150,19 +151,26 @@ bool gone_within(int pidfd, int pid, int millis) {
     return true;
 }
 
-// The pipe whose byte lets a new process that must end with the launcher exec.
+// Where a new process that must end with the launcher waits for the byte that lets it exec.
+// A connected socket pair rather than a pipe, so that the byte sent to a process that was killed meanwhile
+// fails with EPIPE and raises no SIGPIPE in the launcher (MSG_NOSIGNAL).
 struct Gate {
     UniqueFd readEnd;
     UniqueFd writeEnd;
     bool open(int* sysErr) {
         int ends[2];
-        if (pipe2(ends, O_CLOEXEC) != 0) {
+        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
             *sysErr = errno;
             return false;
         }
         readEnd.reset(keep_above_standard(ends[0], true));
         writeEnd.reset(keep_above_standard(ends[1], true));
         return true;
+    }
+    // 1 when the byte went, else -1 with errno.
+    ssize_t let_through() {
+        char byte = 1;
+        return retry_on_eintr([&] { return send(writeEnd.get(), &byte, 1, MSG_NOSIGNAL); });
     }
 };
 
@@ -208,9 +216,7 @@ bool open_gate(LaunchRequest& request, Gate& gate, LaunchOutcome& outcome, int p
             return false;
         }
     }
-    char byte = 1;
-    ssize_t sent = retry_on_eintr([&] { return write(gate.writeEnd.get(), &byte, 1); });
-    if (sent == 1) {
+    if (gate.let_through() == 1) {
         gate.writeEnd.reset();
         return true;
     }

@@ -275,6 +275,29 @@ INSTANTIATE_TEST_SUITE_P(MissingDirectory, EndingWithLauncher,
                                          OwnFailureCase{"attachedWatchdogFull", false, true, 20}),
                          [](const auto& info) { return std::string(info.param.name); });
 
+// Kills the new process before the launcher asks for its pidfd, and waits until it is a zombie.
+void kill_new_process(int pid) {
+    kill(pid, SIGKILL);
+    for (int i = 0; i < 5000 && process_state(pid) != 'Z' && process_state(pid) != 0; ++i)
+        usleep(1000);
+}
+
+// The byte sent to a process that was killed meanwhile fails the launch; it raises no SIGPIPE, which a host
+// that keeps its default would die of.
+TEST(KilledAtTheGate, FailsTheLaunchAndSparesTheLauncher) {
+    ChildOutcome outcome = RunInChild([] {
+        signal(SIGPIPE, SIG_DFL);
+        LaunchRequest request;
+        request.executable = "/bin/true";
+        request.endWithLauncher = true;
+        seams::beforePidfd = kill_new_process;
+        LaunchOutcome launched = launch(request);
+        return outcome_text(launched.exec);
+    });
+    EXPECT_EQ(outcome.report, outcome_text({PROC_SYSTEM_ERR, EPIPE, kStepWatchdog, 0}))
+        << "status " << outcome.status;
+}
+
 // A FIFO nobody writes: a new process that takes it as stdin hangs before its exec.
 class Fifo {
   public:
