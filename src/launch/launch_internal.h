@@ -189,7 +189,7 @@ int resolve_request(LaunchRequest* request, int* sysErr);
 
 // The launch, attached or detached as the request says. When a launch that made a new process fails, the
 // process is gone or killed when it returns (a detached one is init's to reap), and the failure is the new
-// process's own where it reported one.
+// process's own where it reported one; a failed outcome holds no watchdog registration.
 LaunchOutcome launch(LaunchRequest& request);
 // Ends the process of a successful launch that can't be followed after all, and reaps an attached one.
 void abandon_launch(LaunchOutcome& outcome, bool detached);

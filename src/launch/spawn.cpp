@@ -356,7 +356,14 @@ LaunchOutcome launch_detached(LaunchRequest& request) {
 } // namespace
 
 LaunchOutcome launch(LaunchRequest& request) {
-    return request.detached ? launch_detached(request) : launch_attached(request);
+    LaunchOutcome outcome = request.detached ? launch_detached(request) : launch_attached(request);
+    // Its process is gone or killed by now: a failed launch holds no registration, or launches retried after
+    // a failure would fill the watchdog until every launch that ends with the launcher is refused.
+    if (!outcome.ok() && outcome.watchdogToken != 0) {
+        watchdog_forget(outcome.watchdogToken);
+        outcome.watchdogToken = 0;
+    }
+    return outcome;
 }
 
 void abandon_launch(LaunchOutcome& outcome, bool detached) {

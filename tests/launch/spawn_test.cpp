@@ -298,6 +298,38 @@ TEST(KilledAtTheGate, FailsTheLaunchAndSparesTheLauncher) {
         << "status " << outcome.status;
 }
 
+// Launches that fail after their registration give it back: retried without end, they would fill the watchdog
+// (here 47 places) until every launch that ends with the launcher is refused with ENOSPC.
+TEST(FailedLaunches, GiveTheirWatchdogRegistrationBack) {
+    ChildOutcome outcome = RunInChild([] {
+        rlimit limit = {48, 48};
+        if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return std::string("setrlimit failed");
+        int before = OpenDescriptorCount();
+        std::string failures;
+        for (int round = 0; round < 150; ++round) {
+            LaunchRequest request;
+            request.executable = "/no/such/program";
+            request.detached = round % 2 == 1;
+            request.endWithLauncher = true;
+            LaunchOutcome launched = launch(request);
+            if (outcome_text(launched.exec) != outcome_text({PROC_INVALID_EXECUTABLE, ENOENT, kStepExec, 0}) ||
+                launched.watchdogToken != 0)
+                failures += " round " + std::to_string(round) + ": " + outcome_text(launched.exec);
+        }
+        LaunchRequest valid;
+        valid.executable = "/bin/true";
+        valid.endWithLauncher = true;
+        LaunchOutcome launched = launch(valid);
+        waitpid(launched.pid, nullptr, 0);
+        watchdog_forget(launched.watchdogToken);
+        launched.pidfd.reset();
+        return "failures:" + failures + " then " + outcome_text(launched.exec) +
+               " descriptors " + std::to_string(OpenDescriptorCount() - before);
+    }, 120);
+    // The one descriptor left is the launcher's end of the watchdog's socket.
+    EXPECT_EQ(outcome.report, "failures: then " + outcome_text({}) + " descriptors 1") << outcome.err;
+}
+
 // A FIFO nobody writes: a new process that takes it as stdin hangs before its exec.
 class Fifo {
   public:
