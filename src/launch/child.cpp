@@ -24,6 +24,27 @@ NEW_PROCESS_CODE void reset_signal_handlers() {
         if (signal != SIGKILL && signal != SIGSTOP) sys_set_disposition(signal, SIG_DFL, true);
 }
 
+// Every signal stays blocked in the new process until right before its exec. One that dumps core, left at its
+// default and sent meanwhile, is taken off here rather than delivered: its dump would start while the process
+// still shares the launcher's memory, and before Linux 5.16 such a dump kills every process sharing it. The
+// signal taken, or else 0 once the launching thread's mask is restored (which delivers any other signal sent).
+NEW_PROCESS_CODE int unblock_signals(const LaunchRequest& request) {
+    constexpr int kDumping[] = {SIGQUIT, SIGILL, SIGTRAP, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGXCPU, SIGXFSZ, SIGSYS};
+    unsigned long restored = 0;
+    memcpy(&restored, &request.signalMask, sizeof restored);
+    unsigned long dumping = 0;
+    for (int signal : kDumping) {
+        unsigned long bit = 1UL << (signal - 1);
+        void (*handler)(int) = SIG_IGN;
+        if ((restored & bit) == 0 && sys_get_disposition(signal, &handler) == 0 && handler == SIG_DFL)
+            dumping |= bit;
+    }
+    long taken = dumping != 0 ? sys_take_pending_signal(&dumping) : 0;
+    if (taken > 0) return static_cast<int>(taken);
+    sys_set_signal_mask(&request.signalMask);
+    return 0;
+}
+
 // Closes [first, last]: close_range, or one close per number below the limit from sysconf where the kernel
 // has no close_range.
 NEW_PROCESS_CODE void close_span(unsigned first, unsigned last, int openMax) {
@@ -253,7 +274,6 @@ NEW_PROCESS_CODE void run_new_process(const NewProcessStart& start) {
         sys_set_disposition(SIGTTOU, SIG_IGN, false);
         sys_set_disposition(SIGTTIN, SIG_IGN, false);
     }
-    sys_set_signal_mask(&request.signalMask);
     ExecOutcome joined = join_groups(request, start.ownGroupProcs);
     if (joined.result != PROC_SUCCESS) report_failure(request, context, joined, request.gate);
     close_inherited_descriptors(request);
@@ -273,6 +293,8 @@ NEW_PROCESS_CODE void run_new_process(const NewProcessStart& start) {
         close_descriptors_except(&request.writeEnd, 1, request.openMax);
     if (context.debug) dump_launch(request, context);
     pass_gate(request);
+    int dumping = unblock_signals(request);
+    if (dumping != 0) report_failure(request, context, failed(PROC_SYSTEM_ERR, EINTR, kStepExec, dumping), -1);
 
     int err = exec_program(request);
     int result = result_for_errno(err, {ENOENT, EACCES, ENOEXEC, EPERM}, PROC_INVALID_EXECUTABLE);

@@ -7,6 +7,8 @@
 #include <csignal>
 #include <dirent.h>
 #include <fcntl.h>
+#include <filesystem>
+#include <fstream>
 #include <poll.h>
 #include <set>
 #include <sstream>
@@ -406,5 +408,94 @@ INSTANTIATE_TEST_SUITE_P(
                     LeftoverCase{"attachedWatchdogFull", false, LaunchFault::WatchdogFull, kWatchdogFull},
                     LeftoverCase{"attachedWithoutPidfd", false, LaunchFault::NoPidfd, kNoPidfd},
                     LeftoverCase{"attachedWaitFails", false, LaunchFault::WaitFails, kWaitFailed}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// The child of this process's threads that sleeps now, in the open of a FIFO; 0 while there is none.
+pid_t sleeping_child() {
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream children(task.path() / "children");
+        for (pid_t pid = 0; children >> pid;)
+            if (process_state(pid) == 'S') return pid;
+    }
+    return 0;
+}
+
+void ignore_signal(int) {}
+
+enum class Disposition { Default, Caught, Ignored, Blocked };
+
+struct PendingSignalCase {
+    const char* name;
+    int signal;
+    Disposition inLauncher;
+    ExecOutcome expected;
+    const char* end; // how the program ended
+};
+
+class SignalBeforeExec : public testing::TestWithParam<PendingSignalCase> {};
+
+// A signal sent to a new process before its exec (here while it hangs on its stdin) waits until right before
+// the exec. One that dumps core is taken off there and fails the launch: delivered while the process shares
+// the launcher's memory, the dump would kill the launcher too on kernels before 5.16. Any other is delivered
+// as the launcher's mask lets it through.
+TEST_P(SignalBeforeExec, WaitsUntilTheExecAndNeverDumpsCore) {
+    const PendingSignalCase& c = GetParam();
+    Fifo fifo;
+    ASSERT_FALSE(fifo.path().empty());
+    ChildOutcome outcome = RunInChild([&] {
+        rlimit noCore = {0, 0};
+        setrlimit(RLIMIT_CORE, &noCore);
+        if (c.inLauncher == Disposition::Caught) signal(c.signal, ignore_signal);
+        if (c.inLauncher == Disposition::Ignored) signal(c.signal, SIG_IGN);
+        LaunchOutcome launched;
+        int status = -1;
+        std::atomic<bool> done = false;
+        std::thread launcher([&] {
+            sigset_t blocked;
+            sigemptyset(&blocked);
+            if (c.inLauncher == Disposition::Blocked) sigaddset(&blocked, c.signal);
+            pthread_sigmask(SIG_SETMASK, &blocked, nullptr);
+            LaunchRequest request;
+            request.executable = "/bin/true";
+            request.std[0] = {kStdRead, fifo.path().c_str()};
+            launched = launch(request);
+            if (launched.pid > 0) waitpid(launched.pid, &status, 0);
+            done = true;
+        });
+        pid_t hung = 0;
+        for (int i = 0; i < 5000 && (hung = sleeping_child()) == 0; ++i)
+            usleep(1000);
+        kill(hung, c.signal);
+        while (!done) { // lets the new process go on; it may have died of the signal already
+            int writer = open(fifo.path().c_str(), O_WRONLY | O_NONBLOCK);
+            if (writer >= 0) {
+                close(writer);
+                break;
+            }
+            usleep(1000);
+        }
+        launcher.join();
+        std::string end = launched.ok() && WIFEXITED(status)     ? "exit " + std::to_string(WEXITSTATUS(status))
+                          : launched.ok() && WIFSIGNALED(status) ? "signal " + std::to_string(WTERMSIG(status))
+                                                                 : "none";
+        return outcome_text(launched.exec) + " detail " + std::to_string(launched.exec.detail) + ", " + end;
+    });
+    EXPECT_EQ(outcome.report, outcome_text(c.expected) + " detail " + std::to_string(c.expected.detail) + ", " +
+                                  c.end)
+        << "status " << outcome.status;
+}
+
+constexpr ExecOutcome failedBy(int signal) {
+    return {PROC_SYSTEM_ERR, EINTR, kStepExec, signal};
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    HungOnItsStdin, SignalBeforeExec,
+    testing::Values(PendingSignalCase{"quitAtDefault", SIGQUIT, Disposition::Default, failedBy(SIGQUIT), "none"},
+                    PendingSignalCase{"quitCaught", SIGQUIT, Disposition::Caught, failedBy(SIGQUIT), "none"},
+                    PendingSignalCase{"abortAtDefault", SIGABRT, Disposition::Default, failedBy(SIGABRT), "none"},
+                    PendingSignalCase{"quitIgnored", SIGQUIT, Disposition::Ignored, {}, "exit 0"},
+                    PendingSignalCase{"quitBlocked", SIGQUIT, Disposition::Blocked, {}, "exit 0"},
+                    PendingSignalCase{"terminate", SIGTERM, Disposition::Default, {}, "signal 15"}),
     [](const auto& info) { return std::string(info.param.name); });
 } // namespace
