@@ -27,9 +27,10 @@ NEW_PROCESS_CODE void reset_signal_handlers() {
 // Every signal stays blocked in the new process until right before its exec. One that dumps core, left at its
 // default and sent meanwhile, is taken off here rather than delivered: its dump would start while the process
 // still shares the launcher's memory, and before Linux 5.16 such a dump kills every process sharing it. The
-// signal taken, or else 0 once the launching thread's mask is restored (which delivers any other signal sent).
+// signal taken, or else 0 once the launching thread's mask is restored, which delivers any other one.
 NEW_PROCESS_CODE int unblock_signals(const LaunchRequest& request) {
-    constexpr int kDumping[] = {SIGQUIT, SIGILL, SIGTRAP, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGXCPU, SIGXFSZ, SIGSYS};
+    constexpr int kDumping[] = {SIGQUIT, SIGILL,  SIGTRAP, SIGABRT, SIGBUS,
+                                SIGFPE,  SIGSEGV, SIGXCPU, SIGXFSZ, SIGSYS};
     unsigned long restored = 0;
     memcpy(&restored, &request.signalMask, sizeof restored);
     unsigned long dumping = 0;
@@ -151,9 +152,9 @@ NEW_PROCESS_CODE bool gate_opens(int gate) {
 
 // The failure record over the channel, in one write, and the end. A process that must end with the launcher
 // and has not passed its gate yet (`gate`, else -1) waits there first, for the byte or end of file: until the
-// launcher holds its pidfd nothing may reap it, or the launcher would see it gone (or its PID taken by another
-// process) instead of its failure. Nothing of the request is read once the record is out: the launcher may
-// free it then.
+// launcher holds its pidfd nothing may reap it, or the launcher would see it gone (or its PID taken by
+// another process) instead of its failure. Nothing of the request is read once the record is out: the
+// launcher may free it then.
 NEW_PROCESS_CODE [[noreturn]] void report_failure(const LaunchRequest& request, const ChildContext& context,
                                                   const ExecOutcome& failure, int gate) {
     char text[64];
@@ -283,8 +284,8 @@ NEW_PROCESS_CODE void run_new_process(const NewProcessStart& start) {
     ExecOutcome setup = SetupChildContext(request, context);
     if (setup.result != PROC_SUCCESS) report_failure(request, context, setup, request.gate);
     if (start.attached)
-        child_log(context, "Past SetupChildContext.  Return value was: [%d] and sysErr was: [%d]\n", setup.result,
-                  setup.sysErr);
+        child_log(context, "Past SetupChildContext.  Return value was: [%d] and sysErr was: [%d]\n",
+                  setup.result, setup.sysErr);
     const int kept[2] = {request.writeEnd < request.gate ? request.writeEnd : request.gate,
                          request.writeEnd < request.gate ? request.gate : request.writeEnd};
     if (request.gate >= 0)
@@ -294,9 +295,11 @@ NEW_PROCESS_CODE void run_new_process(const NewProcessStart& start) {
     if (context.debug) dump_launch(request, context);
     pass_gate(request);
     int dumping = unblock_signals(request);
-    if (dumping != 0) report_failure(request, context, failed(PROC_SYSTEM_ERR, EINTR, kStepExec, dumping), -1);
+    if (dumping != 0)
+        report_failure(request, context, failed(PROC_SYSTEM_ERR, EINTR, kStepExec, dumping), -1);
 
     int err = exec_program(request);
     int result = result_for_errno(err, {ENOENT, EACCES, ENOEXEC, EPERM}, PROC_INVALID_EXECUTABLE);
-    report_failure(request, context, failed(result, err, kStepExec), -1); // past the gate: the launcher knows it
+    // Past the gate: the launcher holds its pidfd, the process may end at once.
+    report_failure(request, context, failed(result, err, kStepExec), -1);
 }

@@ -1,10 +1,10 @@
 // New processes that share this one's memory, made without the C library so that a new process can make one
 // too (the intermediate process of a detached launch must not write the launching thread's errno): clone, and
 // clone3 with CLONE_INTO_CGROUP, which makes the process directly inside a cgroup v2 group (Linux 5.7 and
-// later), so that neither the process nor anything it starts ever runs outside the group, not even between its
-// creation and a move. A plain system call can't do: the new process resumes right after the syscall
-// instruction on its own stack, with no frame to return into. A trampoline per call and architecture makes the
-// call and, in the new process, calls the entry function and exits with its result.
+// later), so that neither the process nor anything it starts ever runs outside the group, not even between
+// its creation and a move. A plain system call can't do: the new process resumes right after the syscall
+// instruction on its own stack, with no frame to return into. A trampoline per call and architecture makes
+// the call and, in the new process, calls the entry function and exits with its result.
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
@@ -47,9 +47,9 @@ static_assert(SYS_clone == 220, "the AArch64 trampoline uses clone's number");
 // stack's top, every other register as the caller had it): main(argument), then exit with its result.
 extern "C" __attribute__((visibility("hidden"))) long quillon_clone3(CloneArgs* args, size_t size,
                                                                      int (*main)(void*), void* argument);
-// clone(flags, stackTop) with no thread-ID or TLS arguments. In the calling process: the new process's PID, or
-// -errno. In the new process: main(argument), then exit with its result. main and argument travel on the new
-// stack, from which the new process takes them.
+// clone(flags, stackTop) with no thread-ID or TLS arguments. In the calling process: the new process's PID,
+// or -errno. In the new process: main(argument), then exit with its result. main and argument travel on the
+// new stack, from which the new process takes them.
 extern "C" __attribute__((visibility("hidden"))) long quillon_clone(unsigned long flags, void* stackTop,
                                                                     int (*main)(void*), void* argument);
 
@@ -168,8 +168,8 @@ quillon_clone3:
     .size quillon_clone3, . - quillon_clone3
     .popsection
 )");
-// x0 flags, x1 the stack's top, x2 main, x3 argument. The top is aligned down to 16 bytes and main and argument
-// stored just below it; the new process loads them and lifts sp back to the aligned top.
+// x0 flags, x1 the stack's top, x2 main, x3 argument. The top is aligned down to 16 bytes and main and
+// argument stored just below it; the new process loads them and lifts sp back to the aligned top.
 asm(R"(
     .pushsection .text
     .globl quillon_clone

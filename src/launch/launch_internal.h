@@ -198,8 +198,8 @@ void abandon_launch(LaunchOutcome& outcome, bool detached);
 // the stack [stackLow, stackLow + stackSize) (a guard page at its low end may be part of it), created inside
 // the cgroup v2 group whose directory descriptor (O_RDONLY or O_PATH) is `cgroupFd`: the process never runs
 // outside the group. The PID, or -1 with errno: one that clone3_unusable accepts where the system can't start
-// a process inside a group that way (the caller then falls back); EBADF for a descriptor that is no v2 group's
-// directory; ENOENT for a group removed since; EACCES when this process may not write the group's
+// a process inside a group that way (the caller then falls back); EBADF for a descriptor that is no v2
+// group's directory; ENOENT for a group removed since; EACCES when this process may not write the group's
 // cgroup.procs; EBUSY for a group that has controllers enabled for its children; EAGAIN at a pids limit.
 // main's result is the exit status.
 // Called with every signal blocked, as the launch does. C linkage for the tests' link-time seam.

@@ -74,8 +74,8 @@ NEW_PROCESS_CODE long clone_detached(const DetachedStart& start) {
     void* inGroup = const_cast<NewProcessStart*>(&start.inGroup);
     int group = start.inGroup.request->cgroupFd;
     if (group < 0) return clone_vm_raw(new_process_main, inGroup, start.stackTop);
-    long pid = clone_into_cgroup_raw(new_process_main, inGroup, static_cast<char*>(start.stackTop) - kStackSize,
-                                     kStackSize, group);
+    long pid = clone_into_cgroup_raw(new_process_main, inGroup,
+                                     static_cast<char*>(start.stackTop) - kStackSize, kStackSize, group);
     if (pid >= 0 || !clone3_unusable(static_cast<int>(-pid))) return pid;
     if (start.joining.ownGroupProcs < 0) return -start.ownJoinErr;
     return clone_vm_raw(new_process_main, const_cast<NewProcessStart*>(&start.joining), start.stackTop);
@@ -102,7 +102,8 @@ NEW_PROCESS_CODE int intermediate_main(void* argument) {
 }
 
 // Runs `make` with every signal blocked, so that no handler of the JVM runs in the new process before it has
-// put its own dispositions in place; request.signalMask receives the launching thread's mask. errno is make's.
+// put its own dispositions in place; request.signalMask receives the launching thread's mask. make's errno
+// is kept.
 template <typename Make> pid_t with_signals_blocked(LaunchRequest& request, Make make) {
     sigset_t all;
     sigfillset(&all);
@@ -284,7 +285,8 @@ LaunchOutcome launch_detached(LaunchRequest& request) {
     ExecOutcomeChannel channel;
     Gate gate;
     if (!prepare(request, channel, gate, outcome)) return outcome;
-    int ends[2]; // close-on-exec, as every descriptor of the launch; the new process's sweep closes its copies
+    // The pid channel: close-on-exec, as every descriptor of the launch; the new process's sweep closes it.
+    int ends[2];
     if (pipe2(ends, O_CLOEXEC) == -1) {
         int err = errno;
         if (err == ENFILE || err == EMFILE)
@@ -305,7 +307,10 @@ LaunchOutcome launch_detached(LaunchRequest& request) {
         ownJoinErr = request.ownJoin.get() < 0 ? errno : 0;
     }
     ChildStacks stacks(2);
-    DetachedStart start = {{&request, false}, {&request, false, request.ownJoin.get()}, ownJoinErr, stacks.top(1),
+    DetachedStart start = {{&request, false},
+                           {&request, false, request.ownJoin.get()},
+                           ownJoinErr,
+                           stacks.top(1),
                            pidWrite.get()};
     auto make = [&] { return clone(intermediate_main, stacks.top(0), CLONE_VM | SIGCHLD, &start); };
     pid_t intermediate = stacks.ok() ? with_signals_blocked(request, make) : -1;
@@ -341,9 +346,9 @@ LaunchOutcome launch_detached(LaunchRequest& request) {
         hand_over_pipes(request, outcome);
         return outcome;
     }
-    // The caller frees the request once the launch returns: a new process that may still run on it (hung before
-    // its exec, held at its gate) is killed first. One that told its failure ends by itself; by its PID alone it
-    // is not signalled then, as init may have reaped it and given the PID away.
+    // The caller frees the request once the launch returns: a new process that may still run on it (hung
+    // before its exec, held at its gate) is killed first. One that told its failure ends by itself; by its
+    // PID alone it is not signalled then, as init may have reaped it and given the PID away.
     if (outcome.pidfd.get() >= 0)
         retry_on_eintr([&] { return pidfd_signal(outcome.pidfd.get(), SIGKILL); });
     else if (followedByPid && !told_by_new_process(outcome.exec))

@@ -1,5 +1,5 @@
-// Launch requests for native tests: a record and an attached or detached launch, the standard descriptors of a
-// new process set up in the calling one, and cgroup v2 groups to launch into.
+// Launch requests for native tests: a record and an attached or detached launch, the standard descriptors of
+// a new process set up in the calling one, and cgroup v2 groups to launch into.
 #pragma once
 
 #include <string>

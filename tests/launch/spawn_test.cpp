@@ -1,6 +1,6 @@
 // The launcher's side of a launch, driven through `launch` as the public API drives it: the descriptors it
-// makes, what becomes of a new process whose launch fails, and the failure a caller is told. Each case runs in
-// a child of the test, so that children, descriptors and the watchdog stay out of the test runner.
+// makes, what becomes of a new process whose launch fails, and the failure a caller is told. Each case runs
+// in a child of the test, so that children, descriptors and the watchdog stay out of the test runner.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -82,9 +82,9 @@ TEST_P(LaunchDescriptors, AreCloseOnExecFromTheirCreation) {
         seams::beforeClone = count_inheritable_at_clone;
         LaunchOutcome launched = launch(request);
         if (!c.detached && launched.pid > 0) waitpid(launched.pid, nullptr, 0);
-        return "result " + std::to_string(launched.exec.result) +
-               " inheritableAtClone " + std::to_string(inheritableAtClone) +
-               " madeInheritable " + std::to_string(seams::inheritablePipes - madeBefore);
+        return "result " + std::to_string(launched.exec.result) + " inheritableAtClone " +
+               std::to_string(inheritableAtClone) + " madeInheritable " +
+               std::to_string(seams::inheritablePipes - madeBefore);
     });
     EXPECT_EQ(outcome.report, "result 0 inheritableAtClone 0 madeInheritable 0") << outcome.err;
 }
@@ -153,12 +153,13 @@ TEST_P(LaunchIntoGroup, PutsTheProgramAndNothingElseInTheGroup) {
         request.std[1] = {kStdWrite, listing.c_str()};
         request.detached = c.detached;
         request.cgroupFd = group.fd();
-        if (c.clone3Refusal != 0) (c.detached ? seams::secondCloneIntoCgroup : seams::cloneIntoCgroup) = {1, c.clone3Refusal};
+        if (c.clone3Refusal != 0)
+            (c.detached ? seams::secondCloneIntoCgroup : seams::cloneIntoCgroup) = {1, c.clone3Refusal};
         seams::inIntermediate = record_intermediate_cgroup;
         LaunchOutcome launched = launch(request);
         if (launched.ok()) await_end(launched, c.detached);
-        std::string said = "result " + std::to_string(launched.exec.result) + "/" + std::to_string(launched.exec.sysErr) +
-                           " program " + v2_line(ReadFile(listing));
+        std::string said = "result " + std::to_string(launched.exec.result) + "/" +
+                           std::to_string(launched.exec.sysErr) + " program " + v2_line(ReadFile(listing));
         if (c.detached) said += " intermediate " + v2_line(intermediateCgroup);
         return said;
     });
@@ -182,7 +183,8 @@ INSTANTIATE_TEST_SUITE_P(Clone3, LaunchIntoGroup,
                          [](const auto& info) { return std::string(info.param.name); });
 
 std::string outcome_text(const ExecOutcome& exec) {
-    return std::to_string(exec.result) + "/" + std::to_string(exec.sysErr) + " step " + std::to_string(exec.step);
+    return std::to_string(exec.result) + "/" + std::to_string(exec.sysErr) + " step " +
+           std::to_string(exec.step);
 }
 
 // Makes this process the reaper of the orphans below it and reaps every child the moment it ends, as a busy
@@ -247,25 +249,27 @@ class EndingWithLauncher : public testing::TestWithParam<OwnFailureCase> {};
 // registration that failed meanwhile.
 TEST_P(EndingWithLauncher, IsReportedByItsOwnFailure) {
     const OwnFailureCase& c = GetParam();
-    ChildOutcome outcome = RunInChild([&] {
-        if (c.watchdogFull && !fill_watchdog()) return std::string("watchdog not filled");
-        EagerReaper reaper;
-        std::string others;
-        int wrong = 0;
-        for (int round = 0; round < c.rounds; ++round) {
-            LaunchRequest request;
-            request.executable = "/bin/true";
-            request.workingDirectory = "/no/such/directory";
-            request.detached = c.detached;
-            request.endWithLauncher = true;
-            if (c.watchdogFull) seams::beforePidfd = await_new_process_failed;
-            LaunchOutcome launched = launch(request);
-            std::string text = outcome_text(launched.exec);
-            if (text != outcome_text({PROC_INVALID_DIRECTORY, ENOENT, kStepDirectory, 0}) && wrong++ == 0)
-                others = ", first other: " + text;
-        }
-        return std::to_string(wrong) + " of " + std::to_string(c.rounds) + " told otherwise" + others;
-    }, 120);
+    ChildOutcome outcome = RunInChild(
+        [&] {
+            if (c.watchdogFull && !fill_watchdog()) return std::string("watchdog not filled");
+            EagerReaper reaper;
+            std::string others;
+            int wrong = 0;
+            for (int round = 0; round < c.rounds; ++round) {
+                LaunchRequest request;
+                request.executable = "/bin/true";
+                request.workingDirectory = "/no/such/directory";
+                request.detached = c.detached;
+                request.endWithLauncher = true;
+                if (c.watchdogFull) seams::beforePidfd = await_new_process_failed;
+                LaunchOutcome launched = launch(request);
+                std::string text = outcome_text(launched.exec);
+                if (text != outcome_text({PROC_INVALID_DIRECTORY, ENOENT, kStepDirectory, 0}) && wrong++ == 0)
+                    others = ", first other: " + text;
+            }
+            return std::to_string(wrong) + " of " + std::to_string(c.rounds) + " told otherwise" + others;
+        },
+        120);
     EXPECT_EQ(outcome.report, "0 of " + std::to_string(c.rounds) + " told otherwise")
         << "status " << outcome.status << " " << outcome.err;
 }
@@ -303,31 +307,34 @@ TEST(KilledAtTheGate, FailsTheLaunchAndSparesTheLauncher) {
 // Launches that fail after their registration give it back: retried without end, they would fill the watchdog
 // (here 47 places) until every launch that ends with the launcher is refused with ENOSPC.
 TEST(FailedLaunches, GiveTheirWatchdogRegistrationBack) {
-    ChildOutcome outcome = RunInChild([] {
-        rlimit limit = {48, 48};
-        if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return std::string("setrlimit failed");
-        int before = OpenDescriptorCount();
-        std::string failures;
-        for (int round = 0; round < 150; ++round) {
-            LaunchRequest request;
-            request.executable = "/no/such/program";
-            request.detached = round % 2 == 1;
-            request.endWithLauncher = true;
-            LaunchOutcome launched = launch(request);
-            if (outcome_text(launched.exec) != outcome_text({PROC_INVALID_EXECUTABLE, ENOENT, kStepExec, 0}) ||
-                launched.watchdogToken != 0)
-                failures += " round " + std::to_string(round) + ": " + outcome_text(launched.exec);
-        }
-        LaunchRequest valid;
-        valid.executable = "/bin/true";
-        valid.endWithLauncher = true;
-        LaunchOutcome launched = launch(valid);
-        waitpid(launched.pid, nullptr, 0);
-        watchdog_forget(launched.watchdogToken);
-        launched.pidfd.reset();
-        return "failures:" + failures + " then " + outcome_text(launched.exec) +
-               " descriptors " + std::to_string(OpenDescriptorCount() - before);
-    }, 120);
+    ChildOutcome outcome = RunInChild(
+        [] {
+            rlimit limit = {48, 48};
+            if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return std::string("setrlimit failed");
+            int before = OpenDescriptorCount();
+            std::string failures;
+            for (int round = 0; round < 150; ++round) {
+                LaunchRequest request;
+                request.executable = "/no/such/program";
+                request.detached = round % 2 == 1;
+                request.endWithLauncher = true;
+                LaunchOutcome launched = launch(request);
+                if (outcome_text(launched.exec) !=
+                        outcome_text({PROC_INVALID_EXECUTABLE, ENOENT, kStepExec, 0}) ||
+                    launched.watchdogToken != 0)
+                    failures += " round " + std::to_string(round) + ": " + outcome_text(launched.exec);
+            }
+            LaunchRequest valid;
+            valid.executable = "/bin/true";
+            valid.endWithLauncher = true;
+            LaunchOutcome launched = launch(valid);
+            waitpid(launched.pid, nullptr, 0);
+            watchdog_forget(launched.watchdogToken);
+            launched.pidfd.reset();
+            return "failures:" + failures + " then " + outcome_text(launched.exec) + " descriptors " +
+                   std::to_string(OpenDescriptorCount() - before);
+        },
+        120);
     // The one descriptor left is the launcher's end of the watchdog's socket.
     EXPECT_EQ(outcome.report, "failures: then " + outcome_text({}) + " descriptors 1") << outcome.err;
 }
@@ -380,7 +387,8 @@ TEST_P(FailedLaunch, LeavesNoProcessBehind) {
     Fifo fifo;
     ASSERT_FALSE(fifo.path().empty());
     ChildOutcome outcome = RunInChild([&] {
-        if (c.fault == LaunchFault::WatchdogFull && !fill_watchdog()) return std::string("watchdog not filled");
+        if (c.fault == LaunchFault::WatchdogFull && !fill_watchdog())
+            return std::string("watchdog not filled");
         LaunchRequest request;
         request.executable = "/bin/true";
         request.std[0] = {kStdRead, fifo.path().c_str()};
@@ -475,13 +483,14 @@ TEST_P(SignalBeforeExec, WaitsUntilTheExecAndNeverDumpsCore) {
             usleep(1000);
         }
         launcher.join();
-        std::string end = launched.ok() && WIFEXITED(status)     ? "exit " + std::to_string(WEXITSTATUS(status))
-                          : launched.ok() && WIFSIGNALED(status) ? "signal " + std::to_string(WTERMSIG(status))
-                                                                 : "none";
+        std::string end = launched.ok() && WIFEXITED(status) ? "exit " + std::to_string(WEXITSTATUS(status))
+                          : launched.ok() && WIFSIGNALED(status)
+                              ? "signal " + std::to_string(WTERMSIG(status))
+                              : "none";
         return outcome_text(launched.exec) + " detail " + std::to_string(launched.exec.detail) + ", " + end;
     });
-    EXPECT_EQ(outcome.report, outcome_text(c.expected) + " detail " + std::to_string(c.expected.detail) + ", " +
-                                  c.end)
+    EXPECT_EQ(outcome.report,
+              outcome_text(c.expected) + " detail " + std::to_string(c.expected.detail) + ", " + c.end)
         << "status " << outcome.status;
 }
 
@@ -491,11 +500,12 @@ constexpr ExecOutcome failedBy(int signal) {
 
 INSTANTIATE_TEST_SUITE_P(
     HungOnItsStdin, SignalBeforeExec,
-    testing::Values(PendingSignalCase{"quitAtDefault", SIGQUIT, Disposition::Default, failedBy(SIGQUIT), "none"},
-                    PendingSignalCase{"quitCaught", SIGQUIT, Disposition::Caught, failedBy(SIGQUIT), "none"},
-                    PendingSignalCase{"abortAtDefault", SIGABRT, Disposition::Default, failedBy(SIGABRT), "none"},
-                    PendingSignalCase{"quitIgnored", SIGQUIT, Disposition::Ignored, {}, "exit 0"},
-                    PendingSignalCase{"quitBlocked", SIGQUIT, Disposition::Blocked, {}, "exit 0"},
-                    PendingSignalCase{"terminate", SIGTERM, Disposition::Default, {}, "signal 15"}),
+    testing::Values(
+        PendingSignalCase{"quitAtDefault", SIGQUIT, Disposition::Default, failedBy(SIGQUIT), "none"},
+        PendingSignalCase{"quitCaught", SIGQUIT, Disposition::Caught, failedBy(SIGQUIT), "none"},
+        PendingSignalCase{"abortAtDefault", SIGABRT, Disposition::Default, failedBy(SIGABRT), "none"},
+        PendingSignalCase{"quitIgnored", SIGQUIT, Disposition::Ignored, {}, "exit 0"},
+        PendingSignalCase{"quitBlocked", SIGQUIT, Disposition::Blocked, {}, "exit 0"},
+        PendingSignalCase{"terminate", SIGTERM, Disposition::Default, {}, "signal 15"}),
     [](const auto& info) { return std::string(info.param.name); });
 } // namespace

@@ -78,7 +78,8 @@ pid_t __wrap_clone_into_cgroup(int (*main)(void*), void* argument, void* stackLo
 }
 NEW_PROCESS_CODE long __wrap_clone_vm_raw(int (*main)(void*), void* argument, void* stackTop) {
     if (void (*hook)() = seams::inIntermediate.exchange(nullptr)) hook();
-    return strikes(seams::secondClone) ? -seams::secondClone.err : __real_clone_vm_raw(main, argument, stackTop);
+    return strikes(seams::secondClone) ? -seams::secondClone.err
+                                       : __real_clone_vm_raw(main, argument, stackTop);
 }
 NEW_PROCESS_CODE long __wrap_clone_into_cgroup_raw(int (*main)(void*), void* argument, void* stackLow,
                                                    size_t stackSize, int cgroupFd) {

@@ -21,7 +21,7 @@ extern Fault clone; // the launcher's: an attached launch's new process, a detac
 extern Fault secondClone;           // a plain one
 extern Fault secondCloneIntoCgroup; // into a v2 group
 extern Fault cloneIntoCgroup; // clone_into_cgroup, as ENOSYS on a kernel without clone3
-extern Fault pipe;  // pipe and pipe2
+extern Fault pipe;            // pipe and pipe2
 // Pipes made inheritable (pipe, or pipe2 without O_CLOEXEC) since the start, by any thread.
 extern std::atomic<int> inheritablePipes;
 extern Fault pidfd; // pidfd_open, as on a kernel without it
@@ -37,7 +37,7 @@ struct SelectFake {
 extern SelectFake select;
 // Runs once, in the next clone or clone_into_cgroup, before the new process is made (then disarms itself).
 extern std::atomic<void (*)()> beforeClone;
-// Runs once, in a detached launch's intermediate process before its clone (then disarms itself). It shares the
-// test's memory and thread pointer: raw system calls only.
+// Runs once, in a detached launch's intermediate process before its clone (then disarms itself). It shares
+// the test's memory and thread pointer: raw system calls only.
 extern std::atomic<void (*)()> inIntermediate;
 } // namespace seams
