@@ -180,9 +180,9 @@ NEW_PROCESS_CODE ExecOutcome join_group(int procs, int detail) {
 // Joins the groups of its contained tree that it could not be started in: before anything else, so that
 // nothing it does afterwards runs outside them.
 NEW_PROCESS_CODE ExecOutcome join_groups(const LaunchRequest& request, int ownGroupProcs) {
-    ExecOutcome joined = ownGroupProcs >= 0 ? join_group(ownGroupProcs, 2) : ExecOutcome{};
+    ExecOutcome joined = ownGroupProcs >= 0 ? join_group(ownGroupProcs, kJoinDetail + 2) : ExecOutcome{};
     for (int i = 0; i < 3 && joined.result == PROC_SUCCESS; ++i)
-        if (request.joins[i] >= 0) joined = join_group(request.joins[i], i);
+        if (request.joins[i] >= 0) joined = join_group(request.joins[i], kJoinDetail + i);
     return joined;
 }
 

@@ -94,10 +94,15 @@ enum LaunchStep : int {
     kStepProcessGroup = 7,
     kStepStdHandle = 8,   // detail: the descriptor, 0 to 2
     kStepExec = 9,
-    kStepCgroup = 10,     // joining a group of its contained tree; detail: which
+    kStepCgroup = 10,     // the groups of its contained tree; detail: see kJoinDetail
     kStepLimit = 11,      // detail: the resource (RLIMIT_*)
     kStepWatchdog = 12,   // the launcher could not have it ended with itself
 };
+
+// kStepCgroup's detail for a group the new process could not join: kJoinDetail + i for joins[i], and
+// kJoinDetail + 2 for its own v2 group. Apart from 1 and 2, with which a refused limit names the controller
+// no hierarchy carries (memory, pids), and from 0, the groups themselves.
+constexpr int kJoinDetail = 3;
 
 // A resource limit the new process sets on itself before its exec.
 struct LimitRequest {

@@ -508,4 +508,51 @@ INSTANTIATE_TEST_SUITE_P(
         PendingSignalCase{"quitBlocked", SIGQUIT, Disposition::Blocked, {}, "exit 0"},
         PendingSignalCase{"terminate", SIGTERM, Disposition::Default, {}, "signal 15"}),
     [](const auto& info) { return std::string(info.param.name); });
+
+struct JoinCase {
+    const char* name;
+    int group; // 0, 1: the tree's v1 groups (joins[group]); 2: its v2 group, where clone3 can't start it
+    bool detached;
+};
+
+class UnjoinableGroup : public testing::TestWithParam<JoinCase> {};
+
+// A group the new process can't write itself into (here a cgroup.procs that is /dev/full) fails the launch
+// as a join, with its errno. The details 1 and 2 would make the API name a controller missing from every
+// hierarchy, which is not what happened.
+TEST_P(UnjoinableGroup, IsToldAsAJoinAndNotAsAMissingController) {
+    const JoinCase& c = GetParam();
+    char dir[] = "/tmp/quillon-group-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    std::string procs = std::string(dir) + "/cgroup.procs";
+    ASSERT_EQ(symlink("/dev/full", procs.c_str()), 0);
+    ChildOutcome outcome = RunInChild([&] {
+        LaunchRequest request;
+        request.executable = "/bin/true";
+        request.detached = c.detached;
+        UniqueFd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
+        UniqueFd group(open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (c.group < 2) {
+            request.joins[c.group] = full.get();
+        } else {
+            request.cgroupFd = group.get();
+            (c.detached ? seams::secondCloneIntoCgroup : seams::cloneIntoCgroup) = {1, ENOSYS};
+        }
+        LaunchOutcome launched = launch(request);
+        if (launched.ok() && !c.detached) waitpid(launched.pid, nullptr, 0);
+        int detail = launched.exec.detail;
+        bool namesController = detail == 1 || detail == 2;
+        return outcome_text(launched.exec) + (namesController ? " naming a controller" : " a join");
+    });
+    unlink(procs.c_str());
+    rmdir(dir);
+    EXPECT_EQ(outcome.report, outcome_text({PROC_SYSTEM_ERR, ENOSPC, kStepCgroup, 0}) + " a join");
+}
+
+INSTANTIATE_TEST_SUITE_P(DevFull, UnjoinableGroup,
+                         testing::Values(JoinCase{"firstV1Group", 0, false},
+                                         JoinCase{"secondV1Group", 1, false},
+                                         JoinCase{"ownV2Group", 2, false},
+                                         JoinCase{"ownV2GroupDetached", 2, true}),
+                         [](const auto& info) { return std::string(info.param.name); });
 } // namespace
