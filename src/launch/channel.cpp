@@ -49,15 +49,15 @@ int64_t unix_getStartProcessTimeout() {
 int ExecOutcomeChannel::open(int* sysErr) {
     TraceScope trace("InitializePipe()");
     int ends[2];
-    if (pipe(ends) == -1) {
+    // Close-on-exec from the start: a program another thread starts meanwhile must not hold the write end, or
+    // the wait would last its whole limit and kill a program that exec'd fine.
+    if (pipe2(ends, O_CLOEXEC) == -1) {
         *sysErr = errno;
         process_err("Unable to initial pipe. errno=[%d]\n", *sysErr);
         return PROC_SYSTEM_ERR;
     }
     read_.reset(keep_above_standard(ends[0], true));
     write_.reset(keep_above_standard(ends[1], true));
-    fcntl(read_.get(), F_SETFD, FD_CLOEXEC);
-    fcntl(write_.get(), F_SETFD, FD_CLOEXEC);
     return PROC_SUCCESS;
 }
 

@@ -24,6 +24,28 @@ NEW_PROCESS_CODE void reset_signal_handlers() {
         if (signal != SIGKILL && signal != SIGSTOP) sys_set_disposition(signal, SIG_DFL, true);
 }
 
+// Every signal stays blocked in the new process until right before its exec. One that dumps core, left at its
+// default and sent meanwhile, is taken off here rather than delivered: its dump would start while the process
+// still shares the launcher's memory, and before Linux 5.16 such a dump kills every process sharing it. The
+// signal taken, or else 0 once the launching thread's mask is restored, which delivers any other one.
+NEW_PROCESS_CODE int unblock_signals(const LaunchRequest& request) {
+    constexpr int kDumping[] = {SIGQUIT, SIGILL,  SIGTRAP, SIGABRT, SIGBUS,
+                                SIGFPE,  SIGSEGV, SIGXCPU, SIGXFSZ, SIGSYS};
+    unsigned long restored = 0;
+    memcpy(&restored, &request.signalMask, sizeof restored);
+    unsigned long dumping = 0;
+    for (int signal : kDumping) {
+        unsigned long bit = 1UL << (signal - 1);
+        void (*handler)(int) = SIG_IGN;
+        if ((restored & bit) == 0 && sys_get_disposition(signal, &handler) == 0 && handler == SIG_DFL)
+            dumping |= bit;
+    }
+    long taken = dumping != 0 ? sys_take_pending_signal(&dumping) : 0;
+    if (taken > 0) return static_cast<int>(taken);
+    sys_set_signal_mask(&request.signalMask);
+    return 0;
+}
+
 // Closes [first, last]: close_range, or one close per number below the limit from sysconf where the kernel
 // has no close_range.
 NEW_PROCESS_CODE void close_span(unsigned first, unsigned last, int openMax) {
@@ -117,14 +139,30 @@ NEW_PROCESS_CODE int exec_program(const LaunchRequest& request) {
     return deniedSomewhere ? EACCES : static_cast<int>(-result);
 }
 
-// The failure record over the channel, in one write: sysErr, the result, the step and its detail.
+// The launcher lets a process that must end with it exec only once it knows the process: a byte comes. End
+// of file instead: the launcher failed, or ended meanwhile. Whether the byte came.
+NEW_PROCESS_CODE bool gate_opens(int gate) {
+    char byte;
+    long got;
+    do {
+        got = sys_read(gate, &byte, 1);
+    } while (got == -EINTR);
+    return got == 1;
+}
+
+// The failure record over the channel, in one write, and the end. A process that must end with the launcher
+// and has not passed its gate yet (`gate`, else -1) waits there first, for the byte or end of file: until the
+// launcher holds its pidfd nothing may reap it, or the launcher would see it gone (or its PID taken by
+// another process) instead of its failure. Nothing of the request is read once the record is out: the
+// launcher may free it then.
 NEW_PROCESS_CODE [[noreturn]] void report_failure(const LaunchRequest& request, const ChildContext& context,
-                                                  const ExecOutcome& failure) {
+                                                  const ExecOutcome& failure, int gate) {
     char text[64];
     child_err(context, "Unable to launch process.  An error occurred.  Return value: [%d] errno: [%d] [%s]\n",
               failure.result, failure.sysErr, error_text(failure.sysErr, text));
     const int record[4] = {failure.sysErr, failure.result, failure.step, failure.detail};
     sys_write(request.writeEnd, record, sizeof record);
+    if (gate >= 0) gate_opens(gate);
     sys_exit(255);
 }
 
@@ -132,15 +170,20 @@ NEW_PROCESS_CODE ExecOutcome failed(int result, int sysErr, int step, int detail
     return {result, sysErr, step, detail};
 }
 
+// Writes the process into the group whose cgroup.procs is `procs`.
+NEW_PROCESS_CODE ExecOutcome join_group(int procs, int detail) {
+    long written = sys_write(procs, "0", 1);
+    if (written == 1) return {};
+    return failed(PROC_SYSTEM_ERR, written < 0 ? static_cast<int>(-written) : EIO, kStepCgroup, detail);
+}
+
 // Joins the groups of its contained tree that it could not be started in: before anything else, so that
 // nothing it does afterwards runs outside them.
-NEW_PROCESS_CODE ExecOutcome join_groups(const LaunchRequest& request) {
-    for (int i = 0; i < 3; ++i) {
-        if (request.joins[i] < 0) continue;
-        long written = sys_write(request.joins[i], "0", 1);
-        if (written != 1) return failed(PROC_SYSTEM_ERR, written < 0 ? static_cast<int>(-written) : EIO, kStepCgroup, i);
-    }
-    return {};
+NEW_PROCESS_CODE ExecOutcome join_groups(const LaunchRequest& request, int ownGroupProcs) {
+    ExecOutcome joined = ownGroupProcs >= 0 ? join_group(ownGroupProcs, kJoinDetail + 2) : ExecOutcome{};
+    for (int i = 0; i < 3 && joined.result == PROC_SUCCESS; ++i)
+        if (request.joins[i] >= 0) joined = join_group(request.joins[i], kJoinDetail + i);
+    return joined;
 }
 
 // The resource limits asked for, set while the process may still raise a hard limit (before its user changes).
@@ -154,16 +197,9 @@ NEW_PROCESS_CODE ExecOutcome set_limits(const LaunchRequest& request) {
     return {};
 }
 
-// The launcher lets a process that must end with it exec only once it knows the process: a byte comes. End
-// of file instead (the launcher failed, or ended meanwhile): the process ends without its exec.
+// Before its exec, a process that must end with the launcher waits at its gate; without the byte it ends.
 NEW_PROCESS_CODE void pass_gate(const LaunchRequest& request) {
-    if (request.gate < 0) return;
-    char byte;
-    long got;
-    do {
-        got = sys_read(request.gate, &byte, 1);
-    } while (got == -EINTR);
-    if (got != 1) sys_exit(255);
+    if (request.gate >= 0 && !gate_opens(request.gate)) sys_exit(255);
 }
 
 // nice, when one is asked for. A change the system refuses or limits leaves the process where it is; that
@@ -226,7 +262,8 @@ NEW_PROCESS_CODE ExecOutcome SetupChildContext(const LaunchRequest& request, con
     return SetupChildStdHandles(request, context);
 }
 
-NEW_PROCESS_CODE void run_new_process(const LaunchRequest& request, bool attached) {
+NEW_PROCESS_CODE void run_new_process(const NewProcessStart& start) {
+    const LaunchRequest& request = *start.request;
     ChildContext context = request.context; // a copy of its own: the trace settings change below
     reset_signal_handlers();
     int pid = static_cast<int>(sys_getpid());
@@ -238,19 +275,17 @@ NEW_PROCESS_CODE void run_new_process(const LaunchRequest& request, bool attache
         sys_set_disposition(SIGTTOU, SIG_IGN, false);
         sys_set_disposition(SIGTTIN, SIG_IGN, false);
     }
-    sys_set_signal_mask(&request.signalMask);
-    ExecOutcome joined = join_groups(request);
-    if (joined.result != PROC_SUCCESS) report_failure(request, context, joined);
+    ExecOutcome joined = join_groups(request, start.ownGroupProcs);
+    if (joined.result != PROC_SUCCESS) report_failure(request, context, joined, request.gate);
     close_inherited_descriptors(request);
 
     ExecOutcome limited = set_limits(request);
-    if (limited.result != PROC_SUCCESS) report_failure(request, context, limited);
+    if (limited.result != PROC_SUCCESS) report_failure(request, context, limited, request.gate);
     ExecOutcome setup = SetupChildContext(request, context);
-    if (setup.result != PROC_SUCCESS) report_failure(request, context, setup);
-    if (attached)
-        child_log(context, "Past SetupChildContext.  Return value was: [%d] and sysErr was: [%d]\n", setup.result,
-                  setup.sysErr);
-    sys_fcntl(request.writeEnd, F_SETFD, FD_CLOEXEC);
+    if (setup.result != PROC_SUCCESS) report_failure(request, context, setup, request.gate);
+    if (start.attached)
+        child_log(context, "Past SetupChildContext.  Return value was: [%d] and sysErr was: [%d]\n",
+                  setup.result, setup.sysErr);
     const int kept[2] = {request.writeEnd < request.gate ? request.writeEnd : request.gate,
                          request.writeEnd < request.gate ? request.gate : request.writeEnd};
     if (request.gate >= 0)
@@ -259,8 +294,12 @@ NEW_PROCESS_CODE void run_new_process(const LaunchRequest& request, bool attache
         close_descriptors_except(&request.writeEnd, 1, request.openMax);
     if (context.debug) dump_launch(request, context);
     pass_gate(request);
+    int dumping = unblock_signals(request);
+    if (dumping != 0)
+        report_failure(request, context, failed(PROC_SYSTEM_ERR, EINTR, kStepExec, dumping), -1);
 
     int err = exec_program(request);
-    report_failure(request, context,
-                   failed(result_for_errno(err, {ENOENT, EACCES, ENOEXEC, EPERM}, PROC_INVALID_EXECUTABLE), err, kStepExec));
+    int result = result_for_errno(err, {ENOENT, EACCES, ENOEXEC, EPERM}, PROC_INVALID_EXECUTABLE);
+    // Past the gate: the launcher holds its pidfd, the process may end at once.
+    report_failure(request, context, failed(result, err, kStepExec), -1);
 }

@@ -2,6 +2,7 @@
 // made, and the new process's sequence, which only makes system calls over what the request holds.
 #pragma once
 
+#include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <optional>
@@ -93,10 +94,15 @@ enum LaunchStep : int {
     kStepProcessGroup = 7,
     kStepStdHandle = 8,   // detail: the descriptor, 0 to 2
     kStepExec = 9,
-    kStepCgroup = 10,     // joining a group of its contained tree; detail: which
+    kStepCgroup = 10,     // the groups of its contained tree; detail: see kJoinDetail
     kStepLimit = 11,      // detail: the resource (RLIMIT_*)
     kStepWatchdog = 12,   // the launcher could not have it ended with itself
 };
+
+// kStepCgroup's detail for a group the new process could not join: kJoinDetail + i for joins[i], and
+// kJoinDetail + 2 for its own v2 group. Apart from 1 and 2, with which a refused limit names the controller
+// no hierarchy carries (memory, pids), and from 0, the groups themselves.
+constexpr int kJoinDetail = 3;
 
 // A resource limit the new process sets on itself before its exec.
 struct LimitRequest {
@@ -159,7 +165,7 @@ struct LaunchRequest : NoCopy {
     sigset_t signalMask;         // the launching thread's, for the new process to restore
     int writeEnd = -1;           // the exec-outcome channel's
     int gate = -1;               // endWithLauncher: the new process waits for a byte here before its exec
-    UniqueFd ownJoin;            // the v2 group's cgroup.procs, when clone3 can't start the process in it
+    UniqueFd ownJoin;            // the v2 group's cgroup.procs, for a process that can't be started inside it
 
     ~LaunchRequest();
 };
@@ -186,8 +192,9 @@ void request_from_arguments(LaunchRequest* request, const char* executable, char
 // descriptors, trace switches. A result code; on failure sysErr says why.
 int resolve_request(LaunchRequest* request, int* sysErr);
 
-// The launch, attached or detached as the request says. A new process whose launch failed is gone
-// when it returns (a detached one ends by itself).
+// The launch, attached or detached as the request says. When a launch that made a new process fails, the
+// process is gone or killed when it returns (a detached one is init's to reap), and the failure is the new
+// process's own where it reported one; a failed outcome holds no watchdog registration.
 LaunchOutcome launch(LaunchRequest& request);
 // Ends the process of a successful launch that can't be followed after all, and reaps an attached one.
 void abandon_launch(LaunchOutcome& outcome, bool detached);
@@ -195,14 +202,28 @@ void abandon_launch(LaunchOutcome& outcome, bool detached);
 // Makes a process that shares this one's memory (CLONE_VM, exit signal SIGCHLD) and runs main(argument) on
 // the stack [stackLow, stackLow + stackSize) (a guard page at its low end may be part of it), created inside
 // the cgroup v2 group whose directory descriptor (O_RDONLY or O_PATH) is `cgroupFd`: the process never runs
-// outside the group. The PID, or -1 with errno: ENOSYS or E2BIG on a kernel without clone3 or
-// CLONE_INTO_CGROUP (the caller then falls back); EBADF for a descriptor that is no v2 group's directory;
-// ENOENT for a group removed since; EACCES when this process may not write the group's cgroup.procs; EBUSY
-// for a group that has controllers enabled for its children; EAGAIN at a pids limit. main's result is the
-// exit status.
-// Called with every signal blocked, as clone_blocked does. C linkage for the tests' link-time seam.
+// outside the group. The PID, or -1 with errno: one that clone3_unusable accepts where the system can't start
+// a process inside a group that way (the caller then falls back); EBADF for a descriptor that is no v2
+// group's directory; ENOENT for a group removed since; EACCES when this process may not write the group's
+// cgroup.procs; EBUSY for a group that has controllers enabled for its children; EAGAIN at a pids limit.
+// main's result is the exit status.
+// Called with every signal blocked, as the launch does. C linkage for the tests' link-time seam.
 extern "C" pid_t clone_into_cgroup(int (*main)(void*), void* argument, void* stackLow, size_t stackSize,
                                    int cgroupFd);
+// The same without the C library, for a new process to call: the PID or -errno, and nothing but the new stack
+// is written.
+extern "C" long clone_into_cgroup_raw(int (*main)(void*), void* argument, void* stackLow, size_t stackSize,
+                                      int cgroupFd);
+// clone(CLONE_VM, exit signal SIGCHLD) of main(argument) on the stack whose top is `stackTop`, without the C
+// library: the PID or -errno.
+extern "C" long clone_vm_raw(int (*main)(void*), void* argument, void* stackTop);
+// Whether clone3 refused to start a process inside a group because this system can't do it that way, so that
+// a plain clone and a join are the way: no clone3 (before 5.3) or a seccomp filter refusing it (ENOSYS, or
+// EPERM in older filters); no CLONE_INTO_CGROUP (5.3 to 5.6: E2BIG for the larger argument, EINVAL for the
+// flag).
+NEW_PROCESS_CODE constexpr bool clone3_unusable(int err) {
+    return err == ENOSYS || err == E2BIG || err == EINVAL || err == EPERM;
+}
 
 // ---- The exec-outcome channel, in the launching process ----
 class ExecOutcomeChannel : NoCopy {
@@ -268,5 +289,11 @@ class ChildTraceScope : NoCopy {
 // The new process's context and its standard descriptors: a failure's result, sysErr and step.
 ExecOutcome SetupChildStdHandles(const LaunchRequest& request, const ChildContext& context);
 ExecOutcome SetupChildContext(const LaunchRequest& request, const ChildContext& context);
+// What a new process is started with.
+struct NewProcessStart {
+    const LaunchRequest* request;
+    bool attached;          // the launcher's child (else init's, or the nearest subreaper's)
+    int ownGroupProcs = -1; // not started inside its v2 group: that group's cgroup.procs, to join first thing
+};
 // The new process's whole sequence: it execs the program, or reports over the channel and exits.
-[[noreturn]] void run_new_process(const LaunchRequest& request, bool attached);
+[[noreturn]] void run_new_process(const NewProcessStart& start);

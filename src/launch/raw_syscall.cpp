@@ -127,6 +127,16 @@ THREADLESS_CODE long sys_set_disposition(int signal, void (*disposition)(int), b
 THREADLESS_CODE long sys_set_signal_mask(const sigset_t* mask) {
     return raw(SYS_rt_sigprocmask, SIG_SETMASK, as_long(mask), 0, 8);
 }
+NEW_PROCESS_CODE long sys_get_disposition(int signal, void (**handler)(int)) {
+    KernelSigaction action = {};
+    long result = raw(SYS_rt_sigaction, signal, 0, as_long(&action), sizeof action.mask);
+    if (result == 0) *handler = action.handler;
+    return result;
+}
+NEW_PROCESS_CODE long sys_take_pending_signal(const unsigned long* set) {
+    struct timespec none = {0, 0};
+    return raw(SYS_rt_sigtimedwait, as_long(set), 0, as_long(&none), sizeof *set);
+}
 THREADLESS_CODE long sys_setsid() {
     return raw(SYS_setsid);
 }

@@ -36,6 +36,11 @@ long sys_execve(const char* path, char* const* argv, char* const* envp);
 // Sets the disposition of a signal to SIG_DFL or SIG_IGN; with `onlyIfCaught`, only a caught signal's.
 long sys_set_disposition(int signal, void (*disposition)(int), bool onlyIfCaught);
 long sys_set_signal_mask(const sigset_t* mask);
+// The disposition of a signal into `handler` (SIG_DFL, SIG_IGN or a handler): 0 or -errno.
+long sys_get_disposition(int signal, void (**handler)(int));
+// Takes one pending signal of `set` (the kernel's 64-bit set) off without waiting: its number, or -EAGAIN
+// when none is pending.
+long sys_take_pending_signal(const unsigned long* set);
 long sys_setsid();
 long sys_set_name(const char* name);
 // The calling process's limit of `resource`: the old one into `old`, then `limit` where not null.

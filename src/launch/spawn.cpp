@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <sched.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #if defined(__SANITIZE_ADDRESS__)
@@ -54,70 +55,78 @@ class ChildStacks : NoCopy {
     char* base_ = nullptr;
 };
 
+NEW_PROCESS_CODE int new_process_main(void* start) {
+    run_new_process(*static_cast<const NewProcessStart*>(start));
+}
+
+// What the intermediate process of a detached launch needs: the new process's start, inside its v2 group or
+// (where the system can't start it there) joining it itself, its stack and the pid channel.
 struct DetachedStart {
-    LaunchRequest* request;
-    int channel[2];
-    int pidChannel[2];
-    void* grandchildStack;
+    NewProcessStart inGroup;
+    NewProcessStart joining;
+    int ownJoinErr; // why the group's cgroup.procs could not be opened, when it could not
+    void* stackTop;
+    int pidWriteEnd;
 };
 
-NEW_PROCESS_CODE int attached_main(void* request) {
-    run_new_process(*static_cast<LaunchRequest*>(request), true);
+// Makes the new process of a detached launch: the PID or -errno.
+NEW_PROCESS_CODE long clone_detached(const DetachedStart& start) {
+    void* inGroup = const_cast<NewProcessStart*>(&start.inGroup);
+    int group = start.inGroup.request->cgroupFd;
+    if (group < 0) return clone_vm_raw(new_process_main, inGroup, start.stackTop);
+    long pid = clone_into_cgroup_raw(new_process_main, inGroup,
+                                     static_cast<char*>(start.stackTop) - kStackSize, kStackSize, group);
+    if (pid >= 0 || !clone3_unusable(static_cast<int>(-pid))) return pid;
+    if (start.joining.ownGroupProcs < 0) return -start.ownJoinErr;
+    return clone_vm_raw(new_process_main, const_cast<NewProcessStart*>(&start.joining), start.stackTop);
 }
 
-NEW_PROCESS_CODE int detached_main(void* request) {
-    run_new_process(*static_cast<LaunchRequest*>(request), false);
-}
-
-// The intermediate process of a detached launch: it makes the new process, reports its PID and ends,
-// so that the new process passes to init. All signals stay blocked in it.
+// The intermediate process of a detached launch: it makes the new process, sends its PID (or -errno) over the
+// pid channel and ends, so that the new process passes to init. It is made outside the tree's v2 group, so
+// that only the new process ever counts there (against a process limit of 1, say). It shares the launching
+// thread's errno too, so it makes the new process without the C library. All signals stay blocked in it.
 NEW_PROCESS_CODE int intermediate_main(void* argument) {
-    const DetachedStart& start = *static_cast<DetachedStart*>(argument);
-    const ChildContext& context = start.request->context;
-    pid_t pid = clone(detached_main, start.grandchildStack, CLONE_VM | SIGCHLD, start.request);
-    int status = 0;
-    if (pid == -1) {
-        // errno is the launching thread's too; it is blocked in read and doesn't look at it.
-        int err = errno;
+    const DetachedStart& start = *static_cast<const DetachedStart*>(argument);
+    long pid = clone_detached(start);
+    if (pid < 0) {
+        const ChildContext& context = start.inGroup.request->context;
+        int err = static_cast<int>(-pid);
         if (err == ENOMEM || err == EAGAIN)
             child_err(context, "Unable to fork second process, out of memory or over limit. errno=[%d]", err);
         else
             child_err(context, "Unable to fork second process. errno=[%d]", err);
-        status = 255;
-    } else {
-        sys_write(start.pidChannel[1], &pid, sizeof pid);
     }
-    sys_close(start.pidChannel[0]);
-    sys_close(start.pidChannel[1]);
-    sys_close(start.channel[0]);
-    sys_close(start.channel[1]);
-    sys_exit(status);
+    const int word = static_cast<int>(pid);
+    sys_write(start.pidWriteEnd, &word, sizeof word);
+    return 0;
 }
 
-// clone with every signal blocked, so that no handler of the JVM runs in the new process before it has
-// put its own dispositions in place; `saved` receives the launching thread's mask. With a cgroup v2 group,
-// the process starts in it; where the system can't do that (no clone3 or CLONE_INTO_CGROUP), a plain clone,
-// and the new process joins the group itself first thing (`ownJoin`).
-pid_t clone_blocked(int (*main)(void*), void* stackTop, void* argument, LaunchRequest& request) {
+// Runs `make` with every signal blocked, so that no handler of the JVM runs in the new process before it has
+// put its own dispositions in place; request.signalMask receives the launching thread's mask. make's errno
+// is kept.
+template <typename Make> pid_t with_signals_blocked(LaunchRequest& request, Make make) {
     sigset_t all;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &request.signalMask);
-    pid_t pid = -1;
-    bool plain = request.cgroupFd < 0 || request.ownJoin.get() >= 0;
-    if (!plain) {
-        pid = clone_into_cgroup(main, argument, static_cast<char*>(stackTop) - kStackSize, kStackSize,
-                                request.cgroupFd);
-        if (pid == -1 && (errno == ENOSYS || errno == E2BIG)) {
-            request.ownJoin.reset(openat(request.cgroupFd, "cgroup.procs", O_WRONLY | O_CLOEXEC));
-            request.joins[2] = request.ownJoin.get();
-            plain = request.ownJoin.get() >= 0;
-        }
-    }
-    if (plain) pid = clone(main, stackTop, CLONE_VM | SIGCHLD, argument);
+    pid_t pid = make();
     int err = errno;
     pthread_sigmask(SIG_SETMASK, &request.signalMask, nullptr);
     errno = err;
     return pid;
+}
+
+// The new process of an attached launch, inside its v2 group when it has one. Where the system can't start
+// it there (clone3_unusable), a plain clone, and the new process joins the group itself first thing.
+pid_t clone_attached(NewProcessStart& start, void* stackTop, LaunchRequest& request) {
+    if (request.cgroupFd >= 0) {
+        pid_t pid = clone_into_cgroup(new_process_main, &start, static_cast<char*>(stackTop) - kStackSize,
+                                      kStackSize, request.cgroupFd);
+        if (pid != -1 || !clone3_unusable(errno)) return pid;
+        request.ownJoin.reset(openat(request.cgroupFd, "cgroup.procs", O_WRONLY | O_CLOEXEC));
+        if (request.ownJoin.get() < 0) return -1;
+        start.ownGroupProcs = request.ownJoin.get();
+    }
+    return clone(new_process_main, stackTop, CLONE_VM | SIGCHLD, &start);
 }
 
 void kill_and_reap(int pid) {
@@ -143,19 +152,26 @@ bool gone_within(int pidfd, int pid, int millis) {
     return true;
 }
 
-// The pipe whose byte lets a new process that must end with the launcher exec.
+// Where a new process that must end with the launcher waits for the byte that lets it exec.
+// A connected socket pair rather than a pipe, so that the byte sent to a process that was killed meanwhile
+// fails with EPIPE and raises no SIGPIPE in the launcher (MSG_NOSIGNAL).
 struct Gate {
     UniqueFd readEnd;
     UniqueFd writeEnd;
     bool open(int* sysErr) {
         int ends[2];
-        if (pipe2(ends, O_CLOEXEC) != 0) {
+        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
             *sysErr = errno;
             return false;
         }
         readEnd.reset(keep_above_standard(ends[0], true));
         writeEnd.reset(keep_above_standard(ends[1], true));
         return true;
+    }
+    // 1 when the byte went, else -1 with errno.
+    ssize_t let_through() {
+        char byte = 1;
+        return retry_on_eintr([&] { return send(writeEnd.get(), &byte, 1, MSG_NOSIGNAL); });
     }
 };
 
@@ -181,30 +197,45 @@ bool prepare(LaunchRequest& request, ExecOutcomeChannel& channel, Gate& gate, La
     return true;
 }
 
+// The outcome's pidfd for the new process: 0, or why there is none (ESRCH: the process is gone already).
+int open_pidfd(LaunchOutcome& outcome) {
+    outcome.pidfd.reset(pidfd_or_trace(outcome.pid));
+    return outcome.pidfd.get() >= 0 ? 0 : errno;
+}
+
 // Lets a new process that must end with the launcher exec, once the watchdog knows it (its group's
-// registration, made before the launch, or its own, made here). False with the outcome's failure: the gate
-// then closes without a byte, and the new process ends.
-bool open_gate(LaunchRequest& request, Gate& gate, int pid, LaunchOutcome& outcome) {
+// registration, made before the launch, or its own, made here through the outcome's pidfd; `pidfdErr` says
+// why there is none). False with the outcome's failure: the caller kills the new process, and the gate closes
+// without a byte.
+bool open_gate(LaunchRequest& request, Gate& gate, LaunchOutcome& outcome, int pidfdErr) {
     if (!request.endWithLauncher) return true;
     gate.readEnd.reset();
     if (!request.registeredByGroup) {
-        outcome.pidfd.reset(pidfd_or_trace(pid));
-        outcome.watchdogToken = outcome.pidfd.get() >= 0 ? watchdog_register_process(outcome.pidfd.get()) : 0;
+        outcome.watchdogToken = pidfdErr == 0 ? watchdog_register_process(outcome.pidfd.get()) : 0;
         if (outcome.watchdogToken == 0) {
-            int err = errno;
-            gate.writeEnd.reset();
-            fail(outcome, PROC_SYSTEM_ERR, err);
-            outcome.exec.step = kStepWatchdog;
+            outcome.exec = {PROC_SYSTEM_ERR, pidfdErr != 0 ? pidfdErr : errno, kStepWatchdog, 0};
             return false;
         }
     }
-    char byte = 1;
-    ssize_t sent = retry_on_eintr([&] { return write(gate.writeEnd.get(), &byte, 1); });
-    gate.writeEnd.reset();
-    if (sent == 1) return true;
-    fail(outcome, PROC_SYSTEM_ERR, errno);
-    outcome.exec.step = kStepWatchdog;
+    if (gate.let_through() == 1) {
+        gate.writeEnd.reset();
+        return true;
+    }
+    outcome.exec = {PROC_SYSTEM_ERR, errno, kStepWatchdog, 0};
     return false;
+}
+
+// Whether a failure is the new process's own record, rather than the launcher's, its wait's or the gate's.
+bool told_by_new_process(const ExecOutcome& exec) {
+    return exec.result != PROC_SUCCESS && exec.step != kStepLauncher && exec.step != kStepWaitBuffer &&
+           exec.step != kStepWatchdog;
+}
+
+// After the launcher's own failure at the gate, with the new process killed: a failure the new process had
+// reported before (its directory, a standard file, a limit, its user) is the launch's real one and wins.
+void prefer_reported_failure(ExecOutcomeChannel& channel, LaunchOutcome& outcome) {
+    ExecOutcome told = WaitForExecOutcome(channel);
+    if (told_by_new_process(told)) outcome.exec = told;
 }
 
 // The launcher's ends of the pipes go with a successful outcome.
@@ -221,7 +252,9 @@ LaunchOutcome launch_attached(LaunchRequest& request) {
     if (!prepare(request, channel, gate, outcome)) return outcome;
 
     ChildStacks stack(1);
-    pid_t pid = stack.ok() ? clone_blocked(attached_main, stack.top(0), &request, request) : -1;
+    NewProcessStart start = {&request, true};
+    auto make = [&] { return clone_attached(start, stack.top(0), request); };
+    pid_t pid = stack.ok() ? with_signals_blocked(request, make) : -1;
     outcome.pid = pid;
     if (pid == -1) {
         int err = stack.ok() ? errno : ENOMEM;
@@ -229,15 +262,16 @@ LaunchOutcome launch_attached(LaunchRequest& request) {
         fail(outcome, result_for_errno(err, {EAGAIN}, PROC_OUT_OF_MEMORY), err);
         return outcome;
     }
-    if (!open_gate(request, gate, pid, outcome)) {
-        kill_and_reap(pid);
-        return outcome;
+    int pidfdErr = request.endWithLauncher && !request.registeredByGroup ? open_pidfd(outcome) : 0;
+    bool gateOpened = open_gate(request, gate, outcome, pidfdErr);
+    if (gateOpened) {
+        outcome.exec = WaitForExecOutcome(channel);
+        process_log("WaitForExecOutcome completed.  Return value was: [%d] and sysErr was: [%d]\n",
+                    outcome.exec.result, outcome.exec.sysErr);
     }
-    outcome.exec = WaitForExecOutcome(channel);
-    process_log("WaitForExecOutcome completed.  Return value was: [%d] and sysErr was: [%d]\n",
-                outcome.exec.result, outcome.exec.sysErr);
     if (!outcome.ok()) {
         kill_and_reap(pid);
+        if (!gateOpened) prefer_reported_failure(channel, outcome);
         return outcome;
     }
     if (outcome.pidfd.get() < 0) outcome.pidfd.reset(pidfd_or_trace(pid));
@@ -251,25 +285,35 @@ LaunchOutcome launch_detached(LaunchRequest& request) {
     ExecOutcomeChannel channel;
     Gate gate;
     if (!prepare(request, channel, gate, outcome)) return outcome;
-    int ends[2]; // not close-on-exec: the new process's sweep closes them
-    if (pipe(ends) == -1) {
+    // The pid channel: close-on-exec, as every descriptor of the launch; the new process's sweep closes it.
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) == -1) {
         int err = errno;
         if (err == ENFILE || err == EMFILE)
             process_err("Error creating pipe, out of file handles. errno=[%d]\n", err);
         else
             process_err("Error creating pipe. errno=[%d]\n", err);
-        fail(outcome, err == ENFILE || err == EMFILE ? PROC_OUT_OF_FILE_HANDLES : PROC_SYSTEM_ERR, 0);
+        fail(outcome, err == ENFILE || err == EMFILE ? PROC_OUT_OF_FILE_HANDLES : PROC_SYSTEM_ERR, err);
         return outcome;
     }
-    UniqueFd pidRead(keep_above_standard(ends[0], false));
-    UniqueFd pidWrite(keep_above_standard(ends[1], false));
+    UniqueFd pidRead(keep_above_standard(ends[0], true));
+    UniqueFd pidWrite(keep_above_standard(ends[1], true));
 
+    // The intermediate process can't open files for the new process: the group's cgroup.procs is opened now,
+    // in case the new process can't be started inside the group.
+    int ownJoinErr = 0;
+    if (request.cgroupFd >= 0) {
+        request.ownJoin.reset(openat(request.cgroupFd, "cgroup.procs", O_WRONLY | O_CLOEXEC));
+        ownJoinErr = request.ownJoin.get() < 0 ? errno : 0;
+    }
     ChildStacks stacks(2);
-    DetachedStart start = {&request,
-                           {channel.read_end(), channel.write_end()},
-                           {pidRead.get(), pidWrite.get()},
-                           stacks.top(1)};
-    pid_t intermediate = stacks.ok() ? clone_blocked(intermediate_main, stacks.top(0), &start, request) : -1;
+    DetachedStart start = {{&request, false},
+                           {&request, false, request.ownJoin.get()},
+                           ownJoinErr,
+                           stacks.top(1),
+                           pidWrite.get()};
+    auto make = [&] { return clone(intermediate_main, stacks.top(0), CLONE_VM | SIGCHLD, &start); };
+    pid_t intermediate = stacks.ok() ? with_signals_blocked(request, make) : -1;
     if (intermediate == -1) {
         int err = stacks.ok() ? errno : ENOMEM;
         if (err == ENOMEM || err == EAGAIN) {
@@ -285,36 +329,46 @@ LaunchOutcome launch_detached(LaunchRequest& request) {
     pidWrite.reset(); // so that the read sees end of file when the intermediate process ends silently
     int pid = 0;
     int got = read_int(pidRead.get(), &pid);
+    int readErr = errno;
     pidRead.reset();
     reap(intermediate);
-    if (got != static_cast<int>(sizeof pid)) { // the second clone failed: it said why
-        fail(outcome, PROC_SYSTEM_ERR, 0);
+    if (got != static_cast<int>(sizeof pid) || pid <= 0) { // the intermediate process could not make it
+        int err = got == static_cast<int>(sizeof pid) ? -pid : got < 0 ? readErr : 0;
+        fail(outcome, result_for_errno(err, {EAGAIN}, PROC_OUT_OF_MEMORY), err);
         return outcome;
     }
     outcome.pid = pid;
-    if (!open_gate(request, gate, pid, outcome)) {
-        if (!gone_within(outcome.pidfd.get(), pid, kGoneMillis)) stacks.keep_forever();
+    int pidfdErr = open_pidfd(outcome);
+    bool followedByPid = pidfdErr != 0 && pidfdErr != ESRCH; // no pidfd on this system
+    bool gateOpened = open_gate(request, gate, outcome, pidfdErr);
+    if (gateOpened) outcome.exec = WaitForExecOutcome(channel);
+    if (outcome.ok()) {
+        hand_over_pipes(request, outcome);
         return outcome;
     }
-    UniqueFd pidfd(outcome.pidfd.get() >= 0 ? outcome.pidfd.release() : pidfd_or_trace(pid));
-
-    outcome.exec = WaitForExecOutcome(channel);
-    if (outcome.exec.result == PROC_CREATE_TIMEOUT)
-        retry_on_eintr([&] { return pidfd.get() >= 0 ? pidfd_signal(pidfd.get(), SIGKILL) : kill(pid, SIGKILL); });
-    // After a failure the new process ends by itself or was killed; its stack goes once it has. (After a
-    // failed wait it may run on unsupervised.)
-    if (!outcome.ok()) {
-        if (!gone_within(pidfd.get(), pid, kGoneMillis)) stacks.keep_forever();
-        return outcome;
-    }
-    outcome.pidfd = std::move(pidfd);
-    hand_over_pipes(request, outcome);
+    // The caller frees the request once the launch returns: a new process that may still run on it (hung
+    // before its exec, held at its gate) is killed first. One that told its failure ends by itself; by its
+    // PID alone it is not signalled then, as init may have reaped it and given the PID away.
+    if (outcome.pidfd.get() >= 0)
+        retry_on_eintr([&] { return pidfd_signal(outcome.pidfd.get(), SIGKILL); });
+    else if (followedByPid && !told_by_new_process(outcome.exec))
+        retry_on_eintr([&] { return kill(pid, SIGKILL); });
+    gate.writeEnd.reset();
+    if (!gateOpened) prefer_reported_failure(channel, outcome);
+    if (!gone_within(outcome.pidfd.get(), pid, kGoneMillis)) stacks.keep_forever();
     return outcome;
 }
 } // namespace
 
 LaunchOutcome launch(LaunchRequest& request) {
-    return request.detached ? launch_detached(request) : launch_attached(request);
+    LaunchOutcome outcome = request.detached ? launch_detached(request) : launch_attached(request);
+    // Its process is gone or killed by now: a failed launch holds no registration, or launches retried after
+    // a failure would fill the watchdog until every launch that ends with the launcher is refused.
+    if (!outcome.ok() && outcome.watchdogToken != 0) {
+        watchdog_forget(outcome.watchdogToken);
+        outcome.watchdogToken = 0;
+    }
+    return outcome;
 }
 
 void abandon_launch(LaunchOutcome& outcome, bool detached) {

@@ -236,28 +236,32 @@ TEST(LaunchingSideFailures, ForkAndPipeFailuresMapAndCloseEverything) {
     struct Case {
         const char* name;
         bool detached;
-        seams::Fault cloneFault, pipeFault;
+        seams::Fault cloneFault, pipeFault, secondCloneFault;
         int result, sysErr;
     };
     const Case cases[] = {
-        {"attachedForkEagain", false, {1, EAGAIN}, {}, PROC_OUT_OF_MEMORY, EAGAIN},
-        {"attachedForkEnomem", false, {1, ENOMEM}, {}, PROC_OUT_OF_MEMORY, ENOMEM},
-        {"attachedForkOther", false, {1, ENOSYS}, {}, PROC_SYSTEM_ERR, ENOSYS},
-        {"attachedPipe", false, {}, {1, EMFILE}, PROC_SYSTEM_ERR, EMFILE},
-        {"detachedForkEnomem", true, {1, ENOMEM}, {}, PROC_OUT_OF_MEMORY, ENOMEM},
-        {"detachedForkEagain", true, {1, EAGAIN}, {}, PROC_OUT_OF_MEMORY, EAGAIN},
-        {"detachedForkOther", true, {1, ENOSYS}, {}, PROC_SYSTEM_ERR, ENOSYS},
-        {"detachedSecondPipe", true, {}, {2, EMFILE}, PROC_OUT_OF_FILE_HANDLES, 0},
-        {"detachedSecondFork", true, {2, EAGAIN}, {}, PROC_SYSTEM_ERR, 0},
+        {"attachedForkEagain", false, {1, EAGAIN}, {}, {}, PROC_OUT_OF_MEMORY, EAGAIN},
+        {"attachedForkEnomem", false, {1, ENOMEM}, {}, {}, PROC_OUT_OF_MEMORY, ENOMEM},
+        {"attachedForkOther", false, {1, ENOSYS}, {}, {}, PROC_SYSTEM_ERR, ENOSYS},
+        {"attachedPipe", false, {}, {1, EMFILE}, {}, PROC_SYSTEM_ERR, EMFILE},
+        {"detachedForkEnomem", true, {1, ENOMEM}, {}, {}, PROC_OUT_OF_MEMORY, ENOMEM},
+        {"detachedForkEagain", true, {1, EAGAIN}, {}, {}, PROC_OUT_OF_MEMORY, EAGAIN},
+        {"detachedForkOther", true, {1, ENOSYS}, {}, {}, PROC_SYSTEM_ERR, ENOSYS},
+        {"detachedSecondPipe", true, {}, {2, EMFILE}, {}, PROC_OUT_OF_FILE_HANDLES, EMFILE},
+        {"detachedSecondForkEagain", true, {}, {}, {1, EAGAIN}, PROC_OUT_OF_MEMORY, EAGAIN},
+        {"detachedSecondForkEnomem", true, {}, {}, {1, ENOMEM}, PROC_OUT_OF_MEMORY, ENOMEM},
+        {"detachedSecondForkOther", true, {}, {}, {1, ENOSYS}, PROC_SYSTEM_ERR, ENOSYS},
     };
     for (const Case& c : cases) {
         ChildOutcome outcome = RunInChild([&] {
             int before = OpenDescriptorCount();
             seams::clone = c.cloneFault;
             seams::pipe = c.pipeFault;
+            seams::secondClone = c.secondCloneFault;
             Launched l = Launch(Request{}, c.detached);
             seams::clone = {};
             seams::pipe = {};
+            seams::secondClone = {};
             return outcome_text(l) + " pid:" + std::to_string(l.pid) +
                    " fds:" + std::to_string(OpenDescriptorCount() - before) +
                    " children:" + (no_children_left() ? "none" : "some");

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "launch/launch_internal.h"
+#include "launch/launch_support.h"
 #include "launch/raw_syscall.h"
 #include "support/child.h"
 #include "support/seams.h"
@@ -30,36 +31,6 @@ namespace {
 using quillon_test::PrintTo;
 
 constexpr size_t kStackSize = 256 * 1024;
-
-// One line of /proc/self/mountinfo: the root of the mount within its hierarchy, where it is mounted, its
-// type.
-struct Mount {
-    std::string root, point, type;
-};
-
-std::vector<Mount> mounts() {
-    std::vector<Mount> found;
-    std::ifstream in("/proc/self/mountinfo");
-    for (std::string line; std::getline(in, line);) {
-        std::istringstream fields(line);
-        std::string id, parent, device, root, point, field;
-        fields >> id >> parent >> device >> root >> point;
-        while (fields >> field && field != "-") {
-        }
-        std::string type;
-        fields >> type;
-        found.push_back({root, point, type});
-    }
-    return found;
-}
-
-// This process's v2 group as /proc/self/cgroup names it ("0::/path").
-std::string own_v2_path() {
-    std::ifstream in("/proc/self/cgroup");
-    for (std::string line; std::getline(in, line);)
-        if (line.rfind("0::", 0) == 0) return line.substr(3);
-    return "";
-}
 
 // Whether this kernel makes a process into a group, probed without making one: clone3 with CLONE_INTO_CGROUP
 // and a descriptor above INT_MAX is refused with EINVAL from 5.7 on, E2BIG before (a field it doesn't know is
@@ -79,68 +50,6 @@ std::string missing_kernel_support() {
     if (errno == E2BIG) return "no CLONE_INTO_CGROUP on this kernel (before 5.7)";
     return "clone3 probe failed with errno " + std::to_string(errno);
 }
-
-// A group made for one test below this process's own v2 group. When it goes, whatever runs in it is killed
-// and reaped, and the directory removed.
-class TestGroup {
-  public:
-    // Empty when the group is there, else why it could not be made.
-    std::string create() {
-        std::string own = own_v2_path();
-        if (own.empty()) return "this process is in no cgroup v2 group";
-        for (const Mount& m : mounts()) {
-            if (m.type != "cgroup2") continue;
-            std::string relative;
-            if (m.root == "/")
-                relative = own;
-            else if (own.rfind(m.root, 0) == 0)
-                relative = own.substr(m.root.size());
-            else
-                continue; // a mount of another part of the hierarchy
-            std::string name = "quillon-clone-" + std::to_string(getpid());
-            std::string base = own == "/" ? "" : own;
-            dir_ = m.point + (relative == "/" ? "" : relative) + "/" + name;
-            path_ = base + "/" + name;
-            if (mkdir(dir_.c_str(), 0755) != 0) {
-                std::string why = "can't make a group at " + dir_ + ": " + strerror(errno);
-                dir_.clear();
-                return why;
-            }
-            fd_ = open(dir_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-            return fd_ >= 0 ? "" : "can't open " + dir_ + ": " + strerror(errno);
-        }
-        return "no cgroup2 mount shows this process's group";
-    }
-    ~TestGroup() {
-        if (fd_ >= 0) close(fd_);
-        if (dir_.empty()) return;
-        for (int round = 0; round < 500; ++round) {
-            std::vector<pid_t> members = processes();
-            if (members.empty()) break;
-            for (pid_t pid : members) {
-                kill(pid, SIGKILL);
-                waitpid(pid, nullptr, WNOHANG);
-            }
-            usleep(10000);
-        }
-        if (rmdir(dir_.c_str()) != 0) ADD_FAILURE() << "test group " << dir_ << " stays: " << strerror(errno);
-    }
-    int fd() const { return fd_; }
-    const std::string& dir() const { return dir_; }
-    // As /proc/<pid>/cgroup names it.
-    const std::string& path() const { return path_; }
-    std::vector<pid_t> processes() const {
-        std::vector<pid_t> pids;
-        std::ifstream in(dir_ + "/cgroup.procs");
-        for (pid_t pid; in >> pid;)
-            pids.push_back(pid);
-        return pids;
-    }
-
-  private:
-    std::string dir_, path_;
-    int fd_ = -1;
-};
 
 // A stack as the launch maps one: MAP_STACK, a guard page at its low end, part of the range handed over.
 class GuardedStack {
@@ -435,4 +344,47 @@ TEST_F(CloneIntoCgroup, SeamFailsWithEnosysOnce) {
     });
     EXPECT_EQ(outcome.report, "pid -1 ENOSYS children:none, then exit 0") << status_text(outcome.status);
 }
+} // namespace
+
+namespace {
+// The plain clone a detached launch's intermediate process makes, without the C library: main runs with its
+// argument on the stack given, aligned for its calls whatever the top, and its result is the exit status.
+struct PlainReport {
+    int misalignment = -1;
+    int status = 0;
+};
+
+NEW_PROCESS_CODE int report_plain(void* argument) {
+    PlainReport& report = *static_cast<PlainReport*>(argument);
+    report.misalignment = aligned_local_misalignment();
+    return report.status;
+}
+
+class CloneVmRaw : public testing::TestWithParam<AlignmentCase> {};
+
+TEST_P(CloneVmRaw, CallsMainAlignedWithItsArgumentAndExitsWithItsResult) {
+    GuardedStack stack;
+    ASSERT_NE(stack.low(), nullptr);
+    PlainReport report;
+    report.status = 42;
+    long pid = 0;
+    int err = 0;
+    std::thread([&] {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, nullptr);
+        errno = 0;
+        pid = clone_vm_raw(report_plain, &report, stack.low() + kStackSize - GetParam().topOffset);
+        err = errno;
+    }).join();
+    ASSERT_GT(pid, 0) << strerror(static_cast<int>(-pid));
+    EXPECT_EQ(err, 0) << "the call leaves errno alone";
+    EXPECT_EQ(reap(static_cast<pid_t>(pid)), "exit 42");
+    EXPECT_EQ(report.misalignment, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Tops, CloneVmRaw,
+                         testing::Values(AlignmentCase{"aligned", 0}, AlignmentCase{"below8", 8},
+                                         AlignmentCase{"below4", 4}, AlignmentCase{"below1", 1}),
+                         [](const auto& info) { return std::string(info.param.name); });
 } // namespace

@@ -1,6 +1,9 @@
 #include "support/seams.h"
 
+#include "runtime/support.h"
+
 #include <cstddef>
+#include <fcntl.h>
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/select.h>
@@ -11,22 +14,29 @@ namespace seams {
 Fault malloc;
 Fault dup2;
 Fault clone;
+Fault secondClone;
+Fault secondCloneIntoCgroup;
 Fault cloneIntoCgroup;
 Fault pipe;
+std::atomic<int> inheritablePipes = 0;
 Fault pidfd;
 Fault mutexInit;
 Fault epollAdd;
 SelectFake select;
 std::atomic<void (*)()> beforeClone = nullptr;
+std::atomic<void (*)()> inIntermediate = nullptr;
+std::atomic<void (*)(int)> beforePidfd = nullptr;
 } // namespace seams
 
 namespace {
+// Whether the fault strikes this call; errno is left to the caller.
+NEW_PROCESS_CODE bool strikes(seams::Fault& fault) {
+    if (fault.at == seams::kAlways) return true;
+    return fault.at != 0 && --fault.at == 0;
+}
+
 bool due(seams::Fault& fault) {
-    if (fault.at == seams::kAlways) {
-        errno = fault.err;
-        return true;
-    }
-    if (fault.at == 0 || --fault.at != 0) return false;
+    if (!strikes(fault)) return false;
     errno = fault.err;
     return true;
 }
@@ -41,6 +51,10 @@ int __real_clone(int (*main)(void*), void* stack, int flags, void* argument, ...
 pid_t __real_clone_into_cgroup(int (*main)(void*), void* argument, void* stackLow, size_t stackSize,
                                int cgroupFd);
 int __real_pipe(int fds[2]);
+long __real_clone_vm_raw(int (*main)(void*), void* argument, void* stackTop);
+long __real_clone_into_cgroup_raw(int (*main)(void*), void* argument, void* stackLow, size_t stackSize,
+                                  int cgroupFd);
+int __real_pipe2(int fds[2], int flags);
 int __real_quillon_pidfd_open(int pid);
 int __real_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes);
 int __real_epoll_ctl(int set, int op, int fd, struct epoll_event* event);
@@ -65,10 +79,29 @@ pid_t __wrap_clone_into_cgroup(int (*main)(void*), void* argument, void* stackLo
     if (due(seams::cloneIntoCgroup)) return -1;
     return __real_clone_into_cgroup(main, argument, stackLow, stackSize, cgroupFd);
 }
+NEW_PROCESS_CODE long __wrap_clone_vm_raw(int (*main)(void*), void* argument, void* stackTop) {
+    if (void (*hook)() = seams::inIntermediate.exchange(nullptr)) hook();
+    return strikes(seams::secondClone) ? -seams::secondClone.err
+                                       : __real_clone_vm_raw(main, argument, stackTop);
+}
+NEW_PROCESS_CODE long __wrap_clone_into_cgroup_raw(int (*main)(void*), void* argument, void* stackLow,
+                                                   size_t stackSize, int cgroupFd) {
+    if (void (*hook)() = seams::inIntermediate.exchange(nullptr)) hook();
+    if (strikes(seams::secondCloneIntoCgroup)) return -seams::secondCloneIntoCgroup.err;
+    return __real_clone_into_cgroup_raw(main, argument, stackLow, stackSize, cgroupFd);
+}
 int __wrap_pipe(int fds[2]) {
-    return due(seams::pipe) ? -1 : __real_pipe(fds);
+    if (due(seams::pipe)) return -1;
+    ++seams::inheritablePipes;
+    return __real_pipe(fds);
+}
+int __wrap_pipe2(int fds[2], int flags) {
+    if (due(seams::pipe)) return -1;
+    if ((flags & O_CLOEXEC) == 0) ++seams::inheritablePipes;
+    return __real_pipe2(fds, flags);
 }
 int __wrap_quillon_pidfd_open(int pid) {
+    if (void (*hook)(int) = seams::beforePidfd.exchange(nullptr)) hook(pid);
     return due(seams::pidfd) ? -1 : __real_quillon_pidfd_open(pid);
 }
 int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) {

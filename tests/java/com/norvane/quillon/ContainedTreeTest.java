@@ -206,6 +206,29 @@ class ContainedTreeTest {
         }
     }
 
+    /** Whether some cgroup hierarchy here carries the pids controller, so that a process limit can be set. */
+    private static boolean processLimitHere() throws IOException {
+        try (NativeProcess probe = new Launcher("true").processLimit(10).start()) {
+            return true;
+        } catch (IOException e) {
+            if (e.getMessage().contains("pids controller")) {
+                return false;
+            }
+            throw e;
+        }
+    }
+
+    /** Only the program counts in its tree: the intermediate process of a detached launch takes no place there. */
+    @Test
+    void aDetachedTreeWithAProcessLimitOfOneStarts() throws Exception {
+        assumeTrue(processLimitHere(), "needs a cgroup hierarchy with the pids controller");
+        for (boolean detached : new boolean[] {false, true}) {
+            try (NativeProcess process = new Launcher("true").detached(detached).processLimit(1).start()) {
+                assertTrue(process.waitForTree(10, TimeUnit.SECONDS), "detached: " + detached);
+            }
+        }
+    }
+
     @Test
     void theResourceLimitsAreWhatTheProgramSees() throws Exception {
         Launcher launcher = new Launcher("/bin/sh", "-c", "ulimit -Sn; ulimit -Hn; ulimit -Sc")

@@ -200,8 +200,11 @@ class OwnershipTest {
         stdin.write(filling);
         stdin.flush();
         stdin.write("the tail of the input".getBytes(StandardCharsets.UTF_8));
-        assertTimeoutPreemptively(Duration.ofSeconds(10), cat::close, "close waited for the program to read");
-        Files.writeString(go, "go\n");
+        try {
+            assertTimeoutPreemptively(Duration.ofSeconds(10), cat::close, "close waited for the program to read");
+        } finally {
+            Files.writeString(go, "go\n");
+        }
         handle.onExit().get(10, TimeUnit.SECONDS);
         assertEquals(new String(filling, StandardCharsets.UTF_8) + "the tail of the input", Files.readString(out));
     }
