@@ -196,7 +196,8 @@ int resolve_request(LaunchRequest* request, int* sysErr);
 // process is gone or killed when it returns (a detached one is init's to reap), and the failure is the new
 // process's own where it reported one; a failed outcome holds no watchdog registration.
 LaunchOutcome launch(LaunchRequest& request);
-// Ends the process of a successful launch that can't be followed after all, and reaps an attached one.
+// Ends the process of a successful launch that can't be followed after all, reaps an attached one, and gives
+// back its watchdog registration when it still holds one.
 void abandon_launch(LaunchOutcome& outcome, bool detached);
 
 // Makes a process that shares this one's memory (CLONE_VM, exit signal SIGCHLD) and runs main(argument) on

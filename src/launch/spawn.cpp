@@ -376,4 +376,6 @@ void abandon_launch(LaunchOutcome& outcome, bool detached) {
         return outcome.pidfd.get() >= 0 ? pidfd_signal(outcome.pidfd.get(), SIGKILL) : kill(outcome.pid, SIGKILL);
     });
     if (!detached) reap(outcome.pid);
+    if (outcome.watchdogToken != 0) watchdog_forget(outcome.watchdogToken); // nothing is left to kill at the end
+    outcome.watchdogToken = 0;
 }

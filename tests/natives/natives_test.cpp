@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
+#include <sys/resource.h>
 
 #include <chrono>
 #include <string>
@@ -14,6 +15,7 @@
 #include "supervision/events.h"
 #include "supervision/supervision_internal.h"
 #include "supervision/trees.h"
+#include "support/child.h"
 #include "support/fake_jni.h"
 #include "support/seams.h"
 
@@ -84,17 +86,19 @@ template <typename Done> bool serve_until(Done done) {
     return done();
 }
 
-// A contained launch of `sh -c "exit 4"` with every limit this host can carry, failing the at-th allocation:
-// the handle, or 0.
-jlong launch_contained_failing_at(FakeJni& jni, const CgroupPlaces& places, int at, jlongArray launched) {
+// A launch of `sh -c "exit 4"` with the flags given (a contained one with every limit this host can carry),
+// failing the at-th allocation: the handle, or 0.
+jlong launch_failing_at(FakeJni& jni, jlong flags, int at, jlongArray launched) {
     std::vector<jlong> settings(com_norvane_quillon_process_NativeProcessGlue_SETTINGS,
                                 com_norvane_quillon_process_NativeProcessGlue_UNSET);
-    settings[com_norvane_quillon_process_NativeProcessGlue_SETTING_FLAGS] =
-        com_norvane_quillon_process_NativeProcessGlue_FLAG_CONTAINED;
+    settings[com_norvane_quillon_process_NativeProcessGlue_SETTING_FLAGS] = flags;
     settings[com_norvane_quillon_process_NativeProcessGlue_SETTING_PROCESS_GROUP] =
         com_norvane_quillon_process_NativeProcessGlue_GROUP_INHERIT;
-    if (places.memory[0] != 0) settings[com_norvane_quillon_process_NativeProcessGlue_SETTING_MEMORY_LIMIT] = 64 << 20;
-    if (places.pids[0] != 0) settings[com_norvane_quillon_process_NativeProcessGlue_SETTING_PROCESS_LIMIT] = 10;
+    const CgroupPlaces* places = cgroup_places();
+    if ((flags & com_norvane_quillon_process_NativeProcessGlue_FLAG_CONTAINED) != 0 && places != nullptr) {
+        if (places->memory[0] != 0) settings[com_norvane_quillon_process_NativeProcessGlue_SETTING_MEMORY_LIMIT] = 64 << 20;
+        if (places->pids[0] != 0) settings[com_norvane_quillon_process_NativeProcessGlue_SETTING_PROCESS_LIMIT] = 10;
+    }
     jintArray modes = jni.ints({com_norvane_quillon_process_NativeProcessGlue_STD_NULL,
                                 com_norvane_quillon_process_NativeProcessGlue_STD_PIPE,
                                 com_norvane_quillon_process_NativeProcessGlue_STD_INHERIT});
@@ -116,7 +120,7 @@ TEST(LaunchNative, AContainedLaunchWithAnyFailedAllocationLeavesNothingBehind) {
     for (int at = 1;; ++at) {
         FakeJni jni;
         jlongArray launched = jni.longs(std::vector<jlong>(com_norvane_quillon_process_NativeProcessGlue_LAUNCHED));
-        jlong handle = launch_contained_failing_at(jni, *places, at, launched);
+        jlong handle = launch_failing_at(jni, com_norvane_quillon_process_NativeProcessGlue_FLAG_CONTAINED, at, launched);
         bool faulted = seams::malloc.at == 0;
         seams::malloc = {};
         std::vector<jlong> outcome = FakeJni::values(launched);
@@ -141,6 +145,41 @@ TEST(LaunchNative, AContainedLaunchWithAnyFailedAllocationLeavesNothingBehind) {
             << "allocation " << at;
         if (!faulted) break;
     }
+}
+
+// Launches that end with the JVM and fail on the way, also after their process was made and registered,
+// give the registration back: else retried launches would fill the watchdog (here 47 places) until every
+// launch that ends with the JVM is refused.
+TEST(LaunchNative, LaunchesThatFailOnTheWayGiveTheirWatchdogRegistrationBack) {
+    ChildOutcome outcome = RunInChild(
+        [] {
+            rlimit limit = {48, 48};
+            if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return std::string("setrlimit failed");
+            const jlong endWithJvm = com_norvane_quillon_process_NativeProcessGlue_FLAG_END_WITH_JVM;
+            for (int pass = 0; pass < 24; ++pass) { // three failures a pass come after the registration
+                for (int at = 1;; ++at) {
+                    FakeJni jni;
+                    jlongArray launched = jni.longs(std::vector<jlong>(com_norvane_quillon_process_NativeProcessGlue_LAUNCHED));
+                    jlong handle = launch_failing_at(jni, endWithJvm, at, launched);
+                    bool faulted = seams::malloc.at == 0;
+                    seams::malloc = {};
+                    if (handle != 0) {
+                        RecordRef record(handle);
+                        int sysErr = 0;
+                        unix_WaitForProcessTermination(record.get(), &sysErr);
+                        close(static_cast<int>(FakeJni::values(launched)[2]));
+                        retire_record(handle);
+                    }
+                    if (!faulted) break;
+                }
+            }
+            FakeJni jni;
+            jlongArray launched = jni.longs(std::vector<jlong>(com_norvane_quillon_process_NativeProcessGlue_LAUNCHED));
+            jlong handle = launch_failing_at(jni, endWithJvm, 0, launched);
+            return handle != 0 ? std::string("launched") : jni.thrown.at(0).message;
+        },
+        120);
+    EXPECT_EQ(outcome.report, "launched") << outcome.err;
 }
 
 TEST(ThreadUtilNative, AMutexThatCannotBeInitialisedIsReleasedAndRefused) {
