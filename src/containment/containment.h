@@ -20,8 +20,8 @@ struct CgroupPlaces {
     char unified[PATH_MAX]; // this process's group in the v2 hierarchy, "" when none is mounted or it isn't
                             // writable
     char memory[PATH_MAX];  // this process's group in the hierarchy that carries the memory controller, "" if
-                           // none: the v2 group when "memory" is in its cgroup.subtree_control, else a v1
-                           // hierarchy
+                            // none: the v2 group when "memory" is in its cgroup.subtree_control, else a v1
+                            // hierarchy
     bool memoryUnified;
     char pids[PATH_MAX]; // the same for the pids controller
     bool pidsUnified;

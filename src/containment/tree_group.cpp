@@ -323,7 +323,8 @@ int member_below(int directory, int depth) {
 bool nothing_runs_in(int directory, int depth) {
     UniqueFd events(open_at(directory, "cgroup.events", O_RDONLY));
     int64_t populated = 1;
-    if (events.get() >= 0) return keyed_value_of(events.get(), "populated", &populated) == 0 && populated == 0;
+    if (events.get() >= 0)
+        return keyed_value_of(events.get(), "populated", &populated) == 0 && populated == 0;
     if (first_listed(directory) != 0 || depth >= kMaxDepth) return false;
     bool none = true;
     int err = for_each_subgroup(directory, [&](const char* name) {

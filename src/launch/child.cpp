@@ -72,7 +72,8 @@ NEW_PROCESS_CODE void close_inherited_descriptors(const LaunchRequest& request) 
     int keep[5] = {request.writeEnd, request.gate, -1, -1, -1};
     int count = request.gate >= 0 ? 2 : 1;
     for (const StdPlan& plan : request.plans)
-        if (plan.kind == StdPlan::Kind::Pipe || plan.kind == StdPlan::Kind::Descriptor) keep[count++] = plan.pipeEnd;
+        if (plan.kind == StdPlan::Kind::Pipe || plan.kind == StdPlan::Kind::Descriptor)
+            keep[count++] = plan.pipeEnd;
     for (int i = 1; i < count; ++i) // a handful of numbers: an insertion sort
         for (int j = i; j > 0 && keep[j - 1] > keep[j]; --j)
             std::swap(keep[j - 1], keep[j]);
@@ -186,7 +187,8 @@ NEW_PROCESS_CODE ExecOutcome join_groups(const LaunchRequest& request, int ownGr
     return joined;
 }
 
-// The resource limits asked for, set while the process may still raise a hard limit (before its user changes).
+// The resource limits asked for, set while the process may still raise a hard limit (before its user
+// changes).
 NEW_PROCESS_CODE ExecOutcome set_limits(const LaunchRequest& request) {
     for (int i = 0; i < request.limitCount; ++i) {
         const LimitRequest& limit = request.limits[i];

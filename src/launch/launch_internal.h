@@ -85,18 +85,18 @@ ChildContext host_context();
 // tells which descriptor, limit or group it was. The public API names the culprit from these.
 enum LaunchStep : int {
     kStepNone = 0,
-    kStepLauncher = 1,    // the launching thread: the request, the channel, pipes, clone
-    kStepWaitBuffer = 2,  // the wait on the channel found no memory for its descriptor set
+    kStepLauncher = 1,   // the launching thread: the request, the channel, pipes, clone
+    kStepWaitBuffer = 2, // the wait on the channel found no memory for its descriptor set
     kStepPriority = 3,
-    kStepGroup = 4,       // detail 1: the user's primary group, forced
+    kStepGroup = 4, // detail 1: the user's primary group, forced
     kStepUser = 5,
     kStepDirectory = 6,
     kStepProcessGroup = 7,
-    kStepStdHandle = 8,   // detail: the descriptor, 0 to 2
+    kStepStdHandle = 8, // detail: the descriptor, 0 to 2
     kStepExec = 9,
-    kStepCgroup = 10,     // the groups of its contained tree; detail: see kJoinDetail
-    kStepLimit = 11,      // detail: the resource (RLIMIT_*)
-    kStepWatchdog = 12,   // the launcher could not have it ended with itself
+    kStepCgroup = 10,   // the groups of its contained tree; detail: see kJoinDetail
+    kStepLimit = 11,    // detail: the resource (RLIMIT_*)
+    kStepWatchdog = 12, // the launcher could not have it ended with itself
 };
 
 // kStepCgroup's detail for a group the new process could not join: kJoinDetail + i for joins[i], and
@@ -128,9 +128,9 @@ struct LaunchRequest : NoCopy {
     char** environment = nullptr;     // entries applied to the base: path-like keys in front of its value
     char** baseEnvironment = nullptr; // the whole environment to start from; null: the launcher's own
     const char* workingDirectory = nullptr;
-    std::optional<int> nice;          // absent: the launcher's; clamped to -20..19
+    std::optional<int> nice; // absent: the launcher's; clamped to -20..19
     StdRequest std[3];
-    std::optional<mode_t> fileMask;   // absent: the launcher's
+    std::optional<mode_t> fileMask; // absent: the launcher's
     const char* groupName = nullptr;
     const char* userName = nullptr;
     int processGroup = 0;
@@ -140,8 +140,9 @@ struct LaunchRequest : NoCopy {
     bool silent = false;                 // no trace line, in the launcher or the new process
     LimitRequest limits[kMaxLimits];
     int limitCount = 0;
-    // A contained tree: the cgroup v2 group the new process starts in (clone3 with CLONE_INTO_CGROUP), and the
-    // cgroup.procs files it writes "0" into first thing (v1 groups; the v2 one where clone3 can't start it there).
+    // A contained tree: the cgroup v2 group the new process starts in (clone3 with CLONE_INTO_CGROUP), and
+    // the cgroup.procs files it writes "0" into first thing (v1 groups; the v2 one where clone3 can't start
+    // it there).
     int cgroupFd = -1;
     int joins[3] = {-1, -1, -1};
     // The new process ends with the launcher: the launch registers it with the watchdog (unless its group is
@@ -176,9 +177,9 @@ struct LaunchOutcome {
     // The new process (attached: a child; detached: the grandchild). 0 while none was made, -1 when
     // clone failed.
     pid_t pid = 0;
-    UniqueFd pidfd;               // -1: the system offers none, follow it by its PID
-    UniqueFd pipes[3];            // the launcher's end of each pipe asked for
-    uint64_t watchdogToken = 0;   // endWithLauncher without a group: the process's registration
+    UniqueFd pidfd;             // -1: the system offers none, follow it by its PID
+    UniqueFd pipes[3];          // the launcher's end of each pipe asked for
+    uint64_t watchdogToken = 0; // endWithLauncher without a group: the process's registration
     bool ok() const { return exec.result == PROC_SUCCESS; }
 };
 

@@ -373,9 +373,11 @@ LaunchOutcome launch(LaunchRequest& request) {
 
 void abandon_launch(LaunchOutcome& outcome, bool detached) {
     retry_on_eintr([&] {
-        return outcome.pidfd.get() >= 0 ? pidfd_signal(outcome.pidfd.get(), SIGKILL) : kill(outcome.pid, SIGKILL);
+        return outcome.pidfd.get() >= 0 ? pidfd_signal(outcome.pidfd.get(), SIGKILL)
+                                        : kill(outcome.pid, SIGKILL);
     });
     if (!detached) reap(outcome.pid);
-    if (outcome.watchdogToken != 0) watchdog_forget(outcome.watchdogToken); // nothing is left to kill at the end
+    if (outcome.watchdogToken != 0)
+        watchdog_forget(outcome.watchdogToken); // nothing is left to kill at the end
     outcome.watchdogToken = 0;
 }

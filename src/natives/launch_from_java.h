@@ -31,4 +31,3 @@ class JavaTexts {
     int result_ = PROC_SUCCESS;
     int sysErr_ = 0;
 };
-

@@ -84,8 +84,10 @@ static_assert(com_norvane_quillon_process_NativeProcessGlue_STD_DESCRIPTOR == kS
 
 // Each descriptor of a launch, checked: three dispositions, paths where a file is named, the descriptors to
 // duplicate (in the settings) where one is given.
-bool take_dispositions(JNIEnv* env, JavaTexts& texts, LaunchRequest* request, jintArray modes, jobjectArray paths) {
-    if (modes == nullptr || env->GetArrayLength(modes) < 3 || (paths != nullptr && env->GetArrayLength(paths) < 3)) {
+bool take_dispositions(JNIEnv* env, JavaTexts& texts, LaunchRequest* request, jintArray modes,
+                       jobjectArray paths) {
+    if (modes == nullptr || env->GetArrayLength(modes) < 3 ||
+        (paths != nullptr && env->GetArrayLength(paths) < 3)) {
         texts.refuse(PROC_SYSTEM_ERR, EINVAL);
         return false;
     }
@@ -110,7 +112,8 @@ struct TreeAsked {
 };
 
 // The settings slots into the request: what is unset stays untouched in the new process.
-bool take_settings(JNIEnv* env, JavaTexts& texts, LaunchRequest* request, TreeAsked* tree, jlongArray settings) {
+bool take_settings(JNIEnv* env, JavaTexts& texts, LaunchRequest* request, TreeAsked* tree,
+                   jlongArray settings) {
     if (settings == nullptr || env->GetArrayLength(settings) < kSettings) {
         texts.refuse(PROC_SYSTEM_ERR, EINVAL);
         return false;
@@ -122,7 +125,8 @@ bool take_settings(JNIEnv* env, JavaTexts& texts, LaunchRequest* request, TreeAs
     tree->contained = (value[kSettingFlags] & kFlagContained) != 0;
     jlong memory = value[kSettingMemoryLimit];
     jlong processes = value[kSettingProcessLimit];
-    if ((memory != kUnset && memory < 0) || (processes != kUnset && processes < 0)) texts.refuse(PROC_SYSTEM_ERR, EINVAL);
+    if ((memory != kUnset && memory < 0) || (processes != kUnset && processes < 0))
+        texts.refuse(PROC_SYSTEM_ERR, EINVAL);
     tree->limits.memoryBytes = memory != kUnset ? memory : -1;
     tree->limits.processes = processes != kUnset ? processes : -1;
     if (value[kSettingNice] != kUnset)
@@ -134,7 +138,8 @@ bool take_settings(JNIEnv* env, JavaTexts& texts, LaunchRequest* request, TreeAs
     for (int i = 0; i < 3; ++i) {
         if (request->std[i].mode != kStdDescriptor) continue;
         jlong fd = value[kSettingStdFds + i];
-        if (fd < 0 || fd > INT32_MAX || fcntl(static_cast<int>(fd), F_GETFD) == -1) texts.refuse(PROC_SYSTEM_ERR, EBADF);
+        if (fd < 0 || fd > INT32_MAX || fcntl(static_cast<int>(fd), F_GETFD) == -1)
+            texts.refuse(PROC_SYSTEM_ERR, EBADF);
         request->std[i].fd = static_cast<int>(fd);
     }
     jlong group = value[kSettingProcessGroup];
@@ -156,8 +161,11 @@ bool take_limits(JNIEnv* env, JavaTexts& texts, LaunchRequest* request, jlongArr
     for (jsize i = 0; i < length; i += 3) {
         if (value[i] < 0 || value[i] >= RLIM_NLIMITS || value[i + 1] < -1 || value[i + 2] < -1)
             texts.refuse(PROC_SYSTEM_ERR, EINVAL);
-        auto bound = [](jlong v) { return v == -1 ? static_cast<uint64_t>(RLIM_INFINITY) : static_cast<uint64_t>(v); };
-        request->limits[request->limitCount++] = {static_cast<int>(value[i]), bound(value[i + 1]), bound(value[i + 2])};
+        auto bound = [](jlong v) {
+            return v == -1 ? static_cast<uint64_t>(RLIM_INFINITY) : static_cast<uint64_t>(v);
+        };
+        request->limits[request->limitCount++] = {static_cast<int>(value[i]), bound(value[i + 1]),
+                                                  bound(value[i + 2])};
     }
     return texts.ok();
 }
@@ -273,7 +281,8 @@ JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_launc
     TreeAsked asked;
     // Each reads arrays through JNI: none runs once a text failed, with an exception pending perhaps.
     bool taken = texts.ok() && take_dispositions(env, texts, &request, stdModes, stdPaths) &&
-                 take_settings(env, texts, &request, &asked, settings) && take_limits(env, texts, &request, limits);
+                 take_settings(env, texts, &request, &asked, settings) &&
+                 take_limits(env, texts, &request, limits);
     if (!taken) {
         texts.raise("Error creating new process.");
         return 0;
@@ -287,8 +296,8 @@ JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_launc
         abandon_launch(outcome, request.detached);
         outcome.exec = {PROC_OUT_OF_MEMORY, ENOMEM, kStepLauncher, 0};
     }
-    // A child is watched from the start: its end is collected whatever happens on the Java side; so is a process
-    // registered with the watchdog, which takes it back at its end.
+    // A child is watched from the start: its end is collected whatever happens on the Java side; so is a
+    // process registered with the watchdog, which takes it back at its end.
     bool watched = !request.detached || outcome.watchdogToken != 0;
     UnixProcessData* data = outcome.ok() ? record_of_launch(outcome) : nullptr;
     jlong handle = data != nullptr ? register_record(data) : 0;
@@ -319,7 +328,7 @@ JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_launc
 }
 
 JNIEXPORT jstring JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_errorText(JNIEnv* env, jobject,
-                                                                                     jint errnum) {
+                                                                                       jint errnum) {
     const char* text = strerrordesc_np(errnum);
     char unknown[32];
     if (text == nullptr) {
@@ -418,7 +427,7 @@ JNIEXPORT jint JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_termin
 }
 
 JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_watch(JNIEnv* env, jobject,
-                                                                               jlong handle) {
+                                                                                jlong handle) {
     RecordRef record(handle);
     if (!record) return ThrowException(env, PROC_SYSTEM_ERR, "Error watching process. ", EINVAL);
     int sysErr = 0;
@@ -453,8 +462,8 @@ JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_wakeEv
     wake_events();
 }
 
-JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_capture(JNIEnv* env, jobject, jint fd,
-                                                                                  jlong limit) {
+JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_capture(JNIEnv* env, jobject,
+                                                                                   jint fd, jlong limit) {
     if (fd < 0 || limit < 0) {
         throw_java(env, "java/lang/IllegalArgumentException", "descriptor or limit");
         return 0;
@@ -464,7 +473,8 @@ JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_captu
     return token;
 }
 
-JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_deliver(JNIEnv* env, jobject, jint fd) {
+JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_deliver(JNIEnv* env, jobject,
+                                                                                   jint fd) {
     if (fd < 0) {
         throw_java(env, "java/lang/IllegalArgumentException", "descriptor");
         return 0;
@@ -475,7 +485,7 @@ JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_deliv
 }
 
 JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_feed(JNIEnv* env, jobject, jint fd,
-                                                                               jbyteArray input) {
+                                                                                jbyteArray input) {
     if (fd < 0 || input == nullptr) {
         throw_java(env, "java/lang/IllegalArgumentException", "descriptor or input");
         return 0;
@@ -498,12 +508,14 @@ namespace {
 jbyteArray java_bytes(JNIEnv* env, char* data, size_t size) {
     MallocPtr<char> owned(data);
     jbyteArray array = env->NewByteArray(static_cast<jsize>(size));
-    if (array != nullptr) env->SetByteArrayRegion(array, 0, static_cast<jsize>(size), reinterpret_cast<jbyte*>(data));
+    if (array != nullptr)
+        env->SetByteArrayRegion(array, 0, static_cast<jsize>(size), reinterpret_cast<jbyte*>(data));
     return array;
 }
 } // namespace
 
-JNIEXPORT jbyteArray JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_takeChunk(JNIEnv* env, jobject,
+JNIEXPORT jbyteArray JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_takeChunk(JNIEnv* env,
+                                                                                          jobject,
                                                                                           jlong token) {
     char* data = nullptr;
     size_t size = 0;
@@ -519,14 +531,14 @@ JNIEXPORT jbyteArray JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_
     return array;
 }
 
-JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_resume(JNIEnv*, jobject, jlong token,
-                                                                                jboolean discard) {
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_resume(JNIEnv*, jobject,
+                                                                                 jlong token,
+                                                                                 jboolean discard) {
     resume_delivery(token, discard == JNI_TRUE);
 }
 
-JNIEXPORT jbyteArray JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_takeCaptured(JNIEnv* env, jobject,
-                                                                                             jlong token,
-                                                                                             jlongArray dropped) {
+JNIEXPORT jbyteArray JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_takeCaptured(
+    JNIEnv* env, jobject, jlong token, jlongArray dropped) {
     char* data = nullptr;
     size_t size = 0;
     uint64_t lost = 0;
@@ -538,15 +550,18 @@ JNIEXPORT jbyteArray JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_
     return java_bytes(env, data, size);
 }
 
-JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_cancel(JNIEnv*, jobject, jlong token) {
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_cancel(JNIEnv*, jobject,
+                                                                                 jlong token) {
     cancel_source(token);
 }
 
-JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_release(JNIEnv*, jobject, jlong token) {
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_release(JNIEnv*, jobject,
+                                                                                  jlong token) {
     release_source(token);
 }
 
-JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_pipe(JNIEnv* env, jobject, jintArray ends) {
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_pipe(JNIEnv* env, jobject,
+                                                                               jintArray ends) {
     if (ends == nullptr || env->GetArrayLength(ends) < 2) {
         throw_java(env, "java/lang/IllegalArgumentException", "ends");
         return;
@@ -558,7 +573,7 @@ JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_pipe(J
 }
 
 JNIEXPORT jboolean JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_killGroup(JNIEnv* env, jobject,
-                                                                                       jint group) {
+                                                                                        jint group) {
     if (group <= 1) {
         throw_java(env, "java/lang/IllegalArgumentException", "not a process group");
         return JNI_FALSE;
@@ -567,10 +582,12 @@ JNIEXPORT jboolean JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_ki
 }
 
 JNIEXPORT jboolean JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_signal(JNIEnv* env, jobject,
-                                                                                     jlong handle, jint signal) {
+                                                                                     jlong handle,
+                                                                                     jint signal) {
     RecordRef record(handle);
     int sysErr = EINVAL;
-    int result = record && signal > 0 && signal < NSIG ? ensure_entry(record.get(), &sysErr) : PROC_SYSTEM_ERR;
+    int result =
+        record && signal > 0 && signal < NSIG ? ensure_entry(record.get(), &sysErr) : PROC_SYSTEM_ERR;
     if (result == PROC_SUCCESS) {
         sysErr = signal_process(entry_of(record.get()), record_pid(record.get()), signal);
         if (sysErr == ESRCH) return JNI_FALSE; // it has ended: nothing was sent
@@ -598,24 +615,30 @@ int64_t checked_tree(JNIEnv* env, jlong token, const char* message) {
 }
 } // namespace
 
-JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_treeKill(JNIEnv* env, jobject, jlong token) {
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_treeKill(JNIEnv* env, jobject,
+                                                                                   jlong token) {
     if (checked_tree(env, token, "Error terminating process tree. ") == 0) return;
     int err = tree_kill(token);
-    if (err != 0) ThrowException(env, err == EPERM ? PROC_ACCESS_DENIED : PROC_SYSTEM_ERR, "Error terminating process tree. ", err);
+    if (err != 0)
+        ThrowException(env, err == EPERM ? PROC_ACCESS_DENIED : PROC_SYSTEM_ERR,
+                       "Error terminating process tree. ", err);
 }
 
 JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_treeSignal(JNIEnv* env, jobject,
-                                                                                  jlong token, jint signal) {
+                                                                                     jlong token,
+                                                                                     jint signal) {
     if (checked_tree(env, token, "Error signalling process tree. ") == 0) return;
-    if (signal <= 0 || signal >= NSIG) return ThrowException(env, PROC_SYSTEM_ERR, "Error signalling process tree. ", EINVAL);
+    if (signal <= 0 || signal >= NSIG)
+        return ThrowException(env, PROC_SYSTEM_ERR, "Error signalling process tree. ", EINVAL);
     int err = tree_signal(token, signal);
     if (err != 0 && err != ETIMEDOUT)
-        ThrowException(env, err == EPERM ? PROC_ACCESS_DENIED : PROC_SYSTEM_ERR, "Error signalling process tree. ", err);
+        ThrowException(env, err == EPERM ? PROC_ACCESS_DENIED : PROC_SYSTEM_ERR,
+                       "Error signalling process tree. ", err);
 }
 
 JNIEXPORT jboolean JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_treeEmpty(JNIEnv* env, jobject,
-                                                                                      jlong token,
-                                                                                      jlongArray usage) {
+                                                                                        jlong token,
+                                                                                        jlongArray usage) {
     TreeUsage figures = {false, -1};
     bool empty = tree_empty(token, &figures);
     if (usage != nullptr && env->GetArrayLength(usage) >= 2) {
@@ -625,12 +648,14 @@ JNIEXPORT jboolean JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_tr
     return empty ? JNI_TRUE : JNI_FALSE;
 }
 
-JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_treeRelease(JNIEnv*, jobject, jlong token) {
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_treeRelease(JNIEnv*, jobject,
+                                                                                      jlong token) {
     release_tree(token);
 }
 
-JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_endOf(JNIEnv* env, jobject, jlong handle,
-                                                                               jlongArray end) {
+JNIEXPORT void JNICALL Java_com_norvane_quillon_process_NativeProcessGlue_endOf(JNIEnv* env, jobject,
+                                                                                jlong handle,
+                                                                                jlongArray end) {
     RecordRef record(handle);
     if (!record || end == nullptr || env->GetArrayLength(end) < 4) {
         ThrowException(env, PROC_SYSTEM_ERR, "Error getting exitcode. ", EINVAL);

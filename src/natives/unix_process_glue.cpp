@@ -265,8 +265,8 @@ JNIEXPORT jlong JNICALL Java_com_norvane_quillon_process_UnixProcessGlue_create(
     const char* group = texts.text(groupName);
     const char* user = texts.text(userName);
     texts.text(extraName); // carried by the request form, used by nothing
-    request_from_arguments(&request, program, argumentList, entries, directory, priority, files, fileMask, group, user,
-                           processGroup);
+    request_from_arguments(&request, program, argumentList, entries, directory, priority, files, fileMask,
+                           group, user, processGroup);
     if (!texts.ok()) {
         texts.raise("Error creating new process.");
         return 0;

@@ -37,21 +37,21 @@ struct ProcessWatch {
     int64_t* handles;    // kReapOnly among them, reported to nobody
     size_t count;
     size_t capacity;
-    bool due;            // ended, its handles not yet all reported
+    bool due; // ended, its handles not yet all reported
     bool inSet;
-    bool polled;         // looked at every tenth of a second: no pidfd, or the set refused it
+    bool polled; // looked at every tenth of a second: no pidfd, or the set refused it
     ProcessWatch* nextDue;
 };
 
 // A contained tree, until it is empty.
 struct TreeWatch {
     int64_t token;
-    int fd;        // what wakes it, registered under the token; -1 while it is looked at now and then
+    int fd; // what wakes it, registered under the token; -1 while it is looked at now and then
     // A cgroup tree's member's pidfd (the root's first), under the same token: the group tells its emptiness
     // through a notification the kernel sends late when busy, but a member's end is known at once. When the
     // member watched ends, the group is read, and another member is watched.
     int memberFd;
-    bool due;      // empty, to be reported
+    bool due; // empty, to be reported
     TreeWatch* nextDue;
 };
 TreeWatch* trees_due = nullptr;
@@ -59,26 +59,26 @@ TreeWatch* trees_due = nullptr;
 enum class Mode { Capture, Deliver, Feed };
 
 struct Source {
-    uint64_t id;       // its token
-    int fd;            // -1 once the pipe has ended or the source was cancelled
+    uint64_t id; // its token
+    int fd;      // -1 once the pipe has ended or the source was cancelled
     Mode mode;
     bool inSet;
-    bool polled;       // the set refused the pipe: served every tenth of a second
-    bool pending;      // an event waits to be reported
-    bool waiting;      // a delivery's chunk (or its end) waits to be taken
-    bool discarding;   // a delivery that drops what it reads
-    char* data;        // capture: what was read; delivery: the chunk; feed: the input
+    bool polled;     // the set refused the pipe: served every tenth of a second
+    bool pending;    // an event waits to be reported
+    bool waiting;    // a delivery's chunk (or its end) waits to be taken
+    bool discarding; // a delivery that drops what it reads
+    char* data;      // capture: what was read; delivery: the chunk; feed: the input
     size_t size;
     size_t capacity;
-    size_t limit;      // capture: what is kept at most
-    size_t written;    // feed
-    uint64_t dropped;  // capture: what went beyond the limit
+    size_t limit;     // capture: what is kept at most
+    size_t written;   // feed
+    uint64_t dropped; // capture: what went beyond the limit
     Source* nextPending;
 };
 
 pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
 int epoll_fd = -1;
-int wake_fd = -1;   // an eventfd in the set: something due at once wakes the waiter
+int wake_fd = -1; // an eventfd in the set: something due at once wakes the waiter
 IdTable watches_by_id;
 IdTable watches_by_entry;
 IdTable watches_by_handle;
@@ -101,7 +101,8 @@ int open_set() {
     epoll_event event = {};
     event.events = EPOLLIN;
     event.data.u64 = kWakeId;
-    if (set.get() < 0 || wake.get() < 0 || epoll_ctl(set.get(), EPOLL_CTL_ADD, wake.get(), &event) != 0) return errno;
+    if (set.get() < 0 || wake.get() < 0 || epoll_ctl(set.get(), EPOLL_CTL_ADD, wake.get(), &event) != 0)
+        return errno;
     epoll_fd = set.release(); // for the life of the process
     wake_fd = wake.release();
     return 0;
@@ -423,7 +424,9 @@ int report_sources(Event* events, int capacity) {
         Source* source = pending_head;
         pending_head = source->nextPending;
         source->pending = false;
-        int kind = source->mode == Mode::Capture ? kEventCaptured : source->mode == Mode::Feed ? kEventFed : kEventChunk;
+        int kind = source->mode == Mode::Capture ? kEventCaptured
+                   : source->mode == Mode::Feed  ? kEventFed
+                                                 : kEventChunk;
         events[count++] = {kind, static_cast<int64_t>(source->id)};
     }
     return count;

@@ -13,8 +13,8 @@ constexpr int64_t kReapOnly = 0;
 
 // What await_events reports, each once.
 enum EventKind : int {
-    kEventEnded = 1,    // token: the handle of a watched process that has ended (a child is collected already)
-    kEventChunk = 2,    // token: a delivery whose chunk waits to be taken, or which has reached its end
+    kEventEnded = 1, // token: the handle of a watched process that has ended (a child is collected already)
+    kEventChunk = 2, // token: a delivery whose chunk waits to be taken, or which has reached its end
     kEventCaptured = 3, // token: a capture that has read its pipe to the end
     kEventFed = 4,      // token: a feed that has written all its input, or whose reader went away
     kEventTree = 5,     // token: a contained tree whose last member has ended
@@ -34,8 +34,8 @@ int await_events(Event* events, int capacity, int timeoutMillis);
 // Ends the wait of await_events in progress, or the next one.
 void wake_events();
 
-// Watches a contained tree, whose root is `root`, until it is empty: reported once then, unless it was released
-// meanwhile (then it is freed). A result code.
+// Watches a contained tree, whose root is `root`, until it is empty: reported once then, unless it was
+// released meanwhile (then it is freed). A result code.
 int watch_tree(int64_t token, int root);
 
 // Pipe sources. Each takes over the descriptor (made non-blocking, closed by the source) and gives a token, 0

@@ -97,11 +97,13 @@ int waitid_with_usage(idtype_t type, id_t id, siginfo_t* info, int options, rusa
 // waitid on the process of the entry, by pidfd where the kernel takes one (5.4 and later).
 int wait_for(const ProcessEntry* entry, siginfo_t* info, int options, rusage* usage = nullptr) {
     if (entry->pidfd.get() >= 0) {
-        int result = retry_on_eintr(
-            [&] { return waitid_with_usage(P_PIDFD, static_cast<id_t>(entry->pidfd.get()), info, options, usage); });
+        int result = retry_on_eintr([&] {
+            return waitid_with_usage(P_PIDFD, static_cast<id_t>(entry->pidfd.get()), info, options, usage);
+        });
         if (result == 0 || errno != EINVAL) return result;
     }
-    return retry_on_eintr([&] { return waitid_with_usage(P_PID, static_cast<id_t>(entry->pid), info, options, usage); });
+    return retry_on_eintr(
+        [&] { return waitid_with_usage(P_PID, static_cast<id_t>(entry->pid), info, options, usage); });
 }
 
 // False when the entry's process is known to have ended, so that its PID may name another by now.
@@ -125,7 +127,7 @@ bool attach_launched_entry(UnixProcessData* data, int pid, UniqueFd& pidfd, uint
         old->indexed = false;
     entry->indexed = live_entries.insert(static_cast<uint64_t>(pid), entry);
     pthread_mutex_unlock(&table_lock);
-    if (!entry->indexed) { // an adoption could not find it: its records would not share one status
+    if (!entry->indexed) {      // an adoption could not find it: its records would not share one status
         entry->pidfd.release(); // still the caller's
         destroy_entry(entry);
         return false;
@@ -210,7 +212,8 @@ Collection collect_child(ProcessEntry* entry) {
 
 Collection await_and_collect_child(ProcessEntry* entry) {
     siginfo_t info = {};
-    if (!entry->ended && !entry->notChild && wait_for(entry, &info, WEXITED | WNOWAIT) == -1 && errno != ECHILD)
+    if (!entry->ended && !entry->notChild && wait_for(entry, &info, WEXITED | WNOWAIT) == -1 &&
+        errno != ECHILD)
         return {-1, errno};
     return collect_child(entry);
 }

@@ -181,7 +181,8 @@ int kill_tree(UnixProcessData* data, int* sysErr) {
     }
     // A stopped root can't end while it is searched. One that had ended already (a zombie takes the signal)
     // has passed its children on, and may be collected and its PID given to another process meanwhile: only
-    // what is left of the group it led is told apart still (a group's ID is not given out while it has members).
+    // what is left of the group it led is told apart still (a group's ID is not given out while it has
+    // members).
     if (has_ended(entry_of(data), root)) {
         if (leader) kill(-root, SIGKILL);
         return PROC_SUCCESS;

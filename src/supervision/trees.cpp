@@ -12,9 +12,9 @@
 #include "supervision/tree.h"
 
 struct Tree {
-    TreeGroup group;         // cgroup trees: the v2 group (and v1 groups for limits); else v1 groups alone
+    TreeGroup group; // cgroup trees: the v2 group (and v1 groups for limits); else v1 groups alone
     TreeKind kind = TreeKind::ProcessGroup;
-    int root = 0;            // the root's PID, which numbers the process group of a process-group tree
+    int root = 0; // the root's PID, which numbers the process group of a process-group tree
     uint64_t watchdogToken = 0;
     bool empty = false;      // seen empty: the groups are removed (or due to be), the figures final
     bool removalDue = false; // empty, its groups to be removed by the last call in progress
@@ -49,7 +49,8 @@ class TreeRef : NoCopy {
         if (tree_->users == 1 && tree_->removalDue) { // the last call that might use the groups: they go
             tree_->removalDue = false;
             pthread_mutex_unlock(&lock);
-            remove_tree_group(&tree_->group); // a leftover that can't go now is taken by the next process's sweep
+            remove_tree_group(
+                &tree_->group); // a leftover that can't go now is taken by the next process's sweep
             pthread_mutex_lock(&lock);
         }
         bool last = --tree_->users == 0 && tree_->released && tree_->empty;

@@ -512,7 +512,8 @@ TEST(TreeGroup, StaleGroupsOfEndedProcessesGo) {
         ASSERT_TRUE(fs::create_directory(place + "/" + leftover.name)) << leftover.name;
         for (const std::string& below : leftover.below)
             ASSERT_TRUE(fs::create_directory(place + "/" + leftover.name + "/" + below)) << below;
-        if (*leftover.busy != 0) members.push_back(member_at(place + "/" + leftover.name + "/" + leftover.busy));
+        if (*leftover.busy != 0)
+            members.push_back(member_at(place + "/" + leftover.name + "/" + leftover.busy));
     }
     remove_stale_groups(real.places());
     std::string report;
@@ -520,7 +521,8 @@ TEST(TreeGroup, StaleGroupsOfEndedProcessesGo) {
         std::string path = place + "/" + leftover.name;
         if (fs::exists(path) == leftover.goes) report += " " + leftover.name;
         for (const std::string& below : leftover.below)
-            if (!leftover.goes && !fs::exists(path + "/" + below)) report += " " + leftover.name + "/" + below;
+            if (!leftover.goes && !fs::exists(path + "/" + below))
+                report += " " + leftover.name + "/" + below;
     }
     for (pid_t member : members) {
         if (member > 0) kill(member, SIGKILL);
@@ -871,18 +873,22 @@ TEST_P(WatchdogMaking, KillsWhatWasRegisteredAtTheHostsEnd) {
     EXPECT_EQ(with_host(host, check), std::string(c.firstFails ? "failed " : "") + "registered ok");
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Watchdog, WatchdogMaking,
-    testing::Values(MakingCase{"sigchldIgnored", [] { signal(SIGCHLD, SIG_IGN); }, false},
-                    // The second clone is the intermediate's, of the watchdog itself.
-                    MakingCase{"intermediateCloneFails", [] { seams::clone = {2, EAGAIN}; }, true},
-                    MakingCase{"intermediateCloneFailsSigchldIgnored",
-                               [] {
-                                   signal(SIGCHLD, SIG_IGN);
-                                   seams::clone = {2, EAGAIN};
-                               },
-                               true}),
-    [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Watchdog, WatchdogMaking,
+                         testing::Values(MakingCase{"sigchldIgnored", [] { signal(SIGCHLD, SIG_IGN); },
+                                                    false},
+                                         // The second clone is the intermediate's, of the watchdog itself.
+                                         MakingCase{"intermediateCloneFails",
+                                                    [] {
+                                                        seams::clone = {2, EAGAIN};
+                                                    },
+                                                    true},
+                                         MakingCase{"intermediateCloneFailsSigchldIgnored",
+                                                    [] {
+                                                        signal(SIGCHLD, SIG_IGN);
+                                                        seams::clone = {2, EAGAIN};
+                                                    },
+                                                    true}),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 // A forget is made when a process or tree has ended, under the event thread's lock: it never waits, not for
 // a stopped watchdog's full queue, not for a registration that holds the host's state while it waits for
@@ -926,12 +932,13 @@ TEST(Watchdog, ForgetsNeverWaitForAStoppedWatchdog) {
         kill(watchdog, SIGCONT);
         bool again = watchdog_register_process(pidfd) != 0;
         return pid_line({kept}) + "forgot " + std::to_string(forgotten.size() > 10) + " at once " +
-               std::to_string(took < std::chrono::seconds(1)) + ", then " + strerror(refused) +
-               ", again " + std::to_string(again);
+               std::to_string(took < std::chrono::seconds(1)) + ", then " + strerror(refused) + ", again " +
+               std::to_string(again);
     };
     auto check = [&](pid_t host, const std::vector<int>& pids, const std::string& said) {
         return said + " " + (pids.size() == 1 ? kill_and_expect(host, pids) : "no process");
     };
-    EXPECT_EQ(with_host(host, check), "forgot 1 at once 1, then " + std::string(strerror(EAGAIN)) + ", again 1 ok");
+    EXPECT_EQ(with_host(host, check),
+              "forgot 1 at once 1, then " + std::string(strerror(EAGAIN)) + ", again 1 ok");
 }
 } // namespace

@@ -74,19 +74,17 @@ TEST_P(ExecOutcome, IsReadFromTheChannel) {
     waitpid(writer, nullptr, 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Matrix, ExecOutcome,
-                         testing::Values(OutcomeCase{"endOfFile", "", PROC_SUCCESS, 0, kStepNone},
-                                         OutcomeCase{"fullRecord",
-                                                     ints({ENOENT, PROC_INVALID_FILE, kStepStdHandle, 2}),
-                                                     PROC_INVALID_FILE, ENOENT, kStepStdHandle},
-                                         OutcomeCase{"withoutStep", ints({ENOENT, PROC_INVALID_EXECUTABLE}),
-                                                     PROC_INVALID_EXECUTABLE, ENOENT, kStepLauncher},
-                                         OutcomeCase{"firstIntOnly", ints({EACCES}), PROC_SYSTEM_ERR, EACCES,
-                                                     kStepLauncher},
-                                         OutcomeCase{"shortSecond", ints({EACCES}) + "ab", PROC_SYSTEM_ERR,
-                                                     EACCES, kStepLauncher},
-                                         OutcomeCase{"shortFirst", "ab", PROC_SYSTEM_ERR, -1, kStepLauncher}),
-                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    Matrix, ExecOutcome,
+    testing::Values(OutcomeCase{"endOfFile", "", PROC_SUCCESS, 0, kStepNone},
+                    OutcomeCase{"fullRecord", ints({ENOENT, PROC_INVALID_FILE, kStepStdHandle, 2}),
+                                PROC_INVALID_FILE, ENOENT, kStepStdHandle},
+                    OutcomeCase{"withoutStep", ints({ENOENT, PROC_INVALID_EXECUTABLE}),
+                                PROC_INVALID_EXECUTABLE, ENOENT, kStepLauncher},
+                    OutcomeCase{"firstIntOnly", ints({EACCES}), PROC_SYSTEM_ERR, EACCES, kStepLauncher},
+                    OutcomeCase{"shortSecond", ints({EACCES}) + "ab", PROC_SYSTEM_ERR, EACCES, kStepLauncher},
+                    OutcomeCase{"shortFirst", "ab", PROC_SYSTEM_ERR, -1, kStepLauncher}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 struct SelectCase {
     const char* name;

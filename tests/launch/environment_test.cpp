@@ -109,8 +109,9 @@ struct Built {
 
 // Keys that begin like another (LANGUAGE and LANG, PATHEXT and PATH) are other keys.
 Built built_environment(std::vector<const char*> request) {
-    char* inherited[] = {const_cast<char*>("PATH=/b"), const_cast<char*>("KEEP=1"), const_cast<char*>("GONE=1"),
-                         const_cast<char*>("LANGUAGE=de"), const_cast<char*>("PATHEXT=.x"), nullptr};
+    char* inherited[] = {const_cast<char*>("PATH=/b"),    const_cast<char*>("KEEP=1"),
+                         const_cast<char*>("GONE=1"),     const_cast<char*>("LANGUAGE=de"),
+                         const_cast<char*>("PATHEXT=.x"), nullptr};
     char** saved = environ;
     environ = inherited;
     request.push_back(nullptr);
@@ -126,8 +127,10 @@ Built built_environment(std::vector<const char*> request) {
 TEST(Merge, AppliesEntriesInOrderOverTheInheritedEnvironment) {
     EXPECT_EQ(built_environment({"NEW=x", "PATH=/a", "KEEP=2", "GONE"}).entries,
               "PATH=/a:/b;KEEP=2;LANGUAGE=de;PATHEXT=.x;NEW=x;");
-    EXPECT_EQ(built_environment({"path=/a"}).entries, "PATH=/b;KEEP=1;GONE=1;LANGUAGE=de;PATHEXT=.x;path=/a:/b;");
-    EXPECT_EQ(built_environment({"LANG=C", "PATHEXT=.y", "LANGUAGE"}).entries, "PATH=/b;KEEP=1;GONE=1;PATHEXT=.y;LANG=C;");
+    EXPECT_EQ(built_environment({"path=/a"}).entries,
+              "PATH=/b;KEEP=1;GONE=1;LANGUAGE=de;PATHEXT=.x;path=/a:/b;");
+    EXPECT_EQ(built_environment({"LANG=C", "PATHEXT=.y", "LANGUAGE"}).entries,
+              "PATH=/b;KEEP=1;GONE=1;PATHEXT=.y;LANG=C;");
 }
 
 TEST(Merge, AnyFailedAllocationFailsTheWholeEnvironment) {

@@ -30,8 +30,8 @@ jlong create_failing_at(FakeJni& jni, int at) {
     jobjectArray files = jni.array({nullptr, jni.string("/dev/null"), jni.string("null")});
     seams::malloc = {at, ENOMEM};
     jlong handle = Java_com_norvane_quillon_process_UnixProcessGlue_create(
-        jni.env(), nullptr, jni.string("/bin/sh"), arguments, environment, jni.string("/dev"), 20, files, 022, nullptr,
-        nullptr, 0, jni.string("extra"), JNI_FALSE, JNI_FALSE);
+        jni.env(), nullptr, jni.string("/bin/sh"), arguments, environment, jni.string("/dev"), 20, files, 022,
+        nullptr, nullptr, 0, jni.string("extra"), JNI_FALSE, JNI_FALSE);
     return handle;
 }
 
@@ -96,8 +96,10 @@ jlong launch_failing_at(FakeJni& jni, jlong flags, int at, jlongArray launched) 
         com_norvane_quillon_process_NativeProcessGlue_GROUP_INHERIT;
     const CgroupPlaces* places = cgroup_places();
     if ((flags & com_norvane_quillon_process_NativeProcessGlue_FLAG_CONTAINED) != 0 && places != nullptr) {
-        if (places->memory[0] != 0) settings[com_norvane_quillon_process_NativeProcessGlue_SETTING_MEMORY_LIMIT] = 64 << 20;
-        if (places->pids[0] != 0) settings[com_norvane_quillon_process_NativeProcessGlue_SETTING_PROCESS_LIMIT] = 10;
+        if (places->memory[0] != 0)
+            settings[com_norvane_quillon_process_NativeProcessGlue_SETTING_MEMORY_LIMIT] = 64 << 20;
+        if (places->pids[0] != 0)
+            settings[com_norvane_quillon_process_NativeProcessGlue_SETTING_PROCESS_LIMIT] = 10;
     }
     jintArray modes = jni.ints({com_norvane_quillon_process_NativeProcessGlue_STD_NULL,
                                 com_norvane_quillon_process_NativeProcessGlue_STD_PIPE,
@@ -119,8 +121,10 @@ TEST(LaunchNative, AContainedLaunchWithAnyFailedAllocationLeavesNothingBehind) {
     int descriptors = entries_beginning("/proc/self/fd", "");
     for (int at = 1;; ++at) {
         FakeJni jni;
-        jlongArray launched = jni.longs(std::vector<jlong>(com_norvane_quillon_process_NativeProcessGlue_LAUNCHED));
-        jlong handle = launch_failing_at(jni, com_norvane_quillon_process_NativeProcessGlue_FLAG_CONTAINED, at, launched);
+        jlongArray launched =
+            jni.longs(std::vector<jlong>(com_norvane_quillon_process_NativeProcessGlue_LAUNCHED));
+        jlong handle = launch_failing_at(jni, com_norvane_quillon_process_NativeProcessGlue_FLAG_CONTAINED,
+                                         at, launched);
         bool faulted = seams::malloc.at == 0;
         seams::malloc = {};
         std::vector<jlong> outcome = FakeJni::values(launched);
@@ -132,7 +136,8 @@ TEST(LaunchNative, AContainedLaunchWithAnyFailedAllocationLeavesNothingBehind) {
             int sysErr = 0;
             ASSERT_EQ(unix_WaitForProcessTermination(record.get(), &sysErr), PROC_SUCCESS);
             EXPECT_EQ(record->exitCode, 4);
-            close(static_cast<int>(outcome[com_norvane_quillon_process_NativeProcessGlue_LAUNCHED_PIPES + 1]));
+            close(
+                static_cast<int>(outcome[com_norvane_quillon_process_NativeProcessGlue_LAUNCHED_PIPES + 1]));
             int64_t tree = outcome[com_norvane_quillon_process_NativeProcessGlue_LAUNCHED_TREE];
             TreeUsage usage;
             EXPECT_TRUE(serve_until([&] { return tree_empty(tree, &usage); })) << "allocation " << at;
@@ -159,7 +164,8 @@ TEST(LaunchNative, LaunchesThatFailOnTheWayGiveTheirWatchdogRegistrationBack) {
             for (int pass = 0; pass < 24; ++pass) { // three failures a pass come after the registration
                 for (int at = 1;; ++at) {
                     FakeJni jni;
-                    jlongArray launched = jni.longs(std::vector<jlong>(com_norvane_quillon_process_NativeProcessGlue_LAUNCHED));
+                    jlongArray launched =
+                        jni.longs(std::vector<jlong>(com_norvane_quillon_process_NativeProcessGlue_LAUNCHED));
                     jlong handle = launch_failing_at(jni, endWithJvm, at, launched);
                     bool faulted = seams::malloc.at == 0;
                     seams::malloc = {};
@@ -174,7 +180,8 @@ TEST(LaunchNative, LaunchesThatFailOnTheWayGiveTheirWatchdogRegistrationBack) {
                 }
             }
             FakeJni jni;
-            jlongArray launched = jni.longs(std::vector<jlong>(com_norvane_quillon_process_NativeProcessGlue_LAUNCHED));
+            jlongArray launched =
+                jni.longs(std::vector<jlong>(com_norvane_quillon_process_NativeProcessGlue_LAUNCHED));
             jlong handle = launch_failing_at(jni, endWithJvm, 0, launched);
             return handle != 0 ? std::string("launched") : jni.thrown.at(0).message;
         },

@@ -124,16 +124,19 @@ TEST(EventSet, AChunkTheHeapCannotTakeIsOfferedAgain) {
     ASSERT_TRUE(event_comes(kEventChunk, token, 5000));
     FakeJni jni;
     jni.failNewArrays = true;
-    EXPECT_EQ(Java_com_norvane_quillon_process_NativeProcessGlue_takeChunk(jni.env(), nullptr, token), nullptr);
+    EXPECT_EQ(Java_com_norvane_quillon_process_NativeProcessGlue_takeChunk(jni.env(), nullptr, token),
+              nullptr);
     jni.failNewArrays = false;
     ASSERT_TRUE(event_comes(kEventChunk, token, 5000));
-    jbyteArray chunk = Java_com_norvane_quillon_process_NativeProcessGlue_takeChunk(jni.env(), nullptr, token);
+    jbyteArray chunk =
+        Java_com_norvane_quillon_process_NativeProcessGlue_takeChunk(jni.env(), nullptr, token);
     ASSERT_NE(chunk, nullptr);
     EXPECT_EQ(FakeJni::raw(chunk), "chunk");
     resume_delivery(token, false);
     ASSERT_TRUE(event_comes(kEventChunk, token, 5000));
     jni.failNewArrays = true; // the end, too, is offered again
-    EXPECT_EQ(Java_com_norvane_quillon_process_NativeProcessGlue_takeChunk(jni.env(), nullptr, token), nullptr);
+    EXPECT_EQ(Java_com_norvane_quillon_process_NativeProcessGlue_takeChunk(jni.env(), nullptr, token),
+              nullptr);
     jni.failNewArrays = false;
     ASSERT_TRUE(event_comes(kEventChunk, token, 5000));
     chunk = Java_com_norvane_quillon_process_NativeProcessGlue_takeChunk(jni.env(), nullptr, token);

@@ -190,7 +190,8 @@ TEST_P(ProcessGroupTreeWithoutDescriptors, CountsAsLiving) {
         int exhausted = errno;
         std::string said = c.look(token, root);
         give_back(held);
-        if (exhausted != EMFILE) return finish("descriptors not exhausted: " + std::to_string(exhausted), {root});
+        if (exhausted != EMFILE)
+            return finish("descriptors not exhausted: " + std::to_string(exhausted), {root});
         kill(root, SIGKILL);
         waitpid(root, nullptr, 0);
         if (!settle_and_release(token)) said += ", never settled once the root was gone";
@@ -201,35 +202,35 @@ TEST_P(ProcessGroupTreeWithoutDescriptors, CountsAsLiving) {
 
 INSTANTIATE_TEST_SUITE_P(
     CantTell, ProcessGroupTreeWithoutDescriptors,
-    testing::Values(
-        CantTellCase{"empty",
-                     [](int64_t token, pid_t) {
-                         TreeUsage usage;
-                         return std::string(tree_empty(token, &usage) ? "empty" : "living");
-                     },
-                     "living"},
-        CantTellCase{"settle",
-                     [](int64_t token, pid_t) {
-                         bool released = false;
-                         return std::string(tree_settle(token, &released) ? "settled" : "living");
-                     },
-                     "living"},
-        // The event set looks again a little later (as it does for a tree without pidfds).
-        CantTellCase{"waker",
-                     [](int64_t token, pid_t) {
-                         bool priority = true;
-                         int waker = tree_waker(token, &priority);
-                         if (waker >= 0) close(waker);
-                         return std::string(waker == kLookLater ? "look later" : std::to_string(waker));
-                     },
-                     "look later"},
-        CantTellCase{"kill",
-                     [](int64_t token, pid_t root) {
-                         int err = tree_kill(token);
-                         if (err != 0) return std::string(strerror(err));
-                         return std::string(reaped_within(root, 1000) ? "killed" : "not killed");
-                     },
-                     "killed"}),
+    testing::Values(CantTellCase{"empty",
+                                 [](int64_t token, pid_t) {
+                                     TreeUsage usage;
+                                     return std::string(tree_empty(token, &usage) ? "empty" : "living");
+                                 },
+                                 "living"},
+                    CantTellCase{"settle",
+                                 [](int64_t token, pid_t) {
+                                     bool released = false;
+                                     return std::string(tree_settle(token, &released) ? "settled" : "living");
+                                 },
+                                 "living"},
+                    // The event set looks again a little later (as it does for a tree without pidfds).
+                    CantTellCase{"waker",
+                                 [](int64_t token, pid_t) {
+                                     bool priority = true;
+                                     int waker = tree_waker(token, &priority);
+                                     if (waker >= 0) close(waker);
+                                     return std::string(waker == kLookLater ? "look later"
+                                                                            : std::to_string(waker));
+                                 },
+                                 "look later"},
+                    CantTellCase{"kill",
+                                 [](int64_t token, pid_t root) {
+                                     int err = tree_kill(token);
+                                     if (err != 0) return std::string(strerror(err));
+                                     return std::string(reaped_within(root, 1000) ? "killed" : "not killed");
+                                 },
+                                 "killed"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // ---- The kill of a process with everything below it, when the tree can't be read whole: the fault is
@@ -279,7 +280,8 @@ TEST_P(KillTreeFault, IsReportedAndLeavesNothingStopped) {
         report += ends_within(root, 1000) ? " root killed" : " root lives";
         usleep(50000);
         for (int pid : {root, below})
-            if (state_of(pid) == 'T') report += " left stopped:" + std::string(pid == root ? "root" : "below");
+            if (state_of(pid) == 'T')
+                report += " left stopped:" + std::string(pid == root ? "root" : "below");
         destroy_record(record);
         return finish(report, {root, below});
     });
@@ -290,17 +292,20 @@ TEST_P(KillTreeFault, IsReportedAndLeavesNothingStopped) {
 
 std::vector<int> held_for_kill;
 
-INSTANTIATE_TEST_SUITE_P(
-    KillTree, KillTreeFault,
-    testing::Values(
-        // The root is stopped, the search for what is below it fails at its first allocation: the root is
-        // killed all the same.
-        KillFaultCase{"outOfMemory", [] { seams::malloc = {seams::kAlways, ENOMEM}; },
-                      [] { seams::malloc = {}; }, PROC_OUT_OF_MEMORY, ENOMEM, true},
-        // Not even whether the tree holds this process can be told: nothing is sent.
-        KillFaultCase{"outOfDescriptors", [] { held_for_kill = exhaust_descriptors(); },
-                      [] { give_back(held_for_kill); }, PROC_OUT_OF_FILE_HANDLES, EMFILE, false}),
-    [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(KillTree, KillTreeFault,
+                         testing::Values(
+                             // The root is stopped, the search for what is below it fails at its first
+                             // allocation: the root is killed all the same.
+                             KillFaultCase{"outOfMemory",
+                                           [] {
+                                               seams::malloc = {seams::kAlways, ENOMEM};
+                                           },
+                                           [] { seams::malloc = {}; }, PROC_OUT_OF_MEMORY, ENOMEM, true},
+                             // Not even whether the tree holds this process can be told: nothing is sent.
+                             KillFaultCase{"outOfDescriptors", [] { held_for_kill = exhaust_descriptors(); },
+                                           [] { give_back(held_for_kill); }, PROC_OUT_OF_FILE_HANDLES, EMFILE,
+                                           false}),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 // ---- Cgroup trees.
 

@@ -114,7 +114,8 @@ jbyteArray JNICALL new_byte_array(JNIEnv*, jsize length) {
 }
 void JNICALL set_byte_array_region(JNIEnv*, jbyteArray a, jsize start, jsize length, const jbyte* bytes) {
     reinterpret_cast<FakeBytes*>(a)->raw.replace(static_cast<size_t>(start), static_cast<size_t>(length),
-                                                 reinterpret_cast<const char*>(bytes), static_cast<size_t>(length));
+                                                 reinterpret_cast<const char*>(bytes),
+                                                 static_cast<size_t>(length));
 }
 } // namespace
 

@@ -8,9 +8,9 @@
 
 namespace quillon_test {
 template <class Case>
-    requires requires(const Case& c) {
-        { c.name } -> std::convertible_to<std::string_view>;
-    }
+requires requires(const Case& c) {
+    { c.name } -> std::convertible_to<std::string_view>;
+}
 void PrintTo(const Case& c, std::ostream* out) {
     *out << std::string_view(c.name);
 }

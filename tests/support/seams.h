@@ -20,8 +20,8 @@ extern Fault clone; // the launcher's: an attached launch's new process, a detac
 // and leave errno alone.
 extern Fault secondClone;           // a plain one
 extern Fault secondCloneIntoCgroup; // into a v2 group
-extern Fault cloneIntoCgroup; // clone_into_cgroup, as ENOSYS on a kernel without clone3
-extern Fault pipe;            // pipe and pipe2
+extern Fault cloneIntoCgroup;       // clone_into_cgroup, as ENOSYS on a kernel without clone3
+extern Fault pipe;                  // pipe and pipe2
 // Pipes made inheritable (pipe, or pipe2 without O_CLOEXEC) since the start, by any thread.
 extern std::atomic<int> inheritablePipes;
 extern Fault pidfd; // pidfd_open, as on a kernel without it

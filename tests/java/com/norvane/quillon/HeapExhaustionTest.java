@@ -8,7 +8,10 @@ import java.util.List;
 import java.util.concurrent.CompletableFuture;
 import org.junit.jupiter.api.Test;
 
-/** Launches while another thread fills the heap for moments: no Error loses a child or breaks a class for good. */
+/**
+ * Launches while another thread fills the heap for moments: no Error loses a child or breaks a class for
+ * good.
+ */
 class HeapExhaustionTest {
     /**
      * In a JVM with a 48 MiB heap: one thread fills the heap until OutOfMemoryError, holds it 30 ms and frees
@@ -30,10 +33,13 @@ class HeapExhaustionTest {
         }
 
         private static void run() throws Exception {
-            Object[] batch = new Object[50]; // Launcher and NativeProcess are first used in a moment of a full heap
-            // What a JVM has set up long before, as any server's has: a JDK class whose first use falls in such a
-            // moment is as unusable for good as any other.
-            CompletableFuture.completedFuture(ProcessCounts.zombieChildren()).thenApplyAsync(zombies -> zombies).join();
+            Object[] batch =
+                new Object[50]; // Launcher and NativeProcess are first used in a moment of a full heap
+            // What a JVM has set up long before, as any server's has: a JDK class whose first use falls in
+            // such a moment is as unusable for good as any other.
+            CompletableFuture.completedFuture(ProcessCounts.zombieChildren())
+                .thenApplyAsync(zombies -> zombies)
+                .join();
             long launched = 0;
             long failed = 0;
             long end = System.nanoTime() + 8_000_000_000L;
@@ -55,7 +61,7 @@ class HeapExhaustionTest {
                 for (int i = 0; i < batch.length; i++) {
                     try {
                         if (batch[i] != null) {
-                            ((NativeProcess) batch[i]).close();
+                            ((NativeProcess)batch[i]).close();
                         }
                     } catch (Throwable e) {
                         failed++;

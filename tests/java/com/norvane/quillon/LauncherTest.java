@@ -83,17 +83,22 @@ class LauncherTest {
         inherited.put("LANG", "C");
         // Keys that begin like an added one (LANGUAGE and LANG, PATHEXT and PATH) are other keys.
         return Stream.of(Arguments.of("added to the inherited one", null, inherited),
-                Arguments.of("added to a replacement", Map.of("PATH", "/bin:/usr/bin", "QUILLON_X", "old", "ONLY", "1",
-                        "LANGUAGE", "de", "PATHEXT", ".x"), Map.of("PATH", "/first:/bin:/usr/bin", "QUILLON_X", "x",
-                        "ONLY", "1", "LANGUAGE", "de", "PATHEXT", ".x", "LANG", "C")));
+                         Arguments.of("added to a replacement",
+                                      Map.of("PATH", "/bin:/usr/bin", "QUILLON_X", "old", "ONLY", "1",
+                                             "LANGUAGE", "de", "PATHEXT", ".x"),
+                                      Map.of("PATH", "/first:/bin:/usr/bin", "QUILLON_X", "x", "ONLY", "1",
+                                             "LANGUAGE", "de", "PATHEXT", ".x", "LANG", "C")));
     }
 
     @ParameterizedTest(name = "{0}")
     @MethodSource("environments")
     void additionsPutPathLikeValuesInFrontAndReplaceOthers(String name, Map<String, String> replacement,
             Map<String, String> expected) throws Exception {
-        Launcher launcher = new Launcher("/usr/bin/env", "-0").environment(replacement)
-                .addEnvironment("PATH", "/first").addEnvironment("QUILLON_X", "x").addEnvironment("LANG", "C");
+        Launcher launcher = new Launcher("/usr/bin/env", "-0")
+                                .environment(replacement)
+                                .addEnvironment("PATH", "/first")
+                                .addEnvironment("QUILLON_X", "x")
+                                .addEnvironment("LANG", "C");
         assertEquals(expected, Stream.of(output(launcher).split("\0")).map(entry -> entry.split("=", 2))
                 .collect(Collectors.toMap(kv -> kv[0], kv -> kv[1])));
     }
@@ -172,8 +177,9 @@ class LauncherTest {
     public static final class FailedStarts {
         public static void main(String[] args) {
             Launcher[] launchers = {new Launcher("true").redirectOutput(new File("/no/dir/out")),
-                new Launcher("true").user("no-such-user-q"), new Launcher("true").group("no-such-group-q"),
-                new Launcher("true").directory(new File("/no/such/dir"))};
+                                    new Launcher("true").user("no-such-user-q"),
+                                    new Launcher("true").group("no-such-group-q"),
+                                    new Launcher("true").directory(new File("/no/such/dir"))};
             for (Launcher launcher : launchers) {
                 try {
                     launcher.start().close();
@@ -187,19 +193,22 @@ class LauncherTest {
 
     @Test
     void aFailedStartWritesNothingToTheJvmsStreamsAndNamesWhatWasAtFault() throws Exception {
-        assertEquals(String.join("\n",
+        assertEquals(
+            String.join(
+                "\n",
                 "Cannot run program \"true\": stdout file \"/no/dir/out\": No such file or directory | InvalidFileException",
                 "Cannot run program \"true\": user \"no-such-user-q\": no such user | InvalidUsernameException",
                 "Cannot run program \"true\": group \"no-such-group-q\": no such group | InvalidGroupException",
                 "Cannot run program \"true\" (in directory \"/no/such/dir\"): directory \"/no/such/dir\": No such file or "
-                        + "directory | InvalidDirectoryException") + "\n",
-                ChildJvm.run(false, FailedStarts.class));
+                    + "directory | InvalidDirectoryException") +
+                "\n",
+            ChildJvm.run(false, FailedStarts.class));
     }
 
     /**
-     * As nobody: a program found on PATH behind a file that may not be run, or behind a directory that may not
-     * be searched, runs; found nowhere else, the launch fails with EACCES, also when a directory after the
-     * refused one lacks the program. Prints one line per PATH.
+     * As nobody: a program found on PATH behind a file that may not be run, or behind a directory that may
+     * not be searched, runs; found nowhere else, the launch fails with EACCES, also when a directory after
+     * the refused one lacks the program. Prints one line per PATH.
      */
     public static final class ExecSearch {
         public static void main(String[] args) throws Exception {
@@ -212,13 +221,19 @@ class LauncherTest {
             Files.writeString(runnable.resolve("prog"), "#!/bin/sh\necho from b\n");
             runnable.resolve("prog").toFile().setExecutable(true);
             closed.toFile().setExecutable(false);
-            for (Path[] path : new Path[][] {{notRunnable}, {notRunnable, runnable}, {closed, runnable}, {closed},
-                {notRunnable, empty}}) {
+            for (Path[] path : new Path[][] {{notRunnable},
+                                             {notRunnable, runnable},
+                                             {closed, runnable},
+                                             {closed},
+                                             {notRunnable, empty}}) {
                 String search = String.join(":", Stream.of(path).map(Path::toString).toList());
-                try (NativeProcess process = new Launcher("prog").environment(Map.of("PATH", search)).start()) {
-                    System.out.print(new String(process.getInputStream().readAllBytes(), StandardCharsets.UTF_8));
+                try (NativeProcess process =
+                         new Launcher("prog").environment(Map.of("PATH", search)).start()) {
+                    System.out.print(
+                        new String(process.getInputStream().readAllBytes(), StandardCharsets.UTF_8));
                 } catch (IOException e) {
-                    System.out.println(e.getMessage().replace(search, "PATH") + " | " + e.getCause().getMessage());
+                    System.out.println(e.getMessage().replace(search, "PATH") + " | " +
+                                       e.getCause().getMessage());
                 }
             }
             closed.toFile().setExecutable(true);
@@ -228,17 +243,19 @@ class LauncherTest {
     @Test
     void aRefusedExecOnPathIsSkippedAndReportedAsEaccesWhenNothingElseRuns() throws Exception {
         assumeTrue(isRoot(), "needs root to run a JVM as nobody, whom the file system refuses");
-        String denied = "Cannot run program \"prog\": error=13, Permission denied | Error creating new process. 013: "
-                + "Permission denied\n";
+        String denied =
+            "Cannot run program \"prog\": error=13, Permission denied | Error creating new process. 013: "
+            + "Permission denied\n";
         assertEquals(denied + "from b\nfrom b\n" + denied + denied,
-                ChildJvm.withoutTrace(ChildJvm.run(true, ExecSearch.class)));
+                     ChildJvm.withoutTrace(ChildJvm.run(true, ExecSearch.class)));
     }
 
     @Test
     void signalReachesAProgramThatTrapsItAndIsRefusedOnceItHasEnded() throws Exception {
-        try (NativeProcess process = shell("trap 'echo hup; exit 7' HUP; echo ready; while :; do sleep 0.05; done")
-                .start()) {
-            BufferedReader out = new BufferedReader(new InputStreamReader(process.getInputStream(), StandardCharsets.UTF_8));
+        try (NativeProcess process =
+                 shell("trap 'echo hup; exit 7' HUP; echo ready; while :; do sleep 0.05; done").start()) {
+            BufferedReader out =
+                new BufferedReader(new InputStreamReader(process.getInputStream(), StandardCharsets.UTF_8));
             assertEquals("ready", out.readLine());
             assertTrue(process.signal(1));
             assertEquals("hup", out.readLine());
@@ -252,12 +269,13 @@ class LauncherTest {
 
     @ParameterizedTest(name = "{0}")
     @CsvSource({"umask -1, -1", "umask 01000, 512", "umask 0x7fffffff, 2147483647", "process group -1, -1",
-            "process group above the largest PID, 2147483648"})
-    void valuesTheSystemCannotTakeAreRefused(String name, long value) {
+                "process group above the largest PID, 2147483648"})
+    void
+    valuesTheSystemCannotTakeAreRefused(String name, long value) {
         Launcher launcher = new Launcher("true");
         assertThrows(IllegalArgumentException.class, () -> {
             if (name.startsWith("umask")) {
-                launcher.umask((int) value);
+                launcher.umask((int)value);
             } else {
                 launcher.processGroup(value);
             }
@@ -274,12 +292,14 @@ class LauncherTest {
         }
         long handle = UnixProcessGlue.get().recreate(Long.toString(parent));
         try { // the native refuses too, for callers of the glue
-            ProcessOpException e = assertThrows(ProcessOpException.class, () -> NativeProcessGlue.get().killTree(handle));
+            ProcessOpException e =
+                assertThrows(ProcessOpException.class, () -> NativeProcessGlue.get().killTree(handle));
             assertEquals("Error terminating process.  035: Resource deadlock avoided", e.getMessage());
         } finally {
             UnixProcessGlue.get().done(handle);
         }
-        String state = Files.readString(Path.of("/proc/" + parent + "/stat")).replaceFirst(".*\\) ", "").substring(0, 1);
+        String state =
+            Files.readString(Path.of("/proc/" + parent + "/stat")).replaceFirst(".*\\) ", "").substring(0, 1);
         assertNotEquals("T", state, "the parent was stopped");
     }
 

@@ -71,7 +71,7 @@ class OwnershipTest {
 
     /** Runs each call in a thread of its own and returns once every one of them waits inside the call. */
     private static List<Future<Object>> waitingIn(ExecutorService pool, List<Callable<Object>> calls)
-            throws InterruptedException {
+        throws InterruptedException {
         List<Thread> threads = new CopyOnWriteArrayList<>();
         List<Future<Object>> futures = new ArrayList<>();
         for (Callable<Object> call : calls) {
@@ -80,7 +80,8 @@ class OwnershipTest {
                 return call.call();
             }));
         }
-        while (threads.size() < calls.size() || threads.stream().anyMatch(t -> t.getState() == Thread.State.RUNNABLE)) {
+        while (threads.size() < calls.size() ||
+               threads.stream().anyMatch(t -> t.getState() == Thread.State.RUNNABLE)) {
             Thread.sleep(10);
         }
         return futures;
@@ -94,8 +95,8 @@ class OwnershipTest {
             NativeProcess process = new Launcher("sleep", "30").detached(detached).start();
             ProcessHandle handle = process.toHandle();
             CompletableFuture<Process> exit = process.onExit();
-            List<Future<Object>> waits = waitingIn(pool, List.of(process::waitFor,
-                    () -> process.waitFor(20, TimeUnit.SECONDS)));
+            List<Future<Object>> waits =
+                waitingIn(pool, List.of(process::waitFor, () -> process.waitFor(20, TimeUnit.SECONDS)));
             process.close();
             assertThrows(IllegalStateException.class, process::waitFor, "a wait that starts after the close");
             handle.destroyForcibly();
@@ -107,7 +108,10 @@ class OwnershipTest {
         }
     }
 
-    /** A child's end is still collected after a close, so its futures complete; nobody follows any other process. */
+    /**
+     * A child's end is still collected after a close, so its futures complete; nobody follows any other
+     * process.
+     */
     @ParameterizedTest(name = "detached: {0}")
     @ValueSource(booleans = {false, true})
     void closeWithoutWaitsEndsTheFollowingOfAProcessThatIsNoChild(boolean detached) throws Exception {
@@ -116,7 +120,8 @@ class OwnershipTest {
         CompletableFuture<Process> exit = process.onExit();
         process.close();
         if (detached) {
-            ExecutionException e = assertThrows(ExecutionException.class, () -> exit.get(10, TimeUnit.SECONDS));
+            ExecutionException e =
+                assertThrows(ExecutionException.class, () -> exit.get(10, TimeUnit.SECONDS));
             assertInstanceOf(IllegalStateException.class, e.getCause());
             handle.destroyForcibly();
         } else {
@@ -129,13 +134,15 @@ class OwnershipTest {
     /** The pipes the JVM holds now. */
     private static long pipes() throws IOException {
         try (Stream<Path> fds = Files.list(Path.of("/proc/self/fd"))) {
-            return fds.filter(fd -> {
-                try {
-                    return Files.readSymbolicLink(fd).toString().startsWith("pipe:");
-                } catch (IOException gone) {
-                    return false;
-                }
-            }).count();
+            return fds
+                .filter(fd -> {
+                    try {
+                        return Files.readSymbolicLink(fd).toString().startsWith("pipe:");
+                    } catch (IOException gone) {
+                        return false;
+                    }
+                })
+                .count();
         }
     }
 
@@ -188,12 +195,13 @@ class OwnershipTest {
     @ParameterizedTest(name = "pipe full: {0}")
     @ValueSource(booleans = {false, true})
     void closeHandsTheUnflushedTailToTheProgramWithoutWaitingForItToRead(boolean full, @TempDir Path dir)
-            throws Exception {
+        throws Exception {
         Path go = dir.resolve("go");
         assertEquals(0, new ProcessBuilder("mkfifo", go.toString()).start().waitFor());
         Path out = dir.resolve("out");
-        NativeProcess cat = new Launcher("/bin/sh", "-c", "read go < " + go + "; exec cat").redirectOutput(out.toFile())
-                .start();
+        NativeProcess cat = new Launcher("/bin/sh", "-c", "read go < " + go + "; exec cat")
+                                .redirectOutput(out.toFile())
+                                .start();
         ProcessHandle handle = cat.toHandle();
         OutputStream stdin = cat.getOutputStream();
         byte[] filling = new byte[full ? 65536 : 0]; // what the kernel's pipe holds
@@ -201,12 +209,14 @@ class OwnershipTest {
         stdin.flush();
         stdin.write("the tail of the input".getBytes(StandardCharsets.UTF_8));
         try {
-            assertTimeoutPreemptively(Duration.ofSeconds(10), cat::close, "close waited for the program to read");
+            assertTimeoutPreemptively(Duration.ofSeconds(10), cat::close,
+                                      "close waited for the program to read");
         } finally {
             Files.writeString(go, "go\n");
         }
         handle.onExit().get(10, TimeUnit.SECONDS);
-        assertEquals(new String(filling, StandardCharsets.UTF_8) + "the tail of the input", Files.readString(out));
+        assertEquals(new String(filling, StandardCharsets.UTF_8) + "the tail of the input",
+                     Files.readString(out));
     }
 
     /** Each racer, a read of stdout among them, either completes or meets the close; nothing else, nothing hangs. */
@@ -275,7 +285,9 @@ class OwnershipTest {
         launchMany(200); // starts the watcher and cleaner threads, opens what the JVM opens lazily
         System.gc();
         Thread.sleep(500);
-        long zombies = ProcessCounts.zombieChildren(); // first: its first file read opens what the JDK keeps open for good
+        long zombies =
+            ProcessCounts
+                .zombieChildren(); // first: its first file read opens what the JDK keeps open for good
         long fds = ProcessCounts.descriptors();
         int threads = Thread.getAllStackTraces().size();
         launchMany(10_000);
@@ -283,7 +295,8 @@ class OwnershipTest {
         for (int i = 0; i < 100 && !settled; i++) { // the dropped ones go with the garbage
             System.gc();
             Thread.sleep(100);
-            settled = ProcessCounts.descriptors() <= fds && Thread.getAllStackTraces().size() <= threads && ProcessCounts.zombieChildren() <= zombies;
+            settled = ProcessCounts.descriptors() <= fds && Thread.getAllStackTraces().size() <= threads &&
+                      ProcessCounts.zombieChildren() <= zombies;
         }
         assertEquals(fds, Math.max(fds, ProcessCounts.descriptors()), "descriptors");
         assertEquals(threads, Math.max(threads, Thread.getAllStackTraces().size()),

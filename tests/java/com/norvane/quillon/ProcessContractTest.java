@@ -46,9 +46,13 @@ class ProcessContractTest {
         LAUNCHER {
             @Override
             Process start(ProcessBuilder builder) throws IOException {
-                Launcher launcher = new Launcher().command(builder.command()).directory(builder.directory())
-                        .redirectInput(builder.redirectInput()).redirectOutput(builder.redirectOutput())
-                        .redirectError(builder.redirectError()).redirectErrorStream(builder.redirectErrorStream());
+                Launcher launcher = new Launcher()
+                                        .command(builder.command())
+                                        .directory(builder.directory())
+                                        .redirectInput(builder.redirectInput())
+                                        .redirectOutput(builder.redirectOutput())
+                                        .redirectError(builder.redirectError())
+                                        .redirectErrorStream(builder.redirectErrorStream());
                 if (!builder.environment().equals(System.getenv())) {
                     launcher.environment().clear();
                     launcher.environment().putAll(builder.environment());
@@ -190,24 +194,29 @@ class ProcessContractTest {
     }
 
     static Stream<Arguments> failures() {
-        return Stream.of(Kind.values()).flatMap(kind -> Stream.of(
-                Arguments.of(kind, "missing program", new ProcessBuilder("/no/such/program"), "/no/such/program",
-                        InvalidExecutableException.class),
-                Arguments.of(kind, "missing directory", new ProcessBuilder("true").directory(new File("/no/such/dir")),
-                        "/no/such/dir", InvalidDirectoryException.class),
-                Arguments.of(kind, "stdout in a missing directory",
-                        new ProcessBuilder("true").redirectOutput(new File("/no/dir/out")), "/no/dir/out",
-                        InvalidFileException.class),
-                Arguments.of(kind, "missing stdin file", new ProcessBuilder("cat").redirectInput(new File("/no/in")),
-                        "/no/in", InvalidFileException.class)));
+        return Stream.of(Kind.values())
+            .flatMap(
+                kind
+                -> Stream.of(Arguments.of(kind, "missing program", new ProcessBuilder("/no/such/program"),
+                                          "/no/such/program", InvalidExecutableException.class),
+                             Arguments.of(kind, "missing directory",
+                                          new ProcessBuilder("true").directory(new File("/no/such/dir")),
+                                          "/no/such/dir", InvalidDirectoryException.class),
+                             Arguments.of(kind, "stdout in a missing directory",
+                                          new ProcessBuilder("true").redirectOutput(new File("/no/dir/out")),
+                                          "/no/dir/out", InvalidFileException.class),
+                             Arguments.of(kind, "missing stdin file",
+                                          new ProcessBuilder("cat").redirectInput(new File("/no/in")),
+                                          "/no/in", InvalidFileException.class)));
     }
 
     @ParameterizedTest(name = "{0}: {1}")
     @MethodSource("failures")
     void failuresToStartNameWhatWasAtFault(Kind kind, String name, ProcessBuilder builder, String culprit,
-            Class<?> cause) {
+                                           Class<?> cause) {
         IOException e = assertThrows(IOException.class, () -> start(kind, builder));
-        assertTrue(e.getMessage().startsWith("Cannot run program \"" + builder.command().get(0) + "\""), e.getMessage());
+        assertTrue(e.getMessage().startsWith("Cannot run program \"" + builder.command().get(0) + "\""),
+                   e.getMessage());
         assertTrue(e.getMessage().contains(culprit), e.getMessage());
         assertTrue(e.getMessage().contains("No such file or directory"), e.getMessage());
         if (kind == Kind.LAUNCHER) {
@@ -218,19 +227,24 @@ class ProcessContractTest {
 
     /** A file that holds content already: Redirect.to truncates it, Redirect.appendTo adds behind it. */
     @ParameterizedTest(name = "{0}: {1} of {2}")
-    @CsvSource({"PROCESS_BUILDER, to, stdout", "PROCESS_BUILDER, appendTo, stdout", "PROCESS_BUILDER, to, stderr",
-            "PROCESS_BUILDER, appendTo, stderr", "LAUNCHER, to, stdout", "LAUNCHER, appendTo, stdout",
-            "LAUNCHER, to, stderr", "LAUNCHER, appendTo, stderr"})
-    void redirectsToAFileThatHoldsContentTruncateOrAppend(Kind kind, String how, String stream) throws Exception {
+    @CsvSource({"PROCESS_BUILDER, to, stdout", "PROCESS_BUILDER, appendTo, stdout",
+                "PROCESS_BUILDER, to, stderr", "PROCESS_BUILDER, appendTo, stderr", "LAUNCHER, to, stdout",
+                "LAUNCHER, appendTo, stdout", "LAUNCHER, to, stderr", "LAUNCHER, appendTo, stderr"})
+    void
+    redirectsToAFileThatHoldsContentTruncateOrAppend(Kind kind, String how, String stream) throws Exception {
         Path file = Files.createTempFile("quillon-redirect", ".txt");
         try {
             Files.writeString(file, "old content that is longer\n");
-            ProcessBuilder.Redirect redirect = how.equals("to") ? ProcessBuilder.Redirect.to(file.toFile())
-                    : ProcessBuilder.Redirect.appendTo(file.toFile());
-            ProcessBuilder builder = new ProcessBuilder("/bin/sh", "-c", "echo new" + (stream.equals("stderr") ? " >&2" : ""));
-            Process process = start(kind, stream.equals("stdout") ? builder.redirectOutput(redirect) : builder.redirectError(redirect));
+            ProcessBuilder.Redirect redirect = how.equals("to")
+                                                   ? ProcessBuilder.Redirect.to(file.toFile())
+                                                   : ProcessBuilder.Redirect.appendTo(file.toFile());
+            ProcessBuilder builder =
+                new ProcessBuilder("/bin/sh", "-c", "echo new" + (stream.equals("stderr") ? " >&2" : ""));
+            Process process = start(kind, stream.equals("stdout") ? builder.redirectOutput(redirect)
+                                                                  : builder.redirectError(redirect));
             assertEquals(0, process.waitFor());
-            assertEquals(how.equals("to") ? "new\n" : "old content that is longer\nnew\n", Files.readString(file));
+            assertEquals(how.equals("to") ? "new\n" : "old content that is longer\nnew\n",
+                         Files.readString(file));
         } finally {
             Files.delete(file);
         }
@@ -257,9 +271,10 @@ class ProcessContractTest {
      * objects stay reachable and the streams open, as code written for Process leaves them.
      */
     @ParameterizedTest(name = "{0}: {1}")
-    @CsvSource({"PROCESS_BUILDER, read to the end", "LAUNCHER, read to the end", "PROCESS_BUILDER, destroyForcibly",
-            "LAUNCHER, destroyForcibly"})
-    void twoThousandEndedProcessesHoldNoDescriptor(Kind kind, String ending) throws Exception {
+    @CsvSource({"PROCESS_BUILDER, read to the end", "LAUNCHER, read to the end",
+                "PROCESS_BUILDER, destroyForcibly", "LAUNCHER, destroyForcibly"})
+    void
+    twoThousandEndedProcessesHoldNoDescriptor(Kind kind, String ending) throws Exception {
         boolean killed = ending.equals("destroyForcibly");
         shell(kind, "true").waitFor(); // what the JVM opens once, at the first launch
         long before = descriptors();
@@ -274,7 +289,8 @@ class ProcessContractTest {
             }
             assertEquals(killed ? 137 : 0, process.waitFor());
         }
-        assertTrue(settledDescriptors(before) <= before + 10, "descriptors: " + before + " -> " + descriptors());
+        assertTrue(settledDescriptors(before) <= before + 10,
+                   "descriptors: " + before + " -> " + descriptors());
         started.removeAll(kept); // ended already
     }
 
@@ -303,12 +319,15 @@ class ProcessContractTest {
         assertEquals(0, process.waitFor());
     }
 
-    /** Job control behaves the same: signals ignored or blocked in the program as in a ProcessBuilder child. */
+    /**
+     * Job control behaves the same: signals ignored or blocked in the program as in a ProcessBuilder child.
+     */
     @ParameterizedTest(name = "{0}")
     @EnumSource(Kind.class)
     void signalDispositionsAreThoseOfAProcessBuilderChild(Kind kind) throws Exception {
         String script = "grep -E '^Sig(Blk|Ign)' /proc/self/status";
-        String expected = standardSignals(text(new ProcessBuilder("/bin/sh", "-c", script).start().getInputStream()));
+        String expected =
+            standardSignals(text(new ProcessBuilder("/bin/sh", "-c", script).start().getInputStream()));
         assertEquals(expected, standardSignals(text(shell(kind, script).getInputStream())));
     }
 

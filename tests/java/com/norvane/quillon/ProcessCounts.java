@@ -19,14 +19,17 @@ final class ProcessCounts {
     static long zombieChildren() throws IOException {
         String self = Long.toString(ProcessHandle.current().pid());
         try (Stream<Path> all = Files.list(Path.of("/proc"))) {
-            return all.filter(p -> p.getFileName().toString().matches("\\d+")).filter(p -> {
-                try {
-                    String[] fields = Files.readString(p.resolve("stat")).replaceFirst(".*\\) ", "").split(" ");
-                    return fields[0].equals("Z") && fields[1].equals(self);
-                } catch (IOException gone) {
-                    return false;
-                }
-            }).count();
+            return all.filter(p -> p.getFileName().toString().matches("\\d+"))
+                .filter(p -> {
+                    try {
+                        String[] fields =
+                            Files.readString(p.resolve("stat")).replaceFirst(".*\\) ", "").split(" ");
+                        return fields[0].equals("Z") && fields[1].equals(self);
+                    } catch (IOException gone) {
+                        return false;
+                    }
+                })
+                .count();
         }
     }
 }

@@ -24,15 +24,14 @@ import org.junit.jupiter.params.provider.ValueSource;
 class RunTest {
     private static final Duration LONG = Duration.ofSeconds(60);
 
-    private static Launcher shell(String script) {
-        return new Launcher("/bin/sh", "-c", script);
-    }
+    private static Launcher shell(String script) { return new Launcher("/bin/sh", "-c", script); }
 
     @Test
     void tenMegabytesOnStdoutAndStderrAtOnceAreCapturedWhole() throws Exception {
         int size = 10 << 20;
-        ProcessResult result = shell("head -c " + size + " /dev/zero | tr '\\0' o & head -c " + size
-                + " /dev/zero | tr '\\0' e >&2; wait").run(LONG);
+        ProcessResult result = shell("head -c " + size + " /dev/zero | tr '\\0' o & head -c " + size +
+                                     " /dev/zero | tr '\\0' e >&2; wait")
+                                   .run(LONG);
         assertEquals(0, result.exitValue());
         assertEquals("o".repeat(size), result.stdout());
         assertEquals("e".repeat(size), result.stderr());
@@ -52,7 +51,8 @@ class RunTest {
         assertEquals(137, result.exitValue());
         long[] pids = result.stdout().lines().mapToLong(Long::parseLong).toArray();
         assertEquals(2, pids.length, result.stdout());
-        assertTrue(LauncherTest.ended(pids[0]) || waitForEnd(pids[0]), "the grandchild in the group was killed");
+        assertTrue(LauncherTest.ended(pids[0]) || waitForEnd(pids[0]),
+                   "the grandchild in the group was killed");
         ProcessFailedException e = assertThrows(ProcessFailedException.class, result::checkExit);
         assertTrue(e.getMessage().contains("ran out of time"), e.getMessage());
     }
@@ -78,13 +78,15 @@ class RunTest {
     @Test
     void limitsBeyondWhatNanoTimeCountsMeanNoLimitAndLimitsNotPositiveAreRefused() throws Exception {
         for (Duration endless : List.of(Duration.ofSeconds(Long.MAX_VALUE), ChronoUnit.FOREVER.getDuration(),
-                Duration.ofNanos(Long.MAX_VALUE))) {
+                                        Duration.ofNanos(Long.MAX_VALUE))) {
             ProcessResult result = new Launcher("true").run(endless);
             assertFalse(result.timedOut(), endless.toString());
             assertEquals(0, result.exitValue(), endless.toString());
         }
-        for (Duration refused : List.of(Duration.ZERO, Duration.ofNanos(-1), Duration.ofSeconds(Long.MIN_VALUE))) {
-            assertThrows(IllegalArgumentException.class, () -> new Launcher("true").run(refused), refused.toString());
+        for (Duration refused :
+             List.of(Duration.ZERO, Duration.ofNanos(-1), Duration.ofSeconds(Long.MIN_VALUE))) {
+            assertThrows(IllegalArgumentException.class,
+                         () -> new Launcher("true").run(refused), refused.toString());
         }
     }
 
@@ -93,8 +95,10 @@ class RunTest {
         ProcessResult result = shell("seq 1 5000 >&2; echo the last words >&2; exit 3").run(LONG);
         ProcessFailedException e = assertThrows(ProcessFailedException.class, result::checkExit);
         assertEquals(3, e.result().exitValue());
-        assertTrue(e.getMessage().startsWith("Program [/bin/sh, -c, seq 1 5000 >&2; echo the last words >&2; exit 3] "
-                + "exited with 3: "), e.getMessage());
+        assertTrue(e.getMessage().startsWith(
+                       "Program [/bin/sh, -c, seq 1 5000 >&2; echo the last words >&2; exit 3] "
+                       + "exited with 3: "),
+                   e.getMessage());
         assertTrue(e.getMessage().endsWith("4999\n5000\nthe last words"), e.getMessage());
         assertTrue(e.stderrTail().length() <= 2000);
         ProcessResult success = shell("exit 0").run(LONG);
@@ -105,11 +109,13 @@ class RunTest {
     @CsvSource({"0, 10", "100, 100", "100, 101", "65536, 1000000"})
     void theCaptureLimitKeepsTheFirstBytesAndReadsTheRest(long limit, int written) throws Exception {
         ProcessResult result = shell("head -c " + written + " /dev/zero | tr '\\0' x; echo done >&2")
-                .captureLimit(limit).run(LONG);
+                                   .captureLimit(limit)
+                                   .run(LONG);
         assertEquals(0, result.exitValue(), "the program was not blocked on a full pipe");
-        assertEquals("x".repeat((int) Math.min(limit, written)), result.stdout());
+        assertEquals("x".repeat((int)Math.min(limit, written)), result.stdout());
         assertEquals(written > limit, result.truncated());
-        assertEquals("done\n".substring(0, (int) Math.min(limit, 5)), result.stderr(), "the limit is per stream");
+        assertEquals("done\n".substring(0, (int)Math.min(limit, 5)), result.stderr(),
+                     "the limit is per stream");
     }
 
     @Test
@@ -123,13 +129,18 @@ class RunTest {
 
     @Test
     void aPipelineOfThreeStagesGivesWhatTheShellGives() throws Exception {
-        String expected = new String(new ProcessBuilder("/bin/sh", "-c", "seq 1 100000 | grep 7 | wc -l").start()
-                .getInputStream().readAllBytes(), StandardCharsets.UTF_8);
+        String expected = new String(new ProcessBuilder("/bin/sh", "-c", "seq 1 100000 | grep 7 | wc -l")
+                                         .start()
+                                         .getInputStream()
+                                         .readAllBytes(),
+                                     StandardCharsets.UTF_8);
         List<NativeProcess> stages = Launcher.startPipeline(
-                List.of(new Launcher("seq", "1", "100000"), new Launcher("grep", "7"), new Launcher("wc", "-l")));
+            List.of(new Launcher("seq", "1", "100000"), new Launcher("grep", "7"), new Launcher("wc", "-l")));
         try {
-            assertEquals(expected, new String(stages.get(2).getInputStream().readAllBytes(), StandardCharsets.UTF_8));
-            assertEquals(-1, stages.get(0).getInputStream().read(), "the pipe between stages is no stream of ours");
+            assertEquals(expected,
+                         new String(stages.get(2).getInputStream().readAllBytes(), StandardCharsets.UTF_8));
+            assertEquals(-1, stages.get(0).getInputStream().read(),
+                         "the pipe between stages is no stream of ours");
             for (NativeProcess stage : stages) {
                 assertEquals(0, stage.waitFor());
             }
@@ -140,9 +151,11 @@ class RunTest {
 
     @Test
     void theEndOfOneStageEndsTheOthersAtOnce() throws Exception {
-        List<NativeProcess> stages = Launcher.startPipeline(List.of(new Launcher("yes"), new Launcher("head", "-1")));
+        List<NativeProcess> stages =
+            Launcher.startPipeline(List.of(new Launcher("yes"), new Launcher("head", "-1")));
         try {
-            assertEquals("y\n", new String(stages.get(1).getInputStream().readAllBytes(), StandardCharsets.UTF_8));
+            assertEquals("y\n",
+                         new String(stages.get(1).getInputStream().readAllBytes(), StandardCharsets.UTF_8));
             assertTrue(stages.get(0).waitFor(5, TimeUnit.SECONDS), "yes saw SIGPIPE");
             assertEquals(128 + 13, stages.get(0).exitValue());
         } finally {
@@ -153,8 +166,9 @@ class RunTest {
     @Test
     void aPipelineWhoseStageCannotStartLeavesNoDescriptorOpen() throws Exception {
         List<Launcher> stages = List.of(new Launcher("seq", "1", "100000"), new Launcher("/no/such/program"),
-                new Launcher("wc", "-l"));
-        Launcher.startPipeline(List.of(new Launcher("true"), new Launcher("true"))).forEach(NativeProcess::close);
+                                        new Launcher("wc", "-l"));
+        Launcher.startPipeline(List.of(new Launcher("true"), new Launcher("true")))
+            .forEach(NativeProcess::close);
         long before = ProcessCounts.descriptors();
         for (int i = 0; i < 20; i++) {
             IOException e = assertThrows(IOException.class, () -> Launcher.startPipeline(stages));
@@ -165,8 +179,11 @@ class RunTest {
 
     @Test
     void aPipelineRefusesRedirectsOfTheStreamsItJoins() {
-        assertThrows(IllegalArgumentException.class, () -> Launcher.startPipeline(
-                List.of(new Launcher("true").redirectOutput(ProcessBuilder.Redirect.DISCARD), new Launcher("cat"))));
+        assertThrows(IllegalArgumentException.class,
+                     ()
+                         -> Launcher.startPipeline(
+                             List.of(new Launcher("true").redirectOutput(ProcessBuilder.Redirect.DISCARD),
+                                     new Launcher("cat"))));
     }
 
     /** Counts and checks what a handler sees: every line of seq in order, and the end once. */
@@ -206,19 +223,24 @@ class RunTest {
 
     @Test
     void aHandlerSeesEveryByteOf100MiBInOrderWhileOtherProcessesHandlersAreSlow() throws Exception {
-        List<NativeProcess> slow = Stream.of(1, 2).map(i -> {
-            try {
-                return shell("while :; do echo slow; sleep 0.1; done").onOutput(new SlowHandler()).start();
-            } catch (IOException e) {
-                throw new IllegalStateException(e);
-            }
-        }).toList();
+        List<NativeProcess> slow = Stream.of(1, 2)
+                                       .map(i -> {
+                                           try {
+                                               return shell("while :; do echo slow; sleep 0.1; done")
+                                                   .onOutput(new SlowHandler())
+                                                   .start();
+                                           } catch (IOException e) {
+                                               throw new IllegalStateException(e);
+                                           }
+                                       })
+                                       .toList();
         try {
             Thread.sleep(200); // both slow handlers hold a thread of the pool
             SeqChecker checker = new SeqChecker();
             long count = 13_000_000;
             long begin = System.nanoTime();
-            try (NativeProcess seq = new Launcher("seq", "1", Long.toString(count)).onOutput(checker).start()) {
+            try (NativeProcess seq =
+                     new Launcher("seq", "1", Long.toString(count)).onOutput(checker).start()) {
                 long bytes = checker.ended.get(120, TimeUnit.SECONDS);
                 assertEquals(count + 1, checker.expected);
                 assertTrue(bytes > 100L << 20, bytes + " bytes");
@@ -239,10 +261,13 @@ class RunTest {
     void aHandlerThatThrowsStopsItsOwnProcessesDeliveriesOnly() throws Exception {
         AtomicLong calls = new AtomicLong();
         SeqChecker other = new SeqChecker();
-        try (NativeProcess failing = new Launcher("seq", "1", "1000000").onOutput(chunk -> {
-            calls.incrementAndGet();
-            throw new IllegalStateException("deliberately");
-        }).start(); NativeProcess fine = new Launcher("seq", "1", "1000").onOutput(other).start()) {
+        try (NativeProcess failing = new Launcher("seq", "1", "1000000")
+                                         .onOutput(chunk -> {
+                                             calls.incrementAndGet();
+                                             throw new IllegalStateException("deliberately");
+                                         })
+                                         .start();
+             NativeProcess fine = new Launcher("seq", "1", "1000").onOutput(other).start()) {
             assertEquals(0, failing.waitFor(), "its output was read on, so it never blocked");
             assertEquals(1, calls.get());
             assertEquals(1001, other.ended.get(10, TimeUnit.SECONDS) > 0 ? other.expected : -1);
@@ -268,7 +293,8 @@ class RunTest {
         };
         List<NativeProcess> processes = new java.util.ArrayList<>();
         for (int i = 0; i < count; i++) {
-            processes.add(shell("sleep 0.2; echo out; echo err >&2").onOutput(counting).onError(counting).start());
+            processes.add(
+                shell("sleep 0.2; echo out; echo err >&2").onOutput(counting).onError(counting).start());
         }
         try {
             assertTrue(ends.await(30, TimeUnit.SECONDS), ends.getCount() + " ends missing");

@@ -18,16 +18,15 @@ import java.util.stream.Stream;
 public final class ChildJvm {
     private ChildJvm() {}
 
-    public static boolean isRoot() {
-        return "root".equals(System.getProperty("user.name"));
-    }
+    public static boolean isRoot() { return "root".equals(System.getProperty("user.name")); }
 
     public static List<String> command(boolean asNobody, Class<?> main, String... args) {
         return command(asNobody, List.of(), main, args);
     }
 
     /** With options for the child JVM, such as a heap size. */
-    public static List<String> command(boolean asNobody, List<String> options, Class<?> main, String... args) {
+    public static List<String> command(boolean asNobody, List<String> options, Class<?> main,
+                                       String... args) {
         List<String> command = new ArrayList<>();
         if (asNobody) {
             command.addAll(List.of("setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"));
@@ -89,20 +88,22 @@ public final class ChildJvm {
     }
 
     /** Runs it to its end and returns what it wrote to stdout and stderr. */
-    public static String run(boolean asNobody, Map<String, String> environment, boolean clearEnvironment, Class<?> main,
-            String... args) throws IOException, InterruptedException {
+    public static String run(boolean asNobody, Map<String, String> environment, boolean clearEnvironment,
+                             Class<?> main, String... args) throws IOException, InterruptedException {
         return run(asNobody, environment, clearEnvironment, List.of(), main, args);
     }
 
     /** Runs it with options for the child JVM, such as a heap size. */
     public static String run(boolean asNobody, List<String> options, Class<?> main, String... args)
-            throws IOException, InterruptedException {
+        throws IOException, InterruptedException {
         return run(asNobody, Map.of(), false, options, main, args);
     }
 
     private static String run(boolean asNobody, Map<String, String> environment, boolean clearEnvironment,
-            List<String> options, Class<?> main, String... args) throws IOException, InterruptedException {
-        ProcessBuilder builder = new ProcessBuilder(command(asNobody, options, main, args)).redirectErrorStream(true);
+                              List<String> options, Class<?> main, String... args)
+        throws IOException, InterruptedException {
+        ProcessBuilder builder =
+            new ProcessBuilder(command(asNobody, options, main, args)).redirectErrorStream(true);
         if (clearEnvironment) {
             builder.environment().clear();
         }
@@ -116,7 +117,8 @@ public final class ChildJvm {
         return new String(output, StandardCharsets.UTF_8);
     }
 
-    public static String run(boolean asNobody, Class<?> main, String... args) throws IOException, InterruptedException {
+    public static String run(boolean asNobody, Class<?> main, String... args)
+        throws IOException, InterruptedException {
         return run(asNobody, Map.of(), false, main, args);
     }
 

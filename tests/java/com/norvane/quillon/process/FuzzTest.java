@@ -142,7 +142,8 @@ class FuzzTest {
                     for (int i = 0; i < modes.length; i++) {
                         modes[i] = random.nextInt(9) - 1;
                     }
-                    long[] settings = new long[random.nextBoolean() ? NativeProcessGlue.SETTINGS : random.nextInt(5)];
+                    long[] settings =
+                        new long[random.nextBoolean() ? NativeProcessGlue.SETTINGS : random.nextInt(5)];
                     for (int i = 0; i < settings.length; i++) {
                         settings[i] = random.nextBoolean() ? NativeProcessGlue.UNSET : number();
                     }
@@ -150,12 +151,13 @@ class FuzzTest {
                     for (int i = 0; i < limits.length; i++) {
                         limits[i] = number();
                     }
-                    keep(API.launch(executable(), strings(), strings(), random.nextBoolean() ? null : strings(), string(),
-                            random.nextBoolean() ? null : modes, strings(), null, null,
-                            random.nextBoolean() ? null : settings, random.nextBoolean() ? null : limits,
-                            random.nextBoolean() ? null : launched));
+                    keep(API.launch(
+                        executable(), strings(), strings(), random.nextBoolean() ? null : strings(), string(),
+                        random.nextBoolean() ? null : modes, strings(), null, null,
+                        random.nextBoolean() ? null : settings, random.nextBoolean() ? null : limits,
+                        random.nextBoolean() ? null : launched));
                     for (int i = 0; launched.length == NativeProcessGlue.LAUNCHED && i < 3; i++) {
-                        int fd = (int) launched[NativeProcessGlue.LAUNCHED_PIPES + i];
+                        int fd = (int)launched[NativeProcessGlue.LAUNCHED_PIPES + i];
                         if (fd > 2) {
                             FDS.add(fd);
                         }
@@ -210,7 +212,7 @@ class FuzzTest {
                     // adopted processes of others, refused
                 }
                 GLUE.done(handle);
-            }
+                                }
             System.out.println("survived " + calls + " calls: " + answers);
         }
     }

@@ -19,7 +19,7 @@ class PipeNativesTest {
     private static byte[] pattern(int size) {
         byte[] bytes = new byte[size];
         for (int i = 0; i < size; i++) {
-            bytes[i] = (byte) (i * 31 + i / 251);
+            bytes[i] = (byte)(i * 31 + i / 251);
         }
         return bytes;
     }
