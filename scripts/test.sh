@@ -23,12 +23,15 @@ stage() {
     return 1
 }
 
-# The line of a log that counts its tests, or a note that the stage failed before counting.
+# The line of a log that counts its tests, or a note that the stage failed before counting; then how many
+# were skipped and, for a stage that failed, how many failed (a brief GoogleTest run lists them only).
 counts() {
     line=$(grep -E "$2" "$logs/$1.log" | tail -n 1 || true)
     skipped=$(grep -cE "$3" "$logs/$1.log" || true)
-    printf '  %-24s %s%s\n' "$1" "${line:-failed, see $logs/$1.log}" \
-        "$([ "$skipped" -gt 0 ] && echo ", $skipped skipped" || true)"
+    broken=$(grep -cE '^\[  FAILED  \] .*\(' "$logs/$1.log" || true)
+    printf '  %-24s %s%s%s\n' "$1" "${line:-failed, see $logs/$1.log}" \
+        "$([ "$skipped" -gt 0 ] && echo ", $skipped skipped" || true)" \
+        "$([ "$broken" -gt 0 ] && echo ", $broken FAILED" || true)"
 }
 
 # ctest shows each test as it ends; its whole output, failures included, goes to the log.

@@ -56,7 +56,7 @@ char** GenerateCmdLine(char** arguments, const char* executable) {
         return nullptr;
     }
     memcpy(cmdLine[0], executable, length + 1);
-    memcpy(cmdLine + 1, arguments, count * sizeof(char*));
+    std::copy_n(arguments, count, cmdLine + 1); // arguments may be null when there are none
     cmdLine[count + 1] = nullptr;
     return cmdLine;
 }

@@ -301,7 +301,7 @@ TEST(KilledAtTheGate, FailsTheLaunchAndSparesTheLauncher) {
         return outcome_text(launched.exec);
     });
     EXPECT_EQ(outcome.report, outcome_text({PROC_SYSTEM_ERR, EPIPE, kStepWatchdog, 0}))
-        << "status " << outcome.status;
+        << "status " << outcome.status << ": " << outcome.err;
 }
 
 // Launches that fail after their registration give it back: retried without end, they would fill the watchdog
@@ -491,7 +491,7 @@ TEST_P(SignalBeforeExec, WaitsUntilTheExecAndNeverDumpsCore) {
     });
     EXPECT_EQ(outcome.report,
               outcome_text(c.expected) + " detail " + std::to_string(c.expected.detail) + ", " + c.end)
-        << "status " << outcome.status;
+        << "status " << outcome.status << ": " << outcome.err;
 }
 
 constexpr ExecOutcome failedBy(int signal) {
