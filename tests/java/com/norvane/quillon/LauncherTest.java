@@ -20,6 +20,7 @@ import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.time.Duration;
+import java.util.Collection;
 import java.util.HashMap;
 import java.util.List;
 import java.util.Map;
@@ -34,10 +35,6 @@ import org.junit.jupiter.params.provider.MethodSource;
 
 /** What Launcher and NativeProcess do beyond ProcessBuilder. */
 class LauncherTest {
-    static boolean isRoot() {
-        return "root".equals(System.getProperty("user.name"));
-    }
-
     /** Runs a shell script to its end and returns its stdout. */
     static String output(Launcher launcher) throws Exception {
         try (NativeProcess process = launcher.start()) {
@@ -61,6 +58,17 @@ class LauncherTest {
         }
     }
 
+    /** Whether every one of the PIDs has ended within the time given. */
+    static boolean allEnded(Collection<Long> pids, long millis) throws InterruptedException {
+        for (long deadline = System.nanoTime() + millis * 1_000_000; !pids.stream().allMatch(LauncherTest::ended);) {
+            if (System.nanoTime() > deadline) {
+                return false;
+            }
+            Thread.sleep(2);
+        }
+        return true;
+    }
+
     @Test
     void theProgramRunsWithTheNiceValueUmaskAndProcessGroupAskedFor() throws Exception {
         String script = "cut -d' ' -f19 /proc/$$/stat; umask; test $(cut -d' ' -f5 /proc/$$/stat) = $$ && echo leader";
@@ -72,7 +80,7 @@ class LauncherTest {
     @ParameterizedTest(name = "user {0}, group {1}: {2}")
     @CsvSource(nullValues = "-", value = {"nobody, -, 65534 65534", "-, nogroup, 0 65534", "nobody, nogroup, 65534 65534"})
     void theProgramRunsAsTheUserAndGroupAskedFor(String user, String group, String ids) throws Exception {
-        assumeTrue(isRoot(), "needs root to start a program as another user or group");
+        assumeTrue(ChildJvm.isRoot(), "needs root to start a program as another user or group");
         assertEquals(ids + "\n", output(shell("echo $(id -u) $(id -g)").user(user).group(group)));
     }
 
@@ -130,20 +138,15 @@ class LauncherTest {
             root.killTree();
             assertTrue(root.waitFor(10, TimeUnit.SECONDS));
             assertEquals(9, root.exitSignal());
-            for (ProcessHandle process : tree) {
-                for (int i = 0; i < 100 && !ended(process.pid()); i++) {
-                    Thread.sleep(20);
-                }
-                assertTrue(ended(process.pid()), process + " still runs");
-            }
+            assertTrue(allEnded(tree.stream().map(ProcessHandle::pid).toList(), 2000), tree + " still run");
         }
     }
 
     /** Starts its arguments as a detached program with no streams and prints the program's PID. */
     public static final class DetachedStart {
         public static void main(String[] args) throws Exception {
-            try (NativeProcess process = new Launcher(args).detached(true).redirectInput(Redirect.from(new java.io.File(
-                    "/dev/null"))).redirectOutput(Redirect.DISCARD).redirectError(Redirect.DISCARD).start()) {
+            try (NativeProcess process = new Launcher(args).detached(true).redirectInput(new File("/dev/null"))
+                                             .redirectOutput(Redirect.DISCARD).redirectError(Redirect.DISCARD).start()) {
                 System.out.println(process.pid());
             }
         }
@@ -151,13 +154,7 @@ class LauncherTest {
 
     @Test
     void aDetachedProgramOutlivesItsJvmAndCanBeAdoptedAndStopped() throws Exception {
-        Process jvm = new ProcessBuilder(System.getProperty("java.home") + "/bin/java", "-Xcheck:jni",
-                "-Djava.library.path=" + System.getProperty("java.library.path"), "-cp",
-                System.getProperty("quillon.classpath"), DetachedStart.class.getName(), "sleep", "30")
-                .redirectErrorStream(true).start();
-        String out = new String(jvm.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
-        assertTrue(jvm.waitFor(60, TimeUnit.SECONDS));
-        assertEquals(0, jvm.exitValue(), out);
+        String out = ChildJvm.run(false, DetachedStart.class, "sleep", "30");
         long pid = Long.parseLong(out.strip().lines().reduce((first, last) -> last).orElseThrow());
         assertFalse(ended(pid), "the program outlived the JVM that started it");
         try (NativeProcess adopted = NativeProcess.adopt(pid)) {
@@ -242,7 +239,7 @@ class LauncherTest {
 
     @Test
     void aRefusedExecOnPathIsSkippedAndReportedAsEaccesWhenNothingElseRuns() throws Exception {
-        assumeTrue(isRoot(), "needs root to run a JVM as nobody, whom the file system refuses");
+        assumeTrue(ChildJvm.isRoot(), "needs root to run a JVM as nobody, whom the file system refuses");
         String denied =
             "Cannot run program \"prog\": error=13, Permission denied | Error creating new process. 013: "
             + "Permission denied\n";

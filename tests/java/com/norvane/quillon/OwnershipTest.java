@@ -58,7 +58,7 @@ class OwnershipTest {
         calls.put("toHandle", process::toHandle);
         calls.put("getInputStream", process::getInputStream);
         calls.put("destroy", process::destroy);
-        calls.put("stop", () -> process.stop(java.time.Duration.ZERO));
+        calls.put("stop", () -> process.stop(Duration.ZERO));
         calls.put("killTree", process::killTree);
         calls.put("requestThreadDump", process::requestThreadDump);
         calls.forEach((name, call) -> assertThrows(IllegalStateException.class, call, name));
@@ -134,15 +134,13 @@ class OwnershipTest {
     /** The pipes the JVM holds now. */
     private static long pipes() throws IOException {
         try (Stream<Path> fds = Files.list(Path.of("/proc/self/fd"))) {
-            return fds
-                .filter(fd -> {
-                    try {
-                        return Files.readSymbolicLink(fd).toString().startsWith("pipe:");
-                    } catch (IOException gone) {
-                        return false;
-                    }
-                })
-                .count();
+            return fds.filter(fd -> {
+                try {
+                    return Files.readSymbolicLink(fd).toString().startsWith("pipe:");
+                } catch (IOException gone) {
+                    return false;
+                }
+            }).count();
         }
     }
 
@@ -231,13 +229,9 @@ class OwnershipTest {
                             process.close();
                             return null;
                         }, () -> process.getInputStream().read());
-                List<Future<Object>> outcomes = new ArrayList<>();
-                for (Callable<Object> racer : racers) {
-                    outcomes.add(pool.submit(racer));
-                }
-                for (Future<Object> outcome : outcomes) {
+                for (Future<Object> outcome : pool.invokeAll(racers, 10, TimeUnit.SECONDS)) {
                     try {
-                        outcome.get(10, TimeUnit.SECONDS);
+                        outcome.get();
                     } catch (ExecutionException e) {
                         Throwable cause = e.getCause() instanceof ExecutionException inner ? inner.getCause() : e.getCause();
                         if (!(cause instanceof IllegalStateException) && !(cause instanceof IOException
@@ -285,9 +279,7 @@ class OwnershipTest {
         launchMany(200); // starts the watcher and cleaner threads, opens what the JVM opens lazily
         System.gc();
         Thread.sleep(500);
-        long zombies =
-            ProcessCounts
-                .zombieChildren(); // first: its first file read opens what the JDK keeps open for good
+        long zombies = ProcessCounts.zombieChildren(); // first: its first read opens what the JDK keeps for good
         long fds = ProcessCounts.descriptors();
         int threads = Thread.getAllStackTraces().size();
         launchMany(10_000);

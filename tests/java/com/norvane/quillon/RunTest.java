@@ -10,11 +10,12 @@ import java.nio.ByteBuffer;
 import java.nio.charset.StandardCharsets;
 import java.time.Duration;
 import java.time.temporal.ChronoUnit;
+import java.util.ArrayList;
 import java.util.List;
 import java.util.concurrent.CompletableFuture;
+import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.atomic.AtomicLong;
-import java.util.stream.Stream;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.CsvSource;
@@ -25,6 +26,10 @@ class RunTest {
     private static final Duration LONG = Duration.ofSeconds(60);
 
     private static Launcher shell(String script) { return new Launcher("/bin/sh", "-c", script); }
+
+    private static String text(Process process) throws IOException {
+        return new String(process.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
+    }
 
     @Test
     void tenMegabytesOnStdoutAndStderrAtOnceAreCapturedWhole() throws Exception {
@@ -51,17 +56,9 @@ class RunTest {
         assertEquals(137, result.exitValue());
         long[] pids = result.stdout().lines().mapToLong(Long::parseLong).toArray();
         assertEquals(2, pids.length, result.stdout());
-        assertTrue(LauncherTest.ended(pids[0]) || waitForEnd(pids[0]),
-                   "the grandchild in the group was killed");
+        assertTrue(LauncherTest.allEnded(List.of(pids[0]), 1000), "the grandchild in the group was killed");
         ProcessFailedException e = assertThrows(ProcessFailedException.class, result::checkExit);
         assertTrue(e.getMessage().contains("ran out of time"), e.getMessage());
-    }
-
-    private static boolean waitForEnd(long pid) throws InterruptedException {
-        for (int i = 0; i < 100 && !LauncherTest.ended(pid); i++) {
-            Thread.sleep(10);
-        }
-        return LauncherTest.ended(pid);
     }
 
     /** Once the program itself has ended, what is left of its group still dies at the limit. */
@@ -72,7 +69,7 @@ class RunTest {
         ProcessResult result = (asked ? launcher.newProcessGroup() : launcher).run(Duration.ofMillis(300));
         assertTrue(result.timedOut(), "the grandchild held stdout");
         assertEquals(0, result.exitValue(), "the program itself exited");
-        assertTrue(waitForEnd(Long.parseLong(result.stdout().strip())));
+        assertTrue(LauncherTest.allEnded(List.of(Long.parseLong(result.stdout().strip())), 1000));
     }
 
     @Test
@@ -129,16 +126,11 @@ class RunTest {
 
     @Test
     void aPipelineOfThreeStagesGivesWhatTheShellGives() throws Exception {
-        String expected = new String(new ProcessBuilder("/bin/sh", "-c", "seq 1 100000 | grep 7 | wc -l")
-                                         .start()
-                                         .getInputStream()
-                                         .readAllBytes(),
-                                     StandardCharsets.UTF_8);
+        String expected = text(new ProcessBuilder("/bin/sh", "-c", "seq 1 100000 | grep 7 | wc -l").start());
         List<NativeProcess> stages = Launcher.startPipeline(
             List.of(new Launcher("seq", "1", "100000"), new Launcher("grep", "7"), new Launcher("wc", "-l")));
         try {
-            assertEquals(expected,
-                         new String(stages.get(2).getInputStream().readAllBytes(), StandardCharsets.UTF_8));
+            assertEquals(expected, text(stages.get(2)));
             assertEquals(-1, stages.get(0).getInputStream().read(),
                          "the pipe between stages is no stream of ours");
             for (NativeProcess stage : stages) {
@@ -154,8 +146,7 @@ class RunTest {
         List<NativeProcess> stages =
             Launcher.startPipeline(List.of(new Launcher("yes"), new Launcher("head", "-1")));
         try {
-            assertEquals("y\n",
-                         new String(stages.get(1).getInputStream().readAllBytes(), StandardCharsets.UTF_8));
+            assertEquals("y\n", text(stages.get(1)));
             assertTrue(stages.get(0).waitFor(5, TimeUnit.SECONDS), "yes saw SIGPIPE");
             assertEquals(128 + 13, stages.get(0).exitValue());
         } finally {
@@ -218,28 +209,13 @@ class RunTest {
         }
     }
 
-    /** Sleeps at each chunk, holding a handler thread. */
-    private static final class SlowHandler implements OutputHandler {
-        @Override
-        public void onOutput(ByteBuffer chunk) throws Exception {
-            Thread.sleep(3000);
-        }
-    }
-
     @Test
     void aHandlerSeesEveryByteOf100MiBInOrderWhileOtherProcessesHandlersAreSlow() throws Exception {
-        List<NativeProcess> slow = Stream.of(1, 2)
-                                       .map(i -> {
-                                           try {
-                                               return shell("while :; do echo slow; sleep 0.1; done")
-                                                   .onOutput(new SlowHandler())
-                                                   .start();
-                                           } catch (IOException e) {
-                                               throw new IllegalStateException(e);
-                                           }
-                                       })
-                                       .toList();
+        List<NativeProcess> slow = new ArrayList<>();
         try {
+            for (int i = 0; i < 2; i++) { // each chunk holds a handler thread for 3 s
+                slow.add(shell("while :; do echo slow; sleep 0.1; done").onOutput(chunk -> Thread.sleep(3000)).start());
+            }
             Thread.sleep(200); // both slow handlers hold a thread of the pool
             SeqChecker checker = new SeqChecker();
             long count = 13_000_000;
@@ -284,7 +260,7 @@ class RunTest {
     void everyEndOfManyProcessesDeliveriesArrives() throws Exception {
         int count = 200;
         AtomicLong bytes = new AtomicLong();
-        java.util.concurrent.CountDownLatch ends = new java.util.concurrent.CountDownLatch(2 * count);
+        CountDownLatch ends = new CountDownLatch(2 * count);
         OutputHandler counting = new OutputHandler() {
             @Override
             public void onOutput(ByteBuffer chunk) {
@@ -296,7 +272,7 @@ class RunTest {
                 ends.countDown();
             }
         };
-        List<NativeProcess> processes = new java.util.ArrayList<>();
+        List<NativeProcess> processes = new ArrayList<>();
         for (int i = 0; i < count; i++) {
             processes.add(
                 shell("sleep 0.2; echo out; echo err >&2").onOutput(counting).onError(counting).start());
@@ -311,7 +287,7 @@ class RunTest {
 
     @Test
     void linesAreSplitAcrossChunksAndCharactersOverChunkBoundaries() throws Exception {
-        List<String> lines = new java.util.ArrayList<>();
+        List<String> lines = new ArrayList<>();
         OutputHandler handler = OutputHandler.lines(lines::add);
         byte[] text = "één\r\ntwee\n\ndrie".getBytes(StandardCharsets.UTF_8);
         for (byte b : text) {
