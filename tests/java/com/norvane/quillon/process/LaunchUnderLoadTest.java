@@ -27,14 +27,8 @@ class LaunchUnderLoadTest {
     @ParameterizedTest(name = "{0}")
     @ValueSource(strings = {"default heap", "4 GiB pretouched heap"})
     void everyOutcomeHoldsFromAnyHeapUnderLoad(String heap) throws Exception {
-        List<String> command = ChildJvm.command(false, Outcomes.class);
-        if (heap.startsWith("4")) {
-            command.addAll(1, List.of("-Xms4g", "-Xmx4g", "-XX:+AlwaysPreTouch"));
-        }
-        Process jvm = new ProcessBuilder(command).redirectErrorStream(true).start();
-        String out = ChildJvm.withoutTrace(new String(jvm.getInputStream().readAllBytes()));
-        jvm.waitFor();
-        assertEquals("every outcome as expected\n", out);
+        List<String> options = heap.startsWith("4") ? List.of("-Xms4g", "-Xmx4g", "-XX:+AlwaysPreTouch") : List.of();
+        assertEquals("every outcome as expected\n", ChildJvm.withoutTrace(ChildJvm.run(false, options, Outcomes.class)));
     }
 
     /** The launching JVM: prints "every outcome as expected" or what went otherwise. */
@@ -70,27 +64,21 @@ class LaunchUnderLoadTest {
 
         public static void main(String[] args) throws Exception {
             AtomicBoolean stop = new AtomicBoolean();
-            List<Thread> busy = List.of(new Thread(() -> { // the registry's locks
-                while (!stop.get()) {
-                    try {
-                        GLUE.getCurrentProcessUser();
-                    } catch (ProcessOpException e) {
-                        throw new IllegalStateException(e);
-                    }
-                }
-            }), new Thread(() -> { // the heap
-                while (!stop.get()) {
-                    EnvUtilGlue.get().native_getentireenv();
-                }
-            }), new Thread(() -> { // a change of group, which the C library carries to every thread
-                while (!stop.get()) {
-                    try {
+            List<Probe.Action> loads = List.of(GLUE::getCurrentProcessUser, // the registry's locks
+                    EnvUtilGlue.get()::native_getentireenv, // the heap
+                    () -> { // a change of group, which the C library carries to every thread
                         GLUE.setCurrentProcessGroup(GLUE.getCurrentProcessGroup());
-                    } catch (ProcessOpException e) {
+                        return null;
+                    });
+            List<Thread> busy = loads.stream().map(load -> new Thread(() -> {
+                while (!stop.get()) {
+                    try {
+                        load.run();
+                    } catch (Exception e) {
                         throw new IllegalStateException(e);
                     }
                 }
-            }));
+            })).toList();
             busy.forEach(Thread::start);
             ExecutorService launchers = Executors.newFixedThreadPool(4);
             List<Future<String>> results = new ArrayList<>();

@@ -129,12 +129,8 @@ class SupervisionTest {
                 });
             }
             disagreements.add(pool.submit(() -> {
-                List<Future<Integer>> codes = new ArrayList<>();
-                for (Callable<Integer> reader : readers) {
-                    codes.add(readerPool.submit(reader));
-                }
                 StringBuilder wrong = new StringBuilder();
-                for (Future<Integer> read : codes) {
+                for (Future<Integer> read : readerPool.invokeAll(readers)) {
                     if (read.get() != code) {
                         wrong.append(read.get()).append(' ');
                     }

@@ -42,8 +42,7 @@ class WaitSignalTest {
 
     @Test
     void stopEndsAProcessThatDoesNotTrapSigterm() throws Exception {
-        long handle = glue.create("/bin/sleep", new String[] {"30"}, null, null, 20, null, 022, null, null, 0, null,
-                true, false);
+        long handle = shell("exec sleep 30");
         ProcessOpException running = assertThrows(ProcessStillActiveException.class, () -> glue.getExitCode(handle));
         assertEquals("Error getting exitcode. ", running.getMessage());
         assertEquals(1, glue.ping(handle));
@@ -57,8 +56,7 @@ class WaitSignalTest {
     @ParameterizedTest
     @CsvSource({"0, 0", "1, 1", "2, 2", "3, 3"})
     void timedWaitRunsOutAfterTheSumOfItsNaps(int timeout, int seconds) throws Exception {
-        long handle = glue.create("/bin/sleep", new String[] {"30"}, null, null, 20, null, 022, null, null, 0, null,
-                true, false);
+        long handle = shell("exec sleep 30");
         long start = System.nanoTime();
         ProcessOpException e = assertThrows(ProcessStillActiveException.class,
                 () -> glue.waitForTerminationWithTimeout(handle, timeout));
