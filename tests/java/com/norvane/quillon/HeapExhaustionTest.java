@@ -5,6 +5,7 @@ import static org.junit.jupiter.api.Assertions.assertTrue;
 import com.norvane.quillon.process.ChildJvm;
 import java.util.ArrayList;
 import java.util.List;
+import java.util.Map;
 import java.util.concurrent.CompletableFuture;
 import org.junit.jupiter.api.Test;
 
@@ -106,7 +107,7 @@ class HeapExhaustionTest {
 
     @Test
     void noErrorLosesAChildAndLauncherStaysUsable() throws Exception {
-        String output = ChildJvm.run(false, List.of("-Xmx48m"), Launches.class);
+        String output = ChildJvm.run(false, Map.of(), false, List.of("-Xmx48m"), Launches.class);
         assertTrue(output.contains("zombies 0\n"), output);
         assertTrue(output.contains("launcher works: true\n"), output);
     }

@@ -173,13 +173,10 @@ class LauncherTest {
     /** Tries four launches that fail and prints each exception's message and cause; nothing else. */
     public static final class FailedStarts {
         public static void main(String[] args) {
-            Launcher[] launchers = {new Launcher("true").redirectOutput(new File("/no/dir/out")),
-                                    new Launcher("true").user("no-such-user-q"),
-                                    new Launcher("true").group("no-such-group-q"),
-                                    new Launcher("true").directory(new File("/no/such/dir"))};
-            for (Launcher launcher : launchers) {
-                try {
-                    launcher.start().close();
+            for (Launcher launcher : List.of(new Launcher("true").redirectOutput(new File("/no/dir/out")),
+                     new Launcher("true").user("no-such-user-q"), new Launcher("true").group("no-such-group-q"),
+                     new Launcher("true").directory(new File("/no/such/dir")))) {
+                try (NativeProcess process = launcher.start()) {
                     System.out.println("started");
                 } catch (IOException e) {
                     System.out.println(e.getMessage() + " | " + e.getCause().getClass().getSimpleName());
@@ -190,16 +187,12 @@ class LauncherTest {
 
     @Test
     void aFailedStartWritesNothingToTheJvmsStreamsAndNamesWhatWasAtFault() throws Exception {
-        assertEquals(
-            String.join(
-                "\n",
+        assertEquals(String.join("\n",
                 "Cannot run program \"true\": stdout file \"/no/dir/out\": No such file or directory | InvalidFileException",
                 "Cannot run program \"true\": user \"no-such-user-q\": no such user | InvalidUsernameException",
                 "Cannot run program \"true\": group \"no-such-group-q\": no such group | InvalidGroupException",
                 "Cannot run program \"true\" (in directory \"/no/such/dir\"): directory \"/no/such/dir\": No such file or "
-                    + "directory | InvalidDirectoryException") +
-                "\n",
-            ChildJvm.run(false, FailedStarts.class));
+                    + "directory | InvalidDirectoryException", ""), ChildJvm.run(false, FailedStarts.class));
     }
 
     /**

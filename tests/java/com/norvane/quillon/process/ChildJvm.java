@@ -94,13 +94,8 @@ public final class ChildJvm {
     }
 
     /** Runs it with options for the child JVM, such as a heap size. */
-    public static String run(boolean asNobody, List<String> options, Class<?> main, String... args)
-        throws IOException, InterruptedException {
-        return run(asNobody, Map.of(), false, options, main, args);
-    }
-
-    private static String run(boolean asNobody, Map<String, String> environment, boolean clearEnvironment,
-                              List<String> options, Class<?> main, String... args)
+    public static String run(boolean asNobody, Map<String, String> environment, boolean clearEnvironment,
+                             List<String> options, Class<?> main, String... args)
         throws IOException, InterruptedException {
         ProcessBuilder builder =
             new ProcessBuilder(command(asNobody, options, main, args)).redirectErrorStream(true);

@@ -11,6 +11,7 @@ import com.norvane.quillon.process.exception.InvalidUsernameException;
 import com.norvane.quillon.process.exception.ProcessOpException;
 import java.util.ArrayList;
 import java.util.List;
+import java.util.Map;
 import java.util.concurrent.ExecutorService;
 import java.util.concurrent.Executors;
 import java.util.concurrent.Future;
@@ -28,7 +29,7 @@ class LaunchUnderLoadTest {
     @ValueSource(strings = {"default heap", "4 GiB pretouched heap"})
     void everyOutcomeHoldsFromAnyHeapUnderLoad(String heap) throws Exception {
         List<String> options = heap.startsWith("4") ? List.of("-Xms4g", "-Xmx4g", "-XX:+AlwaysPreTouch") : List.of();
-        assertEquals("every outcome as expected\n", ChildJvm.withoutTrace(ChildJvm.run(false, options, Outcomes.class)));
+        assertEquals("every outcome as expected\n", ChildJvm.withoutTrace(ChildJvm.run(false, Map.of(), false, options, Outcomes.class)));
     }
 
     /** The launching JVM: prints "every outcome as expected" or what went otherwise. */
