@@ -146,7 +146,7 @@ class LauncherTest {
     public static final class DetachedStart {
         public static void main(String[] args) throws Exception {
             try (NativeProcess process = new Launcher(args).detached(true).redirectInput(new File("/dev/null"))
-                                             .redirectOutput(Redirect.DISCARD).redirectError(Redirect.DISCARD).start()) {
+                    .redirectOutput(Redirect.DISCARD).redirectError(Redirect.DISCARD).start()) {
                 System.out.println(process.pid());
             }
         }

@@ -125,7 +125,8 @@ class LaunchTest {
         return Stream.of(
                 Arguments.of("/no/such/program", null, null, null, 0, null, InvalidExecutableException.class, missing),
                 Arguments.of("", null, null, null, 0, null, InvalidExecutableException.class, missing),
-                Arguments.of("/bin/true", "/no/such/dir", null, null, 0, null, InvalidDirectoryException.class, missing),
+                Arguments.of("/bin/true", "/no/such/dir", null, null, 0, null, InvalidDirectoryException.class,
+                        missing),
                 Arguments.of("/bin/true", "", null, null, 0, null, InvalidDirectoryException.class, missing),
                 Arguments.of("/bin/true", null, "no-such-user", null, 0, null, InvalidUsernameException.class, null),
                 Arguments.of("/bin/true", null, null, "no-such-group", 0, null, InvalidGroupException.class, prefix),

@@ -29,7 +29,8 @@ class LaunchUnderLoadTest {
     @ValueSource(strings = {"default heap", "4 GiB pretouched heap"})
     void everyOutcomeHoldsFromAnyHeapUnderLoad(String heap) throws Exception {
         List<String> options = heap.startsWith("4") ? List.of("-Xms4g", "-Xmx4g", "-XX:+AlwaysPreTouch") : List.of();
-        assertEquals("every outcome as expected\n", ChildJvm.withoutTrace(ChildJvm.run(false, Map.of(), false, options, Outcomes.class)));
+        String out = ChildJvm.run(false, Map.of(), false, options, Outcomes.class);
+        assertEquals("every outcome as expected\n", ChildJvm.withoutTrace(out));
     }
 
     /** The launching JVM: prints "every outcome as expected" or what went otherwise. */
