@@ -33,7 +33,7 @@
 namespace fs = std::filesystem;
 
 namespace {
-using quillon_test::PrintTo;
+using quillon_test::CaseName, quillon_test::PrintTo;
 
 void write_file(const std::string& path, const std::string& text) {
     std::ofstream(path) << text;
@@ -215,7 +215,7 @@ INSTANTIATE_TEST_SUITE_P(
                    "@/c g/unified/ctr", true, "", false},
         PlacesCase{"noCgroupAtAll", "22 1 0:21 / /proc rw - proc proc rw\n", "", nullptr, "", "", false, "",
                    false}),
-    [](const auto& info) { return std::string(info.param.name); });
+    CaseName());
 
 TEST(CgroupPlaces, MissingFileIsAnError) {
     CgroupPlaces places;
@@ -281,7 +281,7 @@ INSTANTIATE_TEST_SUITE_P(
                     RefusalCase{"belowMinusOne", {-2, -1}, true, false, true, EINVAL, ""},
                     // The scratch directory is no cgroup: the group made there lacks cgroup.events, and goes.
                     RefusalCase{"notACgroup", {-1, -1}, false, false, false, ENOENT, ""}),
-    [](const auto& info) { return std::string(info.param.name); });
+    CaseName());
 
 TEST(TreeGroup, FailedLimitRemovesTheMadeGroups) {
     if (geteuid() != 0 || cgroup_places() == nullptr || cgroup_places()->unified[0] == 0)
@@ -492,31 +492,6 @@ TEST(TreeGroup, StaleGroupsOfEndedProcessesGo) {
     }
     EXPECT_EQ(std::count(members.begin(), members.end(), 0), 0) << "a member couldn't join its group";
     EXPECT_EQ(report, "") << "wrongly kept or removed";
-}
-
-// Groups a member made below the tree's (the tree's group belongs to this process's user, so a member may)
-// go with the tree once it is empty, and not while a process lives in one of them.
-TEST(TreeGroup, RemovalTakesTheGroupsMembersMadeOnceNoneRuns) {
-    RealGroup real;
-    MAKE_OR_SKIP(real);
-    for (const char* below : {"made", "made/deeper", "spare"})
-        ASSERT_TRUE(fs::create_directory(real.path() + "/" + below)) << below;
-    pid_t member = member_at(real.path() + "/made/deeper");
-    ASSERT_GT(member, 0);
-    EXPECT_EQ(tree_group_member(real.group), member) << "a member in a group below is a member";
-    bool populated = false;
-    EXPECT_EQ(tree_group_populated(real.group, &populated), 0);
-    EXPECT_TRUE(populated);
-    EXPECT_EQ(remove_tree_group(&real.group), EBUSY);
-    std::string kept;
-    for (const char* below : {"", "/made", "/made/deeper", "/spare"})
-        if (!fs::exists(real.path() + below)) kept += std::string(" removed:") + below;
-    EXPECT_EQ(kept, "") << "removed while a member lives below";
-    kill(member, SIGKILL);
-    waitpid(member, nullptr, 0);
-    ASSERT_TRUE(empties_within(real.group, 2000));
-    EXPECT_EQ(remove_tree_group(&real.group), 0);
-    EXPECT_FALSE(fs::exists(real.path()));
 }
 
 // Two signals to one tree at once: each goes out with the group frozen, neither thaws it under the other
@@ -827,7 +802,7 @@ INSTANTIATE_TEST_SUITE_P(Watchdog, WatchdogMaking,
                                                         seams::clone = {2, EAGAIN};
                                                     },
                                                     true}),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         CaseName());
 
 // A forget is made when a process or tree has ended, under the event thread's lock: it never waits, not for
 // a stopped watchdog's full queue, not for a registration that holds the host's state while it waits for

@@ -24,7 +24,7 @@
 #include "support/named_case.h"
 
 namespace {
-using quillon_test::PrintTo;
+using quillon_test::CaseName, quillon_test::PrintTo;
 
 std::string outcome_text(const Launched& l) {
     return std::to_string(l.result) + "/" + std::to_string(l.sysErr);
@@ -93,7 +93,7 @@ INSTANTIATE_TEST_SUITE_P(
         IdentityCase{
             "groupAndUserInitgroups", "nobody", "daemon", {"__JNI_PROCESS_INITGROUPS"}, "65534", "1", "1"},
         IdentityCase{"nothingRequested", nullptr, nullptr, {}, "0", "0", "4"}),
-    [](const auto& info) { return std::string(info.param.name); });
+    CaseName());
 
 TEST(LaunchedIdentity, UnprivilegedIsRefusedAtTheForcedGroup) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root, to drop the launcher to nobody";
@@ -170,7 +170,7 @@ INSTANTIATE_TEST_SUITE_P(
         NameCase{"joined4095ReachesOpen", std::string(90, 'n'), kBase.c_str(), PROC_SYSTEM_ERR, ENAMETOOLONG},
         NameCase{"emptyWithoutDirectory", "", nullptr, PROC_INVALID_FILE, ENOENT},
         NameCase{"missingDirectory", "/no/such/dir/out", nullptr, PROC_INVALID_FILE, ENOENT}),
-    [](const auto& info) { return std::string(info.param.name); });
+    CaseName());
 
 struct Dup2Case {
     const char* name;
@@ -198,7 +198,7 @@ INSTANTIATE_TEST_SUITE_P(Faked, StdHandleDupFailure,
                                                   PROC_OUT_OF_FILE_HANDLES},
                                          Dup2Case{"devNullEnfile", ENFILE, nullptr, PROC_OUT_OF_FILE_HANDLES},
                                          Dup2Case{"devNullBadf", EBADF, nullptr, PROC_INVALID_FILE}),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         CaseName());
 
 TEST(ClosedStandardDescriptors, StillLaunchAndHearFailures) {
     ChildOutcome outcome = RunInChild([] {

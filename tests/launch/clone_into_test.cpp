@@ -28,7 +28,7 @@
 #include "support/named_case.h"
 
 namespace {
-using quillon_test::PrintTo;
+using quillon_test::CaseName, quillon_test::PrintTo;
 
 constexpr size_t kStackSize = 256 * 1024;
 
@@ -273,7 +273,7 @@ INSTANTIATE_TEST_SUITE_P(
         RefusalCase{"v1", open_v1_hierarchy, "a cgroup v1 hierarchy", "EBADF"},
         RefusalCase{"removed", open_removed_group, "a subgroup of the test group", "ENOENT"},
         RefusalCase{"unprivileged", open_as_nobody, "root, to drop to nobody", "EACCES"}),
-    [](const auto& info) { return std::string(info.param.name); });
+    CaseName());
 
 // The new process gets 16-byte alignment for its calls whatever the top of the stack it was given.
 struct AlignmentCase {
@@ -316,8 +316,7 @@ TEST_P(CloneIntoCgroupStack, CallsMainAligned) {
 
 const auto kTops = testing::Values(AlignmentCase{"aligned", 0}, AlignmentCase{"below8", 8},
                                    AlignmentCase{"below4", 4}, AlignmentCase{"below1", 1});
-INSTANTIATE_TEST_SUITE_P(Tops, CloneIntoCgroupStack, kTops,
-                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Tops, CloneIntoCgroupStack, kTops, CaseName());
 
 // The seam stands in for a kernel without clone3: ENOSYS, no process; the next call is real again.
 TEST_F(CloneIntoCgroup, SeamFailsWithEnosysOnce) {
@@ -366,6 +365,5 @@ TEST_P(CloneVmRaw, CallsMainAlignedWithItsArgumentAndExitsWithItsResult) {
     EXPECT_EQ(report.misalignment, 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Tops, CloneVmRaw, kTops,
-                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Tops, CloneVmRaw, kTops, CaseName());
 } // namespace

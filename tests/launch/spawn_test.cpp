@@ -30,7 +30,7 @@
 #include "support/seams.h"
 
 namespace {
-using quillon_test::PrintTo;
+using quillon_test::CaseName, quillon_test::PrintTo;
 
 // The descriptors of this process that a program started now would inherit.
 std::set<int> inheritable_descriptors() {
@@ -95,7 +95,7 @@ INSTANTIATE_TEST_SUITE_P(Launches, LaunchDescriptors,
                                          DescriptorCase{"attachedEndingWithLauncher", false, true, true},
                                          DescriptorCase{"detachedEndingWithLauncher", true, true, true},
                                          DescriptorCase{"detachedWithPipes", true, false, true}),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         CaseName());
 
 // Waits until the process of a launch has ended: an attached one is reaped, a detached one is seen through
 // its pidfd.
@@ -173,7 +173,7 @@ INSTANTIATE_TEST_SUITE_P(Clone3, LaunchIntoGroup,
                                          GroupCase{"detachedClone3Filtered", true, EPERM},
                                          GroupCase{"detachedWithoutTheFlag", true, EINVAL},
                                          GroupCase{"detachedWithoutTheField", true, E2BIG}),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         CaseName());
 
 std::string outcome_text(const ExecOutcome& exec) {
     return std::to_string(exec.result) + "/" + std::to_string(exec.sysErr) + " step " +
@@ -265,7 +265,7 @@ INSTANTIATE_TEST_SUITE_P(MissingDirectory, EndingWithLauncher,
                                          OwnFailureCase{"attached", false, false, 50},
                                          OwnFailureCase{"detachedWatchdogFull", true, true, 20},
                                          OwnFailureCase{"attachedWatchdogFull", false, true, 20}),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         CaseName());
 
 // Kills the new process before the launcher asks for its pidfd, and waits until it is a zombie.
 void kill_new_process(int pid) {
@@ -380,7 +380,7 @@ INSTANTIATE_TEST_SUITE_P(
                     LeftoverCase{"attachedWatchdogFull", false, LaunchFault::WatchdogFull, kWatchdogFull},
                     LeftoverCase{"attachedWithoutPidfd", false, LaunchFault::NoPidfd, kNoPidfd},
                     LeftoverCase{"attachedWaitFails", false, LaunchFault::WaitFails, kWaitFailed}),
-    [](const auto& info) { return std::string(info.param.name); });
+    CaseName());
 
 void ignore_signal(int) {}
 
@@ -455,7 +455,7 @@ INSTANTIATE_TEST_SUITE_P(
         PendingSignalCase{"quitIgnored", SIGQUIT, Disposition::Ignored, {}, "exit 0"},
         PendingSignalCase{"quitBlocked", SIGQUIT, Disposition::Blocked, {}, "exit 0"},
         PendingSignalCase{"terminate", SIGTERM, Disposition::Default, {}, "signal 15"}),
-    [](const auto& info) { return std::string(info.param.name); });
+    CaseName());
 
 struct JoinCase {
     const char* name;
@@ -502,5 +502,5 @@ INSTANTIATE_TEST_SUITE_P(DevFull, UnjoinableGroup,
                                          JoinCase{"secondV1Group", 1, false},
                                          JoinCase{"ownV2Group", 2, false},
                                          JoinCase{"ownV2GroupDetached", 2, true}),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         CaseName());
 } // namespace

@@ -19,7 +19,7 @@
 #include "support/named_case.h"
 
 namespace {
-using quillon_test::PrintTo;
+using quillon_test::CaseName, quillon_test::PrintTo;
 
 struct TraceCase {
     const char* name;
@@ -63,7 +63,7 @@ INSTANTIATE_TEST_SUITE_P(
                     TraceCase{"dollarTrace", {"$$TRACE"}, true, false},
                     TraceCase{"entryExitAlone", {"__JNI_PROCESS_ENTRYEXIT"}, false, true},
                     TraceCase{"both", {"__JNI_PROCESS_DEBUG", "__JNI_PROCESS_ENTRYEXIT"}, true, true}),
-    [](const auto& info) { return std::string(info.param.name); });
+    CaseName());
 
 TEST(Trace, ErrorLinesGoToBothStreamsWithTheirFieldsWhateverTheSwitches) {
     ChildOutcome outcome = RunInChild([] {
@@ -181,7 +181,7 @@ INSTANTIATE_TEST_SUITE_P(
                     ConversionCase{"sameCodesCopyAndCut", "abcdef", 4, "UTF-8", "UTF-8", true, "abc"},
                     ConversionCase{"nullCodesAreLatin1", "abc", 8, nullptr, nullptr, true, "abc"},
                     ConversionCase{"unknownCodeSet", "abc", 8, "NO-SUCH-SET", "UTF-8", false, ""}),
-    [](const auto& info) { return std::string(info.param.name); });
+    CaseName());
 
 // A plain copy is a strncpy of the whole buffer: cut to size - 1, the rest of a short text zero-filled.
 TEST(Conversion, UnderAUtf8LocaleBothDirectionsArePlainCopies) {

@@ -31,7 +31,7 @@
 namespace fs = std::filesystem;
 
 namespace {
-using quillon_test::PrintTo;
+using quillon_test::CaseName, quillon_test::PrintTo;
 
 // Whether the child ends within `millis`, then reaped; needs no descriptor.
 bool reaped_within(int pid, int millis) {
@@ -215,7 +215,7 @@ INSTANTIATE_TEST_SUITE_P(
                                      return std::string(reaped_within(root, 1000) ? "killed" : "not killed");
                                  },
                                  "killed"}),
-    [](const auto& info) { return std::string(info.param.name); });
+    CaseName());
 
 // ---- The kill of a process with everything below it, when the tree can't be read whole: the fault is
 // reported, and nothing is left stopped for good.
@@ -288,7 +288,7 @@ INSTANTIATE_TEST_SUITE_P(KillTree, KillTreeFault,
                              KillFaultCase{"outOfDescriptors", [] { held_for_kill = exhaust_descriptors(); },
                                            [] { give_back(held_for_kill); }, PROC_OUT_OF_FILE_HANDLES, EMFILE,
                                            false}),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         CaseName());
 
 // ---- Cgroup trees.
 
