@@ -696,10 +696,8 @@ pid_t await_own_watchdog(pid_t old = 0) {
 }
 
 size_t descriptors_of(pid_t pid) {
-    size_t count = 0;
-    for ([[maybe_unused]] const auto& fd : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd"))
-        ++count;
-    return count;
+    fs::directory_iterator fds("/proc/" + std::to_string(pid) + "/fd");
+    return static_cast<size_t>(std::distance(fds, fs::directory_iterator()));
 }
 
 TEST(Watchdog, IsDetachedDeafAndReplacedWhenKilled) {

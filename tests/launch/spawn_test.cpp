@@ -100,12 +100,9 @@ INSTANTIATE_TEST_SUITE_P(Launches, LaunchDescriptors,
 // Waits until the process of a launch has ended: an attached one is reaped, a detached one is seen through
 // its pidfd.
 void await_end(LaunchOutcome& launched, bool detached) {
-    if (!detached) {
-        waitpid(launched.pid, nullptr, 0);
-        return;
-    }
+    if (!detached) waitpid(launched.pid, nullptr, 0);
     pollfd ended = {launched.pidfd.get(), POLLIN, 0};
-    poll(&ended, 1, 10000);
+    if (detached) poll(&ended, 1, 10000);
 }
 
 // /proc/self/cgroup as the intermediate process of a detached launch reads it before its clone.
@@ -325,14 +322,6 @@ TEST(FailedLaunches, GiveTheirWatchdogRegistrationBack) {
     EXPECT_EQ(outcome.report, "failures: then " + outcome_text({}) + " descriptors 1") << outcome.err;
 }
 
-// Whether a process that is no child of this one has ended (gone, or a zombie left to init) within a second.
-bool ends_within_a_second(pid_t pid) {
-    auto ended = [pid] { return ProcessState(pid) == 0 || ProcessState(pid) == 'Z'; };
-    for (int i = 0; i < 100 && !ended(); ++i)
-        usleep(10000);
-    return ended();
-}
-
 enum class LaunchFault { WatchdogFull, NoPidfd, WaitFails };
 
 struct LeftoverCase {
@@ -361,7 +350,7 @@ TEST_P(FailedLaunch, LeavesNoProcessBehind) {
         if (c.fault == LaunchFault::NoPidfd) seams::pidfd = {1, ENOSYS};
         if (c.fault == LaunchFault::WaitFails) seams::select = {true, -1, ENOMEM};
         LaunchOutcome launched = launch(request);
-        bool gone = c.detached ? ends_within_a_second(launched.pid) : waitpid(-1, nullptr, WNOHANG) == -1;
+        bool gone = c.detached ? EndsWithin(launched.pid, 1000) : waitpid(-1, nullptr, WNOHANG) == -1;
         if (!gone) kill(launched.pid, SIGKILL);
         return outcome_text(launched.exec) + (gone ? " gone" : " left running");
     });
