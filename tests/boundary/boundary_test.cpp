@@ -10,7 +10,7 @@
 #include "support/named_case.h"
 
 namespace {
-using quillon_test::PrintTo;
+using quillon_test::CaseName, quillon_test::PrintTo;
 
 const std::string kPackage = "com/norvane/quillon/process/exception/";
 
@@ -64,7 +64,7 @@ INSTANTIATE_TEST_SUITE_P(
                     ThrowCase{"code17", 17, "a", false, 0, kPackage + "ProcessOpException", "a"},
                     ThrowCase{"codeNegative", -1, "a", false, 0, kPackage + "ProcessOpException", "a"},
                     ThrowCase{"code16", 16, "a", false, 0, kPackage + "CreateProcessTimeoutException", "a"}),
-    [](const auto& info) { return std::string(info.param.name); });
+    CaseName());
 
 TEST(Throwing, FallsBackToJavaLangExceptionAndGivesUpWhenThatIsMissingToo) {
     FakeJni jni;

@@ -14,6 +14,7 @@
 #include <functional>
 #include <mutex>
 #include <poll.h>
+#include <regex>
 #include <sstream>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -32,7 +33,7 @@
 namespace fs = std::filesystem;
 
 namespace {
-using quillon_test::PrintTo;
+using quillon_test::CaseName, quillon_test::PrintTo;
 
 void write_file(const std::string& path, const std::string& text) {
     std::ofstream(path) << text;
@@ -42,16 +43,8 @@ int open_pidfd(int pid) {
     return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
 }
 
-// Whether the process ends (exits, or is a zombie) within `millis`; a process already reaped has ended.
-bool ends_within(int pid, int millis) {
-    UniqueFd pidfd(open_pidfd(pid));
-    if (pidfd.get() < 0) return errno == ESRCH;
-    pollfd ended = {pidfd.get(), POLLIN, 0};
-    return poll(&ended, 1, millis) == 1;
-}
-
 bool lives(int pid) {
-    return !ends_within(pid, 0);
+    return !EndsWithin(pid, 0);
 }
 
 // Writes "0" to a cgroup.procs: the calling process joins that group.
@@ -79,20 +72,6 @@ bool empties_within(const TreeGroup& group, int millis) {
     }
 }
 
-// Reaps every child and orphan of the calling subreaper.
-void reap_all() {
-    while (waitpid(-1, nullptr, 0) > 0 || errno == EINTR) {
-    }
-}
-
-// Ends a forked subreaper's case: kills the given processes, reaps everything.
-std::string finish(const std::string& report, const std::vector<int>& leftovers) {
-    for (int pid : leftovers)
-        if (pid > 0) kill(pid, SIGKILL); // never 0 or -1: those name groups of processes
-    reap_all();
-    return report;
-}
-
 // fork/exec of `argv`, joining the tree's groups first when one is given.
 pid_t start(const std::vector<const char*>& argv, const TreeGroup* group = nullptr) {
     pid_t pid = fork();
@@ -108,23 +87,20 @@ pid_t start(const std::vector<const char*>& argv, const TreeGroup* group = nullp
     return pid;
 }
 
-// The PID written into a file by a member of a tree, waited for up to two seconds; 0 when none came.
-int pid_in(const std::string& path) {
+// The line a member of a tree writes into the file, waited for up to two seconds; "" when none came.
+std::string line_in(const std::string& path) {
     for (int i = 0; i < 200; ++i) {
-        std::string text = ReadFile(path);
-        if (!text.empty() && text.back() == '\n') return std::stoi(text);
+        if (std::string text = ReadFile(path); text.ends_with('\n')) return text;
         usleep(10000);
     }
-    return 0;
+    return "";
 }
 
-// Whether a member of a tree writes the file within two seconds.
-bool appears(const std::string& path) {
-    for (int i = 0; i < 200; ++i) {
-        if (!ReadFile(path).empty()) return true;
-        usleep(10000);
-    }
-    return false;
+// Waits up to two seconds for a member of the group (which joins it before its exec).
+void await_populated(const TreeGroup& group) {
+    bool populated = false;
+    for (int i = 0; i < 200 && !populated; ++i)
+        if (tree_group_populated(group, &populated) != 0 || !populated) usleep(10000);
 }
 
 // A tree group made on this machine's places, killed and removed at the end of the case.
@@ -180,10 +156,7 @@ struct PlacesCase {
 };
 
 std::string in(const std::string& text, const std::string& root) {
-    std::string out;
-    for (char c : text)
-        out += c == '@' ? root : std::string(1, c);
-    return out;
+    return std::regex_replace(text, std::regex("@"), root);
 }
 
 class CgroupPlacesFrom : public testing::TestWithParam<PlacesCase> {};
@@ -242,7 +215,7 @@ INSTANTIATE_TEST_SUITE_P(
                    "@/c g/unified/ctr", true, "", false},
         PlacesCase{"noCgroupAtAll", "22 1 0:21 / /proc rw - proc proc rw\n", "", nullptr, "", "", false, "",
                    false}),
-    [](const auto& info) { return std::string(info.param.name); });
+    CaseName());
 
 TEST(CgroupPlaces, MissingFileIsAnError) {
     CgroupPlaces places;
@@ -308,7 +281,7 @@ INSTANTIATE_TEST_SUITE_P(
                     RefusalCase{"belowMinusOne", {-2, -1}, true, false, true, EINVAL, ""},
                     // The scratch directory is no cgroup: the group made there lacks cgroup.events, and goes.
                     RefusalCase{"notACgroup", {-1, -1}, false, false, false, ENOENT, ""}),
-    [](const auto& info) { return std::string(info.param.name); });
+    CaseName());
 
 TEST(TreeGroup, FailedLimitRemovesTheMadeGroups) {
     if (geteuid() != 0 || cgroup_places() == nullptr || cgroup_places()->unified[0] == 0)
@@ -330,40 +303,32 @@ TEST(TreeGroup, KillEndsEveryMemberAndTheGroupGoes) {
     RealGroup real;
     MAKE_OR_SKIP(real);
     ASSERT_GE(real.group.killFile.get(), 0) << "no cgroup.kill (kernel before 5.14)";
-    std::string dir = fs::temp_directory_path() / ("quillon-tree-" + std::to_string(getpid()));
-    fs::create_directories(dir);
+    TempDir dir;
     // Three generations, a member in a session of its own and one whose parent ended (double fork).
-    std::string script = "cd " + dir +
+    std::string script = "cd " + dir.path() +
                          "; echo $$ > g1; sh -c 'echo $$ > g2; sleep 60 & echo $! > g3; "
                          "setsid sleep 60 & echo $! > s; (sleep 60 & echo $! > d); wait' & wait";
-    ChildOutcome outcome = RunInChild([&] {
-        prctl(PR_SET_CHILD_SUBREAPER, 1);
-        std::string own = std::string(real.places().unified) + "/cgroup.procs";
-        UniqueFd back(open(own.c_str(), O_WRONLY | O_CLOEXEC));
-        if (!join_tree(real.group)) return finish("can't join the group", {});
-        start({"/bin/sh", "-c", script.c_str()});
-        if (!join(back.get())) return finish("can't leave the group", {});
+    ChildOutcome outcome = RunAsSubreaper([&]() -> std::string {
+        start({"/bin/sh", "-c", script.c_str()}, &real.group);
         std::vector<int> members;
         for (const char* name : {"g1", "g2", "g3", "s", "d"})
-            members.push_back(pid_in(dir + "/" + name));
+            members.push_back(atoi(line_in(dir.path() + "/" + name).c_str()));
         std::string procs = "\n" + ReadFile(real.path() + "/cgroup.procs");
         for (int pid : members)
             if (pid == 0 || procs.find("\n" + std::to_string(pid) + "\n") == std::string::npos)
-                return finish("member " + std::to_string(pid) + " not in the group: " + procs, members);
+                return "member " + std::to_string(pid) + " not in the group: " + procs;
         TreeGroup copy; // removal through a copy of the owners: it must refuse while members live
         copy_bounded(copy.name, real.group.name, sizeof copy.name);
         copy.owners[0].reset(dup(real.group.owners[0].get()));
         if (int err = remove_tree_group(&copy); err != EBUSY)
-            return finish("removed while populated: " + std::to_string(err), members);
-        if (int err = kill_tree_group(real.group); err != 0)
-            return finish("kill: " + std::to_string(err), members);
-        if (!empties_within(real.group, 2000)) return finish("still populated", members);
+            return "removed while populated: " + std::to_string(err);
+        if (int err = kill_tree_group(real.group); err != 0) return "kill: " + std::to_string(err);
+        if (!empties_within(real.group, 2000)) return "still populated";
         for (int pid : members)
-            if (!ends_within(pid, 0)) return finish("member " + std::to_string(pid) + " lives", members);
-        return finish("ok", {});
+            if (!EndsWithin(pid, 0)) return "member " + std::to_string(pid) + " lives";
+        return "ok";
     });
     EXPECT_EQ(outcome.report, "ok") << outcome.err;
-    fs::remove_all(dir);
     EXPECT_EQ(remove_tree_group(&real.group), 0);
     EXPECT_FALSE(fs::exists(real.path()));
 }
@@ -371,45 +336,38 @@ TEST(TreeGroup, KillEndsEveryMemberAndTheGroupGoes) {
 TEST(TreeGroup, SignalReachesEveryMemberAndThaws) {
     RealGroup real;
     MAKE_OR_SKIP(real);
-    std::string dir = fs::temp_directory_path() / ("quillon-signal-" + std::to_string(getpid()));
-    fs::create_directories(dir);
-    write_file(dir + "/member.sh",
+    TempDir dir;
+    write_file(dir.path() + "/member.sh",
                "trap 'echo x > hit$1' USR1\necho x > up$1\nwhile :; do sleep 0.05; done\n");
-    std::string script = "cd " + dir +
+    std::string script = "cd " + dir.path() +
                          "; sh ./member.sh 1 & setsid sh ./member.sh 2 & (sh ./member.sh 3 &); "
                          "exec sh ./member.sh 0";
-    ChildOutcome outcome = RunInChild([&] {
-        prctl(PR_SET_CHILD_SUBREAPER, 1);
-        UniqueFd back(
-            open((std::string(real.places().unified) + "/cgroup.procs").c_str(), O_WRONLY | O_CLOEXEC));
-        if (!join_tree(real.group)) return finish("can't join the group", {});
-        start({"/bin/sh", "-c", script.c_str()});
-        if (!join(back.get())) return finish("can't leave the group", {});
+    ChildOutcome outcome = RunAsSubreaper([&]() -> std::string {
+        start({"/bin/sh", "-c", script.c_str()}, &real.group);
         for (int i = 0; i < 4; ++i)
-            if (!appears(dir + "/up" + std::to_string(i)))
-                return finish("member " + std::to_string(i) + " not up", {});
+            if (line_in(dir.path() + "/up" + std::to_string(i)).empty())
+                return "member " + std::to_string(i) + " not up";
         if (int err = signal_tree_group(real.group, SIGUSR1); err != 0)
-            return finish("signal: " + std::to_string(err), {});
+            return "signal: " + std::to_string(err);
         std::string missed;
         for (int i = 0; i < 4; ++i)
-            if (!appears(dir + "/hit" + std::to_string(i))) missed += " " + std::to_string(i);
+            if (line_in(dir.path() + "/hit" + std::to_string(i)).empty()) missed += " " + std::to_string(i);
         std::string freeze = ReadFile(real.path() + "/cgroup.freeze");
         std::string events = ReadFile(real.path() + "/cgroup.events");
         kill_tree_group(real.group);
         empties_within(real.group, 2000);
-        if (!missed.empty()) return finish("missed by the signal:" + missed, {});
+        if (!missed.empty()) return "missed by the signal:" + missed;
         if (freeze != "0\n" || events.find("frozen 0") == std::string::npos)
-            return finish("left frozen: " + freeze + events, {});
-        return finish("ok", {});
+            return "left frozen: " + freeze + events;
+        return "ok";
     });
     EXPECT_EQ(outcome.report, "ok") << outcome.err << " status " << outcome.status;
-    fs::remove_all(dir);
 }
 
 TEST(TreeGroup, MemoryLimitEndsAGreedyProgram) {
     RealGroup real;
     MAKE_OR_SKIP(real, TreeLimits{64 << 20, -1});
-    ChildOutcome outcome = RunInChild(
+    ChildOutcome outcome = RunAsSubreaper(
         [&] {
             pid_t greedy = fork();
             if (greedy == 0) {
@@ -437,10 +395,9 @@ TEST(TreeGroup, MemoryLimitEndsAGreedyProgram) {
 TEST(TreeGroup, ProcessLimitStopsAForkLoop) {
     RealGroup real;
     MAKE_OR_SKIP(real, TreeLimits{-1, 10});
-    ChildOutcome outcome = RunInChild([&] {
-        prctl(PR_SET_CHILD_SUBREAPER, 1);
+    ChildOutcome outcome = RunAsSubreaper([&]() -> std::string {
         int counts[2];
-        if (pipe(counts) != 0) return finish("pipe", {});
+        if (pipe(counts) != 0) return "pipe";
         pid_t forker = fork();
         if (forker == 0) {
             if (!join_tree(real.group)) _exit(126);
@@ -466,7 +423,7 @@ TEST(TreeGroup, ProcessLimitStopsAForkLoop) {
         int words[2] = {-1, 0};
         read(counts[0], words, sizeof words);
         kill(-forker, SIGKILL);
-        return finish("forks=" + std::to_string(words[0]) + " then " + strerror(words[1]), {});
+        return "forks=" + std::to_string(words[0]) + " then " + strerror(words[1]);
     });
     // The limit counts the forking process too.
     EXPECT_EQ(outcome.report, "forks=9 then " + std::string(strerror(EAGAIN))) << outcome.err;
@@ -537,43 +494,15 @@ TEST(TreeGroup, StaleGroupsOfEndedProcessesGo) {
     EXPECT_EQ(report, "") << "wrongly kept or removed";
 }
 
-// Groups a member made below the tree's (the tree's group belongs to this process's user, so a member may)
-// go with the tree once it is empty, and not while a process lives in one of them.
-TEST(TreeGroup, RemovalTakesTheGroupsMembersMadeOnceNoneRuns) {
-    RealGroup real;
-    MAKE_OR_SKIP(real);
-    for (const char* below : {"made", "made/deeper", "spare"})
-        ASSERT_TRUE(fs::create_directory(real.path() + "/" + below)) << below;
-    pid_t member = member_at(real.path() + "/made/deeper");
-    ASSERT_GT(member, 0);
-    EXPECT_EQ(tree_group_member(real.group), member) << "a member in a group below is a member";
-    bool populated = false;
-    EXPECT_EQ(tree_group_populated(real.group, &populated), 0);
-    EXPECT_TRUE(populated);
-    EXPECT_EQ(remove_tree_group(&real.group), EBUSY);
-    std::string kept;
-    for (const char* below : {"", "/made", "/made/deeper", "/spare"})
-        if (!fs::exists(real.path() + below)) kept += std::string(" removed:") + below;
-    EXPECT_EQ(kept, "") << "removed while a member lives below";
-    kill(member, SIGKILL);
-    waitpid(member, nullptr, 0);
-    ASSERT_TRUE(empties_within(real.group, 2000));
-    EXPECT_EQ(remove_tree_group(&real.group), 0);
-    EXPECT_FALSE(fs::exists(real.path()));
-}
-
 // Two signals to one tree at once: each goes out with the group frozen, neither thaws it under the other
 // (which would leave the other waiting for a freeze that never comes), and the group ends thawed.
 TEST(TreeGroup, SignalsAtOnceEachFreezeAndThaw) {
     RealGroup real;
     MAKE_OR_SKIP(real);
-    ChildOutcome outcome = RunInChild(
+    ChildOutcome outcome = RunAsSubreaper(
         [&] {
-            prctl(PR_SET_CHILD_SUBREAPER, 1);
             pid_t member = start({"/bin/sleep", "60"}, &real.group);
-            bool populated = false;
-            for (int i = 0; i < 200 && !populated; ++i)
-                if (tree_group_populated(real.group, &populated) != 0 || !populated) usleep(10000);
+            await_populated(real.group);
             std::atomic<int> failed{0};
             auto signaller = [&] {
                 for (int i = 0; i < 25 && failed == 0; ++i)
@@ -585,7 +514,7 @@ TEST(TreeGroup, SignalsAtOnceEachFreezeAndThaw) {
             std::string freeze = ReadFile(real.path() + "/cgroup.freeze");
             std::string report = failed != 0 ? strerror(failed) : freeze != "0\n" ? "left frozen" : "ok";
             if (!lives(member)) report += ", the member ended";
-            return finish(report, {member});
+            return report;
         },
         60);
     EXPECT_EQ(outcome.report, "ok") << outcome.err;
@@ -601,28 +530,20 @@ TEST(TreeGroup, DescriptorsNeverTakeAStandardOnesPlace) {
     TreeLimits limits; // the v1 groups' cgroup.procs too, where this host has them
     if (places.memory[0] != 0) limits.memoryBytes = 64 << 20;
     if (places.pids[0] != 0) limits.processes = 100;
-    ChildOutcome outcome = RunInChild([&] {
+    ChildOutcome outcome = RunAsSubreaper([&] {
         for (int fd = 0; fd <= 2; ++fd)
             close(fd);
         TreeGroup group;
         const char* missing = nullptr;
         if (int err = make_tree_group(places, limits, &group, &missing); err != 0)
             return std::string("make_tree_group: ") + strerror(err);
-        std::string low;
-        auto check = [&](const char* what, int fd) {
-            if (fd >= 0 && fd <= 2) low += std::string(" ") + what + "=" + std::to_string(fd);
-        };
-        check("unified", group.unified.get());
-        check("events", group.events.get());
-        check("killFile", group.killFile.get());
-        check("join0", group.joins[0].get());
-        check("join1", group.joins[1].get());
-        check("memoryV1", group.memoryV1.get());
-        for (const UniqueFd& owner : group.owners)
-            check("owner", owner.get());
         bool populated = true;
         UniqueFd watcher(watch_tree_group(group, &populated));
-        check("watcher", watcher.get());
+        std::string low;
+        for (const UniqueFd* fd :
+             {&group.unified, &group.events, &group.killFile, &group.joins[0], &group.joins[1],
+              &group.memoryV1, &group.owners[0], &group.owners[1], &group.owners[2], &watcher})
+            if (fd->get() >= 0 && fd->get() <= 2) low += " " + std::to_string(fd->get());
         uint64_t token = watchdog_register_group(group.killFile.get());
         if (token == 0) low += " registration failed";
         for (int fd = 0; fd <= 2; ++fd)
@@ -643,7 +564,6 @@ using HostCheck =
     std::function<std::string(pid_t host, const std::vector<int>& pids, const std::string& said)>;
 
 std::string run_host(const HostBody& body, const HostCheck& check, bool hostEndsItself) {
-    prctl(PR_SET_CHILD_SUBREAPER, 1);
     int words[2];
     if (pipe2(words, O_CLOEXEC) != 0) return "pipe";
     pid_t host = fork();
@@ -671,11 +591,11 @@ std::string run_host(const HostBody& body, const HostCheck& check, bool hostEnds
     std::getline(heard, line);
     std::string report = check(host, pids, line);
     kill(host, SIGKILL);
-    return finish(report, pids);
+    return report;
 }
 
 std::string with_host(const HostBody& body, const HostCheck& check, bool hostEndsItself = false) {
-    return RunInChild([&] { return run_host(body, check, hostEndsItself); }).report;
+    return RunAsSubreaper([&] { return run_host(body, check, hostEndsItself); }).report;
 }
 
 std::string pid_line(const std::vector<pid_t>& pids) {
@@ -694,16 +614,18 @@ uint64_t register_pid(pid_t pid) {
     return watchdog_register_process(open_pidfd(pid));
 }
 
-// Kills the host; `dying` must end within a second of it, `living` must still live a moment later.
-std::string kill_and_expect(pid_t host, const std::vector<int>& dying, const std::vector<int>& living = {}) {
+// Kills the host; `dying` must end within a second of it.
+std::string kill_and_expect(pid_t host, const std::vector<int>& dying) {
     kill(host, SIGKILL);
     std::string report;
     for (int pid : dying)
-        if (!ends_within(pid, 1000)) report += " survived:" + std::to_string(pid);
-    usleep(100000);
-    for (int pid : living)
-        if (!lives(pid)) report += " killed:" + std::to_string(pid);
+        if (!EndsWithin(pid, 1000)) report += " survived:" + std::to_string(pid);
     return report.empty() ? "ok" : report;
+}
+
+// What the host said, then whether the PIDs it told end with it.
+std::string said_and_ended(pid_t host, const std::vector<int>& pids, const std::string& said) {
+    return said + " " + (pids.empty() ? "no process" : kill_and_expect(host, pids));
 }
 
 TEST(Watchdog, KillsRegisteredWhenTheHostIsKilled) {
@@ -711,9 +633,7 @@ TEST(Watchdog, KillsRegisteredWhenTheHostIsKilled) {
     MAKE_OR_SKIP(real);
     auto host = [&] {
         pid_t alone = sleeper(), inTree = sleeper(&real.group);
-        bool populated = false; // the member joins its group before its exec
-        for (int i = 0; i < 200 && !populated; ++i)
-            if (tree_group_populated(real.group, &populated) != 0 || !populated) usleep(10000);
+        await_populated(real.group);
         bool ok = register_pid(alone) != 0 && watchdog_register_group(real.group.killFile.get()) != 0;
         return pid_line({alone, inTree}) + (ok ? "registered" : "registration failed");
     };
@@ -743,7 +663,7 @@ TEST(Watchdog, ForgottenSurvivesAndThreadEndIsNoHostEnd) {
         if (!said.empty() || pids.size() != 3) return said;
         std::string report;
         for (int pid : {pids[0], pids[1]})
-            if (!ends_within(pid, 1000)) report += " survived:" + std::to_string(pid);
+            if (!EndsWithin(pid, 1000)) report += " survived:" + std::to_string(pid);
         usleep(100000);
         if (!lives(pids[2])) report += " forgotten was killed";
         return report.empty() ? std::string("ok") : report;
@@ -776,10 +696,8 @@ pid_t await_own_watchdog(pid_t old = 0) {
 }
 
 size_t descriptors_of(pid_t pid) {
-    size_t count = 0;
-    for ([[maybe_unused]] const auto& fd : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd"))
-        ++count;
-    return count;
+    fs::directory_iterator fds("/proc/" + std::to_string(pid) + "/fd");
+    return static_cast<size_t>(std::distance(fds, fs::directory_iterator()));
 }
 
 TEST(Watchdog, IsDetachedDeafAndReplacedWhenKilled) {
@@ -805,7 +723,7 @@ TEST(Watchdog, IsDetachedDeafAndReplacedWhenKilled) {
         said << "parentIsHost=" << (parent == getpid()) << " ownSession=" << (session == watchdog)
              << " descriptors=" << descriptors << " deaf=" << lives(watchdog);
         kill(watchdog, SIGKILL);
-        ends_within(watchdog, 1000);
+        EndsWithin(watchdog, 1000);
         said << " replaced=" << (register_pid(second) != 0 && await_own_watchdog(watchdog) != 0);
         return said.str();
     };
@@ -834,12 +752,9 @@ TEST(Watchdog, HoldsOneRegistrationPerDescriptorItMayOpen) {
         return pid_line({filler, last}) + std::to_string(tokens.size()) + " " + strerror(err) +
                " again=" + std::to_string(again) + " full=" + std::to_string(full);
     };
-    // The registration that took the forgotten one's place is held too.
-    auto check = [&](pid_t host, const std::vector<int>& pids, const std::string& said) {
-        return said + " " + kill_and_expect(host, pids);
-    };
-    // The watchdog's socket takes one of the descriptors the limit allows.
-    EXPECT_EQ(with_host(host, check),
+    // The registration that took the forgotten one's place is held too; the watchdog's socket takes one of
+    // the descriptors the limit allows.
+    EXPECT_EQ(with_host(host, said_and_ended),
               std::to_string(kLimit - 1) + " " + strerror(ENOSPC) + " again=1 full=1 ok");
 }
 // How the watchdog is made when the host's setup differs: with SIGCHLD ignored (its intermediate process's
@@ -867,10 +782,7 @@ TEST_P(WatchdogMaking, KillsWhatWasRegisteredAtTheHostsEnd) {
         int err = errno;
         return pid_line({registered}) + said + (ok ? "registered" : std::string("failed: ") + strerror(err));
     };
-    auto check = [&](pid_t host, const std::vector<int>& pids, const std::string& said) {
-        return said + " " + (pids.size() == 1 ? kill_and_expect(host, pids) : "no process");
-    };
-    EXPECT_EQ(with_host(host, check), std::string(c.firstFails ? "failed " : "") + "registered ok");
+    EXPECT_EQ(with_host(host, said_and_ended), std::string(c.firstFails ? "failed " : "") + "registered ok");
 }
 
 INSTANTIATE_TEST_SUITE_P(Watchdog, WatchdogMaking,
@@ -888,7 +800,7 @@ INSTANTIATE_TEST_SUITE_P(Watchdog, WatchdogMaking,
                                                         seams::clone = {2, EAGAIN};
                                                     },
                                                     true}),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         CaseName());
 
 // A forget is made when a process or tree has ended, under the event thread's lock: it never waits, not for
 // a stopped watchdog's full queue, not for a registration that holds the host's state while it waits for
@@ -935,10 +847,7 @@ TEST(Watchdog, ForgetsNeverWaitForAStoppedWatchdog) {
                std::to_string(took < std::chrono::seconds(1)) + ", then " + strerror(refused) + ", again " +
                std::to_string(again);
     };
-    auto check = [&](pid_t host, const std::vector<int>& pids, const std::string& said) {
-        return said + " " + (pids.size() == 1 ? kill_and_expect(host, pids) : "no process");
-    };
-    EXPECT_EQ(with_host(host, check),
+    EXPECT_EQ(with_host(host, said_and_ended),
               "forgot 1 at once 1, then " + std::string(strerror(EAGAIN)) + ", again 1 ok");
 }
 } // namespace

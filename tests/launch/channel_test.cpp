@@ -16,7 +16,7 @@
 #include "support/named_case.h"
 
 namespace {
-using quillon_test::PrintTo;
+using quillon_test::CaseName, quillon_test::PrintTo;
 
 // Minutes in one to five digits, no sign, blank or unit; two at the least.
 TEST(CreateTimeout, IsMinutesOfOneToFiveDigitsWithAFloorOfTwo) {
@@ -45,10 +45,14 @@ struct OutcomeCase {
 class ExecOutcome : public testing::TestWithParam<OutcomeCase> {};
 
 std::string ints(std::initializer_list<int> values) {
-    std::string bytes;
-    for (int v : values)
-        bytes.append(reinterpret_cast<const char*>(&v), sizeof v);
-    return bytes;
+    return std::string(reinterpret_cast<const char*>(std::data(values)), values.size() * sizeof(int));
+}
+
+// A child that writes the bytes into the channel, then ends: the channel's write end is then closed.
+pid_t write_and_end(int fd, const std::string& bytes) {
+    pid_t writer = fork();
+    if (writer == 0) _exit(write(fd, bytes.data(), bytes.size()) < 0);
+    return writer;
 }
 
 TEST_P(ExecOutcome, IsReadFromTheChannel) {
@@ -59,12 +63,7 @@ TEST_P(ExecOutcome, IsReadFromTheChannel) {
     const int ends[2] = {channel.read_end(), channel.write_end()};
     EXPECT_EQ(fcntl(ends[0], F_GETFD), FD_CLOEXEC);
     EXPECT_EQ(fcntl(ends[1], F_GETFD), FD_CLOEXEC);
-    pid_t writer = fork();
-    if (writer == 0) {
-        ssize_t ignored = write(ends[1], c.written.data(), c.written.size());
-        (void)ignored;
-        _exit(0);
-    }
+    pid_t writer = write_and_end(ends[1], c.written);
     ::ExecOutcome outcome = WaitForExecOutcome(channel);
     EXPECT_EQ(outcome.result, c.result);
     if (c.sysErr != -1) EXPECT_EQ(outcome.sysErr, c.sysErr);
@@ -84,7 +83,7 @@ INSTANTIATE_TEST_SUITE_P(
                     OutcomeCase{"firstIntOnly", ints({EACCES}), PROC_SYSTEM_ERR, EACCES, kStepLauncher},
                     OutcomeCase{"shortSecond", ints({EACCES}) + "ab", PROC_SYSTEM_ERR, EACCES, kStepLauncher},
                     OutcomeCase{"shortFirst", "ab", PROC_SYSTEM_ERR, -1, kStepLauncher}),
-    [](const auto& info) { return std::string(info.param.name); });
+    CaseName());
 
 struct SelectCase {
     const char* name;
@@ -117,7 +116,7 @@ TEST_P(SelectOutcome, MapsTimeOutAndFailure) {
 INSTANTIATE_TEST_SUITE_P(Faked, SelectOutcome,
                          testing::Values(SelectCase{"timeLimit", 0, 0, PROC_CREATE_TIMEOUT, ETIMEDOUT},
                                          SelectCase{"failure", -1, EBADF, PROC_SYSTEM_ERR, EBADF}),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         CaseName());
 
 // Every free descriptor below `target` taken, so that the next pipe lands on it; closed again when it goes.
 class DescriptorsBelow {
@@ -146,13 +145,7 @@ TEST(ExecOutcome, ReadEndsAbove1023AreWatched) {
             ASSERT_EQ(channel.open(&sysErr), PROC_SUCCESS);
         }
         ASSERT_EQ(channel.read_end(), target);
-        pid_t writer = fork();
-        if (writer == 0) {
-            int record[2] = {E2BIG, PROC_SYSTEM_ERR};
-            ssize_t ignored = write(channel.write_end(), record, sizeof record);
-            (void)ignored;
-            _exit(0);
-        }
+        pid_t writer = write_and_end(channel.write_end(), ints({E2BIG, PROC_SYSTEM_ERR}));
         ::ExecOutcome outcome = WaitForExecOutcome(channel);
         EXPECT_EQ(outcome.result, PROC_SYSTEM_ERR) << target;
         EXPECT_EQ(outcome.sysErr, E2BIG) << target;
@@ -176,11 +169,8 @@ TEST(ExecOutcome, AnInterruptedWaitIsResumed) {
         itimerval tick = {{0, 50000}, {0, 50000}};
         setitimer(ITIMER_REAL, &tick, nullptr);
         ::ExecOutcome outcome = WaitForExecOutcome(channel);
-        itimerval off = {};
-        setitimer(ITIMER_REAL, &off, nullptr);
         return std::to_string(outcome.result) + " " + std::to_string(outcome.sysErr);
     });
     EXPECT_EQ(outcome.report, "0 0");
 }
-
 } // namespace

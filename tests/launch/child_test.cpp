@@ -24,18 +24,13 @@
 #include "support/named_case.h"
 
 namespace {
-using quillon_test::PrintTo;
+using quillon_test::CaseName, quillon_test::PrintTo;
 
 std::string outcome_text(const Launched& l) {
     return std::to_string(l.result) + "/" + std::to_string(l.sysErr);
 }
 std::string expected(int result, int sysErr) {
     return std::to_string(result) + "/" + std::to_string(sysErr);
-}
-
-bool no_children_left() {
-    errno = 0;
-    return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD;
 }
 
 // Identity of a launched program, read from /proc while it sleeps.
@@ -98,7 +93,7 @@ INSTANTIATE_TEST_SUITE_P(
         IdentityCase{
             "groupAndUserInitgroups", "nobody", "daemon", {"__JNI_PROCESS_INITGROUPS"}, "65534", "1", "1"},
         IdentityCase{"nothingRequested", nullptr, nullptr, {}, "0", "0", "4"}),
-    [](const auto& info) { return std::string(info.param.name); });
+    CaseName());
 
 TEST(LaunchedIdentity, UnprivilegedIsRefusedAtTheForcedGroup) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root, to drop the launcher to nobody";
@@ -117,39 +112,30 @@ TEST(LaunchedIdentity, UnprivilegedIsRefusedAtTheForcedGroup) {
 
 // Standard handles, set up in a child and written through.
 TEST(StdHandles, AppendOrTruncateJoinedToTheWorkingDirectoryUnderTheMask) {
-    char dir[] = "/tmp/quillon-handles-XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    std::string out = std::string(dir) + "/out.log";
-    for (const std::string& base : {std::string(dir), std::string(dir) + "/"}) {
-        FILE* f = fopen(out.c_str(), "w");
-        fputs("old\n", f);
-        fclose(f);
-        std::string base_copy = base;
+    TempDir dir;
+    std::string out = dir.path() + "/out.log";
+    auto write_through = [](const std::string& base, const char* file, const char* text) {
         RunInChild([&] {
             umask(027);
             int err = 0;
-            SetUpStdHandles(base_copy.c_str(), {nullptr, "out.log", nullptr}, &err);
-            fputs("appended\n", stdout);
+            SetUpStdHandles(base.c_str(), {nullptr, file, nullptr}, &err);
+            fputs(text, stdout);
             return std::string();
         });
-        EXPECT_EQ(ReadFile(out), "old\nappended\n") << base_copy;
+    };
+    for (const std::string& base : {dir.path(), dir.path() + "/"}) {
+        std::ofstream(out) << "old\n";
+        write_through(base, "out.log", "appended\n");
+        EXPECT_EQ(ReadFile(out), "old\nappended\n") << base;
     }
     for (bool existing : {true, false}) { // what was there goes; a new file takes the mask
         if (!existing) unlink(out.c_str());
-        RunInChild([&] {
-            umask(027);
-            int err = 0;
-            SetUpStdHandles(dir, {nullptr, "!out.log", nullptr}, &err);
-            fputs("fresh\n", stdout);
-            return std::string();
-        });
+        write_through(dir.path(), "!out.log", "fresh\n");
         EXPECT_EQ(ReadFile(out), "fresh\n") << (existing ? "over old content" : "new file");
     }
     struct stat st = {};
     stat(out.c_str(), &st);
     EXPECT_EQ(st.st_mode & 0777, 0640u);
-    unlink(out.c_str());
-    rmdir(dir);
 }
 
 struct NameCase {
@@ -184,7 +170,7 @@ INSTANTIATE_TEST_SUITE_P(
         NameCase{"joined4095ReachesOpen", std::string(90, 'n'), kBase.c_str(), PROC_SYSTEM_ERR, ENAMETOOLONG},
         NameCase{"emptyWithoutDirectory", "", nullptr, PROC_INVALID_FILE, ENOENT},
         NameCase{"missingDirectory", "/no/such/dir/out", nullptr, PROC_INVALID_FILE, ENOENT}),
-    [](const auto& info) { return std::string(info.param.name); });
+    CaseName());
 
 struct Dup2Case {
     const char* name;
@@ -212,7 +198,7 @@ INSTANTIATE_TEST_SUITE_P(Faked, StdHandleDupFailure,
                                                   PROC_OUT_OF_FILE_HANDLES},
                                          Dup2Case{"devNullEnfile", ENFILE, nullptr, PROC_OUT_OF_FILE_HANDLES},
                                          Dup2Case{"devNullBadf", EBADF, nullptr, PROC_INVALID_FILE}),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         CaseName());
 
 TEST(ClosedStandardDescriptors, StillLaunchAndHearFailures) {
     ChildOutcome outcome = RunInChild([] {
@@ -264,7 +250,7 @@ TEST(LaunchingSideFailures, ForkAndPipeFailuresMapAndCloseEverything) {
             seams::secondClone = {};
             return outcome_text(l) + " pid:" + std::to_string(l.pid) +
                    " fds:" + std::to_string(OpenDescriptorCount() - before) +
-                   " children:" + (no_children_left() ? "none" : "some");
+                   " children:" + (NoChildrenLeft() ? "none" : "some");
         });
         std::string pid = c.detached ? "0" : (c.cloneFault.at != 0 ? "-1" : "0");
         EXPECT_EQ(outcome.report, expected(c.result, c.sysErr) + " pid:" + pid + " fds:0 children:none")
@@ -326,19 +312,14 @@ TEST(ForkSafety, LaunchesWithIdentityNeverHangWhileOtherThreadsHoldLocks) {
         300);
     EXPECT_EQ(outcome.report, "0") << "status " << outcome.status << ", stderr: " << outcome.err.substr(0, 2000);
 }
-} // namespace
-
-namespace {
 // A new process that hangs before its exec (stdin a FIFO nobody writes) is killed when the wait for the exec
 // runs out (here at once), attached or detached, and nothing of it stays.
 TEST(PreExecHang, IsKilledWhenTheWaitRunsOut) {
-    char dir[] = "/tmp/quillon-fifo-XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    std::string fifo = std::string(dir) + "/fifo";
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    Fifo fifo;
+    ASSERT_FALSE(fifo.fifo().empty());
     for (bool detached : {false, true}) {
         Request r;
-        r.stdFiles = {fifo.c_str(), nullptr, nullptr};
+        r.stdFiles = {fifo.fifo().c_str(), nullptr, nullptr};
         seams::select = {true, 0, 0};
         Launched l = Launch(r, detached);
         EXPECT_EQ(outcome_text(l), expected(PROC_CREATE_TIMEOUT, ETIMEDOUT)) << detached;
@@ -346,25 +327,7 @@ TEST(PreExecHang, IsKilledWhenTheWaitRunsOut) {
             usleep(10000);
         EXPECT_EQ(kill(l.pid, 0), -1) << "killed, detached " << detached;
     }
-    EXPECT_TRUE(no_children_left());
-    unlink(fifo.c_str());
-    rmdir(dir);
-}
-
-// Children of this process's threads asleep now: in the open of a FIFO, for a launch that has not exec'd.
-int sleeping_children() {
-    int sleeping = 0;
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-        std::ifstream children(task.path() / "children");
-        for (int pid = 0; children >> pid;) {
-            std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-            std::string line;
-            std::getline(stat, line);
-            size_t close = line.rfind(')');
-            if (close != std::string::npos && close + 2 < line.size() && line[close + 2] == 'S') ++sleeping;
-        }
-    }
-    return sleeping;
+    EXPECT_TRUE(NoChildrenLeft());
 }
 
 // A launch that hangs before its exec holds up no other launch. The first launch is held with its
@@ -373,10 +336,8 @@ int sleeping_children() {
 std::atomic<int> firstLaunchStage = 0; // 1: held in its clone, 2: let go
 
 TEST(PreExecHang, HoldsUpNoOtherLaunch) {
-    char dir[] = "/tmp/quillon-fifo-XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    std::string fifo = std::string(dir) + "/fifo";
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    Fifo fifo;
+    ASSERT_FALSE(fifo.fifo().empty());
     seams::beforeClone = [] {
         firstLaunchStage = 1;
         while (firstLaunchStage != 2)
@@ -391,23 +352,21 @@ TEST(PreExecHang, HoldsUpNoOtherLaunch) {
         usleep(1000);
     std::thread hung([&] {
         Request r;
-        r.stdFiles = {fifo.c_str(), nullptr, nullptr};
+        r.stdFiles = {fifo.fifo().c_str(), nullptr, nullptr};
         EXPECT_EQ(outcome_text(Launch(r)), expected(PROC_SUCCESS, 0));
     });
-    while (sleeping_children() != 1) // the hung one, in the open of the FIFO
+    while (SleepingChild() == 0) // the hung one, in the open of the FIFO
         usleep(1000);
     firstLaunchStage = 2;
     for (int i = 0; i < 100 && !firstDone; ++i) // a failing case waits until the hung one is let go below
         usleep(100000);
     bool firstAlone = firstDone;
-    close(open(fifo.c_str(), O_WRONLY));
+    close(open(fifo.fifo().c_str(), O_WRONLY));
     first.join();
     hung.join();
     EXPECT_TRUE(firstAlone) << "the first launch waited for the hung one";
     while (waitpid(-1, nullptr, 0) > 0) {
     }
-    unlink(fifo.c_str());
-    rmdir(dir);
 }
 
 // The sweep reaches descriptors above the limit in force at the launch.

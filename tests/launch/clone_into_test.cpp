@@ -28,7 +28,7 @@
 #include "support/named_case.h"
 
 namespace {
-using quillon_test::PrintTo;
+using quillon_test::CaseName, quillon_test::PrintTo;
 
 constexpr size_t kStackSize = 256 * 1024;
 
@@ -75,16 +75,22 @@ struct Spawned {
     int err = 0;
 };
 
-// clone_into_cgroup as the launch calls it: from a thread of its own, every signal blocked.
-Spawned spawn(int (*main)(void*), void* argument, void* stackLow, size_t stackSize, int cgroupFd) {
-    Spawned spawned;
+// Runs `call` as a launch makes its new process: from a thread of its own, every signal blocked.
+template <class Call> void in_launching_thread(Call call) {
     std::thread([&] {
         sigset_t all;
         sigfillset(&all);
         pthread_sigmask(SIG_SETMASK, &all, nullptr);
+        call();
+    }).join();
+}
+
+Spawned spawn(int (*main)(void*), void* argument, void* stackLow, size_t stackSize, int cgroupFd) {
+    Spawned spawned;
+    in_launching_thread([&] {
         spawned.pid = clone_into_cgroup(main, argument, stackLow, stackSize, cgroupFd);
         spawned.err = errno;
-    }).join();
+    });
     return spawned;
 }
 
@@ -105,11 +111,6 @@ std::string reap(pid_t pid) {
 std::string err_name(int err) {
     const char* name = strerrorname_np(err);
     return name != nullptr ? name : "errno " + std::to_string(err);
-}
-
-bool no_children_left() {
-    errno = 0;
-    return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD;
 }
 
 class CloneIntoCgroup : public testing::Test {
@@ -151,32 +152,20 @@ NEW_PROCESS_CODE int report_cgroup(void* argument) {
     return got < 0 ? 101 : report.status;
 }
 
-std::string v2_line(const char* text) {
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);)
-        if (line.rfind("0::", 0) == 0) return line;
-    return "";
-}
-
+// The group is given by its directory or by an O_PATH descriptor of it.
 TEST_F(CloneIntoCgroup, RunsMainWithItsArgumentInsideTheGroupAndExitsWithItsResult) {
-    ASSERT_NE(stack_.low(), nullptr);
-    Report report;
-    report.status = 42;
-    Spawned s = spawn(report_cgroup, &report, stack_.low(), kStackSize, group_.fd());
-    ASSERT_GT(s.pid, 0) << strerror(s.err);
-    EXPECT_EQ(reap(s.pid), "exit 42");
-    EXPECT_EQ(v2_line(report.cgroup), "0::" + group_.path());
-}
-
-TEST_F(CloneIntoCgroup, TakesAnOPathDescriptorOfTheGroup) {
     ASSERT_NE(stack_.low(), nullptr);
     UniqueFd path(open(group_.dir().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     ASSERT_GE(path.get(), 0) << strerror(errno);
-    Report report;
-    Spawned s = spawn(report_cgroup, &report, stack_.low(), kStackSize, path.get());
-    ASSERT_GT(s.pid, 0) << strerror(s.err);
-    EXPECT_EQ(reap(s.pid), "exit 0");
-    EXPECT_EQ(v2_line(report.cgroup), "0::" + group_.path());
+    for (int fd : {group_.fd(), path.get()}) {
+        Report report;
+        report.status = 42;
+        Spawned s = spawn(report_cgroup, &report, stack_.low(), kStackSize, fd);
+        ASSERT_GT(s.pid, 0) << strerror(s.err);
+        EXPECT_EQ(reap(s.pid), "exit 42");
+        EXPECT_EQ(V2Line(report.cgroup), "0::" + group_.path())
+            << (fd == path.get() ? "O_PATH" : "directory");
+    }
 }
 
 // Execs the program of an argv/envp pair; 127 when the exec fails.
@@ -231,7 +220,7 @@ TEST_P(CloneIntoRefusingGroup, FailsWithoutProcess) {
         Spawned s = spawn(report_cgroup, &report, stack_.low(), kStackSize, fd);
         if (s.pid > 0) waitpid(s.pid, nullptr, 0);
         return "pid " + std::to_string(s.pid) + " " + err_name(s.err) +
-               " children:" + (no_children_left() ? "none" : "some");
+               " children:" + (NoChildrenLeft() ? "none" : "some");
     });
     if (outcome.report == "unprepared") GTEST_SKIP() << c.name << " needs " << c.needs;
     EXPECT_EQ(outcome.report, "pid -1 " + std::string(c.err) + " children:none")
@@ -284,7 +273,7 @@ INSTANTIATE_TEST_SUITE_P(
         RefusalCase{"v1", open_v1_hierarchy, "a cgroup v1 hierarchy", "EBADF"},
         RefusalCase{"removed", open_removed_group, "a subgroup of the test group", "ENOENT"},
         RefusalCase{"unprivileged", open_as_nobody, "root, to drop to nobody", "EACCES"}),
-    [](const auto& info) { return std::string(info.param.name); });
+    CaseName());
 
 // The new process gets 16-byte alignment for its calls whatever the top of the stack it was given.
 struct AlignmentCase {
@@ -325,10 +314,9 @@ TEST_P(CloneIntoCgroupStack, CallsMainAligned) {
     EXPECT_EQ(misalignment, 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Tops, CloneIntoCgroupStack,
-                         testing::Values(AlignmentCase{"aligned", 0}, AlignmentCase{"below8", 8},
-                                         AlignmentCase{"below4", 4}, AlignmentCase{"below1", 1}),
-                         [](const auto& info) { return std::string(info.param.name); });
+const auto kTops = testing::Values(AlignmentCase{"aligned", 0}, AlignmentCase{"below8", 8},
+                                   AlignmentCase{"below4", 4}, AlignmentCase{"below1", 1});
+INSTANTIATE_TEST_SUITE_P(Tops, CloneIntoCgroupStack, kTops, CaseName());
 
 // The seam stands in for a kernel without clone3: ENOSYS, no process; the next call is real again.
 TEST_F(CloneIntoCgroup, SeamFailsWithEnosysOnce) {
@@ -338,15 +326,12 @@ TEST_F(CloneIntoCgroup, SeamFailsWithEnosysOnce) {
         seams::cloneIntoCgroup = {1, ENOSYS};
         Spawned faked = spawn(report_cgroup, &report, stack_.low(), kStackSize, group_.fd());
         std::string text = "pid " + std::to_string(faked.pid) + " " + err_name(faked.err) +
-                           " children:" + (no_children_left() ? "none" : "some");
+                           " children:" + (NoChildrenLeft() ? "none" : "some");
         Spawned real = spawn(report_cgroup, &report, stack_.low(), kStackSize, group_.fd());
         return text + ", then " + (real.pid > 0 ? reap(real.pid) : err_name(real.err));
     });
     EXPECT_EQ(outcome.report, "pid -1 ENOSYS children:none, then exit 0") << status_text(outcome.status);
 }
-} // namespace
-
-namespace {
 // The plain clone a detached launch's intermediate process makes, without the C library: main runs with its
 // argument on the stack given, aligned for its calls whatever the top, and its result is the exit status.
 struct PlainReport {
@@ -369,22 +354,16 @@ TEST_P(CloneVmRaw, CallsMainAlignedWithItsArgumentAndExitsWithItsResult) {
     report.status = 42;
     long pid = 0;
     int err = 0;
-    std::thread([&] {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, nullptr);
+    in_launching_thread([&] {
         errno = 0;
         pid = clone_vm_raw(report_plain, &report, stack.low() + kStackSize - GetParam().topOffset);
         err = errno;
-    }).join();
+    });
     ASSERT_GT(pid, 0) << strerror(static_cast<int>(-pid));
     EXPECT_EQ(err, 0) << "the call leaves errno alone";
     EXPECT_EQ(reap(static_cast<pid_t>(pid)), "exit 42");
     EXPECT_EQ(report.misalignment, 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Tops, CloneVmRaw,
-                         testing::Values(AlignmentCase{"aligned", 0}, AlignmentCase{"below8", 8},
-                                         AlignmentCase{"below4", 4}, AlignmentCase{"below1", 1}),
-                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Tops, CloneVmRaw, kTops, CaseName());
 } // namespace

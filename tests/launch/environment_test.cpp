@@ -12,7 +12,7 @@ extern char** environ;
 #include "support/named_case.h"
 
 namespace {
-using quillon_test::PrintTo;
+using quillon_test::CaseName, quillon_test::PrintTo;
 
 struct KeyCase {
     const char* name;
@@ -39,7 +39,7 @@ INSTANTIATE_TEST_SUITE_P(Entries, Keys,
                                          KeyCase{"roomForTheNulOnly", "AB=1", 1, ""},
                                          KeyCase{"noRoom", "AB=1", 0, "untouched"},
                                          KeyCase{"noEntry", nullptr, 16, "untouched"}),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         CaseName());
 
 TEST(Keys, CompareWholeKeysWithoutCaseAndOrderNulls) {
     EXPECT_EQ(TestKeys("path=/a", "PATH"), 0);
@@ -89,7 +89,7 @@ INSTANTIATE_TEST_SUITE_P(
                         "equalsKept", {"CLASSPATH=a=b"}, {"CLASSPATH=c"}, "CLASSPATH", "CLASSPATH=a=b:c"},
                     MergeCase{"entryWithoutValue", {"PATH"}, {"PATH=/b"}, "PATH", "PATH=/b"},
                     MergeCase{"firstMatchOnly", {"PATH=/a", "PATH=/c"}, {"PATH=/b"}, "PATH", "PATH=/a:/b"}),
-    [](const auto& info) { return std::string(info.param.name); });
+    CaseName());
 
 TEST(Merge, RefusesANullOutParameterAndReportsAFailedAllocation) {
     char* request[] = {const_cast<char*>("PATH=/a"), nullptr};

@@ -5,7 +5,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
+#include <filesystem>
 #include <fcntl.h>
 #include <fstream>
 #include <sstream>
@@ -58,12 +58,8 @@ int SetUpStdHandles(const char* workingDirectory, std::vector<const char*> stdFi
 }
 
 int OpenDescriptorCount() {
-    int count = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    while (readdir(dir) != nullptr)
-        ++count;
-    closedir(dir);
-    return count - 3; // ".", ".." and the directory's own descriptor
+    std::filesystem::directory_iterator fds("/proc/self/fd");
+    return static_cast<int>(std::distance(fds, std::filesystem::directory_iterator())) - 1; // its own
 }
 
 std::vector<Mount> mounts() {

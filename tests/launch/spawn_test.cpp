@@ -30,7 +30,7 @@
 #include "support/seams.h"
 
 namespace {
-using quillon_test::PrintTo;
+using quillon_test::CaseName, quillon_test::PrintTo;
 
 // The descriptors of this process that a program started now would inherit.
 std::set<int> inheritable_descriptors() {
@@ -95,24 +95,14 @@ INSTANTIATE_TEST_SUITE_P(Launches, LaunchDescriptors,
                                          DescriptorCase{"attachedEndingWithLauncher", false, true, true},
                                          DescriptorCase{"detachedEndingWithLauncher", true, true, true},
                                          DescriptorCase{"detachedWithPipes", true, false, true}),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         CaseName());
 
 // Waits until the process of a launch has ended: an attached one is reaped, a detached one is seen through
 // its pidfd.
 void await_end(LaunchOutcome& launched, bool detached) {
-    if (!detached) {
-        waitpid(launched.pid, nullptr, 0);
-        return;
-    }
+    if (!detached) waitpid(launched.pid, nullptr, 0);
     pollfd ended = {launched.pidfd.get(), POLLIN, 0};
-    poll(&ended, 1, 10000);
-}
-
-std::string v2_line(const std::string& text) {
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);)
-        if (line.rfind("0::", 0) == 0) return line;
-    return "";
+    if (detached) poll(&ended, 1, 10000);
 }
 
 // /proc/self/cgroup as the intermediate process of a detached launch reads it before its clone.
@@ -159,8 +149,8 @@ TEST_P(LaunchIntoGroup, PutsTheProgramAndNothingElseInTheGroup) {
         LaunchOutcome launched = launch(request);
         if (launched.ok()) await_end(launched, c.detached);
         std::string said = "result " + std::to_string(launched.exec.result) + "/" +
-                           std::to_string(launched.exec.sysErr) + " program " + v2_line(ReadFile(listing));
-        if (c.detached) said += " intermediate " + v2_line(intermediateCgroup);
+                           std::to_string(launched.exec.sysErr) + " program " + V2Line(ReadFile(listing));
+        if (c.detached) said += " intermediate " + V2Line(intermediateCgroup);
         return said;
     });
     unlink(listing.c_str());
@@ -180,7 +170,7 @@ INSTANTIATE_TEST_SUITE_P(Clone3, LaunchIntoGroup,
                                          GroupCase{"detachedClone3Filtered", true, EPERM},
                                          GroupCase{"detachedWithoutTheFlag", true, EINVAL},
                                          GroupCase{"detachedWithoutTheField", true, E2BIG}),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         CaseName());
 
 std::string outcome_text(const ExecOutcome& exec) {
     return std::to_string(exec.result) + "/" + std::to_string(exec.sysErr) + " step " +
@@ -208,17 +198,10 @@ class EagerReaper {
     std::thread thread_;
 };
 
-// The state letter of a process in /proc/<pid>/stat; 0 when it is gone.
-char process_state(pid_t pid) {
-    std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
-    size_t close = stat.rfind(')');
-    return close != std::string::npos && close + 2 < stat.size() ? stat[close + 2] : 0;
-}
-
 // Holds the launcher until the new process has failed: asleep at its gate with its record written, or ended.
 void await_new_process_failed(int pid) {
     for (int i = 0; i < 5000; ++i) {
-        char state = process_state(pid);
+        char state = ProcessState(pid);
         if (state == 'S' || state == 'Z' || state == 0) return;
         usleep(1000);
     }
@@ -279,12 +262,12 @@ INSTANTIATE_TEST_SUITE_P(MissingDirectory, EndingWithLauncher,
                                          OwnFailureCase{"attached", false, false, 50},
                                          OwnFailureCase{"detachedWatchdogFull", true, true, 20},
                                          OwnFailureCase{"attachedWatchdogFull", false, true, 20}),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         CaseName());
 
 // Kills the new process before the launcher asks for its pidfd, and waits until it is a zombie.
 void kill_new_process(int pid) {
     kill(pid, SIGKILL);
-    for (int i = 0; i < 5000 && process_state(pid) != 'Z' && process_state(pid) != 0; ++i)
+    for (int i = 0; i < 5000 && ProcessState(pid) != 'Z' && ProcessState(pid) != 0; ++i)
         usleep(1000);
 }
 
@@ -339,36 +322,6 @@ TEST(FailedLaunches, GiveTheirWatchdogRegistrationBack) {
     EXPECT_EQ(outcome.report, "failures: then " + outcome_text({}) + " descriptors 1") << outcome.err;
 }
 
-// A FIFO nobody writes: a new process that takes it as stdin hangs before its exec.
-class Fifo {
-  public:
-    Fifo() {
-        char dir[] = "/tmp/quillon-fifo-XXXXXX";
-        if (mkdtemp(dir) == nullptr) return;
-        dir_ = dir;
-        path_ = dir_ + "/fifo";
-        if (mkfifo(path_.c_str(), 0600) != 0) path_.clear();
-    }
-    ~Fifo() {
-        int writer = open(path_.c_str(), O_WRONLY | O_NONBLOCK); // lets go of a reader a failed case left
-        if (writer >= 0) close(writer);
-        unlink(path_.c_str());
-        rmdir(dir_.c_str());
-    }
-    const std::string& path() const { return path_; }
-
-  private:
-    std::string dir_, path_;
-};
-
-// Whether a process that is no child of this one has ended (gone, or a zombie left to init) within a second.
-bool ends_within_a_second(pid_t pid) {
-    auto ended = [pid] { return process_state(pid) == 0 || process_state(pid) == 'Z'; };
-    for (int i = 0; i < 100 && !ended(); ++i)
-        usleep(10000);
-    return ended();
-}
-
 enum class LaunchFault { WatchdogFull, NoPidfd, WaitFails };
 
 struct LeftoverCase {
@@ -385,19 +338,19 @@ class FailedLaunch : public testing::TestWithParam<LeftoverCase> {};
 TEST_P(FailedLaunch, LeavesNoProcessBehind) {
     const LeftoverCase& c = GetParam();
     Fifo fifo;
-    ASSERT_FALSE(fifo.path().empty());
+    ASSERT_FALSE(fifo.fifo().empty());
     ChildOutcome outcome = RunInChild([&] {
         if (c.fault == LaunchFault::WatchdogFull && !fill_watchdog())
             return std::string("watchdog not filled");
         LaunchRequest request;
         request.executable = "/bin/true";
-        request.std[0] = {kStdRead, fifo.path().c_str()};
+        request.std[0] = {kStdRead, fifo.fifo().c_str()};
         request.detached = c.detached;
         request.endWithLauncher = c.fault != LaunchFault::WaitFails;
         if (c.fault == LaunchFault::NoPidfd) seams::pidfd = {1, ENOSYS};
         if (c.fault == LaunchFault::WaitFails) seams::select = {true, -1, ENOMEM};
         LaunchOutcome launched = launch(request);
-        bool gone = c.detached ? ends_within_a_second(launched.pid) : waitpid(-1, nullptr, WNOHANG) == -1;
+        bool gone = c.detached ? EndsWithin(launched.pid, 1000) : waitpid(-1, nullptr, WNOHANG) == -1;
         if (!gone) kill(launched.pid, SIGKILL);
         return outcome_text(launched.exec) + (gone ? " gone" : " left running");
     });
@@ -416,17 +369,7 @@ INSTANTIATE_TEST_SUITE_P(
                     LeftoverCase{"attachedWatchdogFull", false, LaunchFault::WatchdogFull, kWatchdogFull},
                     LeftoverCase{"attachedWithoutPidfd", false, LaunchFault::NoPidfd, kNoPidfd},
                     LeftoverCase{"attachedWaitFails", false, LaunchFault::WaitFails, kWaitFailed}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-// The child of this process's threads that sleeps now, in the open of a FIFO; 0 while there is none.
-pid_t sleeping_child() {
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-        std::ifstream children(task.path() / "children");
-        for (pid_t pid = 0; children >> pid;)
-            if (process_state(pid) == 'S') return pid;
-    }
-    return 0;
-}
+    CaseName());
 
 void ignore_signal(int) {}
 
@@ -449,7 +392,7 @@ class SignalBeforeExec : public testing::TestWithParam<PendingSignalCase> {};
 TEST_P(SignalBeforeExec, WaitsUntilTheExecAndNeverDumpsCore) {
     const PendingSignalCase& c = GetParam();
     Fifo fifo;
-    ASSERT_FALSE(fifo.path().empty());
+    ASSERT_FALSE(fifo.fifo().empty());
     ChildOutcome outcome = RunInChild([&] {
         rlimit noCore = {0, 0};
         setrlimit(RLIMIT_CORE, &noCore);
@@ -465,23 +408,17 @@ TEST_P(SignalBeforeExec, WaitsUntilTheExecAndNeverDumpsCore) {
             pthread_sigmask(SIG_SETMASK, &blocked, nullptr);
             LaunchRequest request;
             request.executable = "/bin/true";
-            request.std[0] = {kStdRead, fifo.path().c_str()};
+            request.std[0] = {kStdRead, fifo.fifo().c_str()};
             launched = launch(request);
             if (launched.pid > 0) waitpid(launched.pid, &status, 0);
             done = true;
         });
         pid_t hung = 0;
-        for (int i = 0; i < 5000 && (hung = sleeping_child()) == 0; ++i)
+        for (int i = 0; i < 5000 && (hung = SleepingChild()) == 0; ++i)
             usleep(1000);
         kill(hung, c.signal);
-        while (!done) { // lets the new process go on; it may have died of the signal already
-            int writer = open(fifo.path().c_str(), O_WRONLY | O_NONBLOCK);
-            if (writer >= 0) {
-                close(writer);
-                break;
-            }
+        while (!done && !fifo.open_writer()) // lets the new process go on, unless the signal killed it
             usleep(1000);
-        }
         launcher.join();
         std::string end = launched.ok() && WIFEXITED(status) ? "exit " + std::to_string(WEXITSTATUS(status))
                           : launched.ok() && WIFSIGNALED(status)
@@ -507,7 +444,7 @@ INSTANTIATE_TEST_SUITE_P(
         PendingSignalCase{"quitIgnored", SIGQUIT, Disposition::Ignored, {}, "exit 0"},
         PendingSignalCase{"quitBlocked", SIGQUIT, Disposition::Blocked, {}, "exit 0"},
         PendingSignalCase{"terminate", SIGTERM, Disposition::Default, {}, "signal 15"}),
-    [](const auto& info) { return std::string(info.param.name); });
+    CaseName());
 
 struct JoinCase {
     const char* name;
@@ -554,5 +491,5 @@ INSTANTIATE_TEST_SUITE_P(DevFull, UnjoinableGroup,
                                          JoinCase{"secondV1Group", 1, false},
                                          JoinCase{"ownV2Group", 2, false},
                                          JoinCase{"ownV2GroupDetached", 2, true}),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         CaseName());
 } // namespace

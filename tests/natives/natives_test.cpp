@@ -86,6 +86,11 @@ template <typename Done> bool serve_until(Done done) {
     return done();
 }
 
+// Where a launch tells what it made.
+jlongArray launched_array(FakeJni& jni) {
+    return jni.longs(std::vector<jlong>(com_norvane_quillon_process_NativeProcessGlue_LAUNCHED));
+}
+
 // A launch of `sh -c "exit 4"` with the flags given (a contained one with every limit this host can carry),
 // failing the at-th allocation: the handle, or 0.
 jlong launch_failing_at(FakeJni& jni, jlong flags, int at, jlongArray launched) {
@@ -121,8 +126,7 @@ TEST(LaunchNative, AContainedLaunchWithAnyFailedAllocationLeavesNothingBehind) {
     int descriptors = entries_beginning("/proc/self/fd", "");
     for (int at = 1;; ++at) {
         FakeJni jni;
-        jlongArray launched =
-            jni.longs(std::vector<jlong>(com_norvane_quillon_process_NativeProcessGlue_LAUNCHED));
+        jlongArray launched = launched_array(jni);
         jlong handle = launch_failing_at(jni, com_norvane_quillon_process_NativeProcessGlue_FLAG_CONTAINED,
                                          at, launched);
         bool faulted = seams::malloc.at == 0;
@@ -164,8 +168,7 @@ TEST(LaunchNative, LaunchesThatFailOnTheWayGiveTheirWatchdogRegistrationBack) {
             for (int pass = 0; pass < 24; ++pass) { // three failures a pass come after the registration
                 for (int at = 1;; ++at) {
                     FakeJni jni;
-                    jlongArray launched =
-                        jni.longs(std::vector<jlong>(com_norvane_quillon_process_NativeProcessGlue_LAUNCHED));
+                    jlongArray launched = launched_array(jni);
                     jlong handle = launch_failing_at(jni, endWithJvm, at, launched);
                     bool faulted = seams::malloc.at == 0;
                     seams::malloc = {};
@@ -180,9 +183,7 @@ TEST(LaunchNative, LaunchesThatFailOnTheWayGiveTheirWatchdogRegistrationBack) {
                 }
             }
             FakeJni jni;
-            jlongArray launched =
-                jni.longs(std::vector<jlong>(com_norvane_quillon_process_NativeProcessGlue_LAUNCHED));
-            jlong handle = launch_failing_at(jni, endWithJvm, 0, launched);
+            jlong handle = launch_failing_at(jni, endWithJvm, 0, launched_array(jni));
             return handle != 0 ? std::string("launched") : jni.thrown.at(0).message;
         },
         120);

@@ -19,7 +19,7 @@
 #include "support/named_case.h"
 
 namespace {
-using quillon_test::PrintTo;
+using quillon_test::CaseName, quillon_test::PrintTo;
 
 struct TraceCase {
     const char* name;
@@ -63,7 +63,7 @@ INSTANTIATE_TEST_SUITE_P(
                     TraceCase{"dollarTrace", {"$$TRACE"}, true, false},
                     TraceCase{"entryExitAlone", {"__JNI_PROCESS_ENTRYEXIT"}, false, true},
                     TraceCase{"both", {"__JNI_PROCESS_DEBUG", "__JNI_PROCESS_ENTRYEXIT"}, true, true}),
-    [](const auto& info) { return std::string(info.param.name); });
+    CaseName());
 
 TEST(Trace, ErrorLinesGoToBothStreamsWithTheirFieldsWhateverTheSwitches) {
     ChildOutcome outcome = RunInChild([] {
@@ -106,10 +106,10 @@ TEST(MainPid, IsTheProcessIdAndIsResetOnlyByTheChild) {
         linux_reset_pid();
         return before + " " + std::to_string(linux_getpid()) + " " + std::to_string(getpid());
     });
-    std::string inherited = outcome.report.substr(0, outcome.report.find(' '));
-    std::string rest = outcome.report.substr(outcome.report.find(' ') + 1);
-    EXPECT_EQ(inherited, std::to_string(parent));
-    EXPECT_EQ(rest.substr(0, rest.find(' ')), rest.substr(rest.find(' ') + 1));
+    int inherited = 0, reset = 0, own = -1;
+    sscanf(outcome.report.c_str(), "%d %d %d", &inherited, &reset, &own);
+    EXPECT_EQ(inherited, parent);
+    EXPECT_EQ(reset, own);
 }
 
 // A child forked while another thread holds a trace mutex or a standard stream must not hang.
@@ -181,7 +181,7 @@ INSTANTIATE_TEST_SUITE_P(
                     ConversionCase{"sameCodesCopyAndCut", "abcdef", 4, "UTF-8", "UTF-8", true, "abc"},
                     ConversionCase{"nullCodesAreLatin1", "abc", 8, nullptr, nullptr, true, "abc"},
                     ConversionCase{"unknownCodeSet", "abc", 8, "NO-SUCH-SET", "UTF-8", false, ""}),
-    [](const auto& info) { return std::string(info.param.name); });
+    CaseName());
 
 // A plain copy is a strncpy of the whole buffer: cut to size - 1, the rest of a short text zero-filled.
 TEST(Conversion, UnderAUtf8LocaleBothDirectionsArePlainCopies) {

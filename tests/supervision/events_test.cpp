@@ -123,25 +123,20 @@ TEST(EventSet, AChunkTheHeapCannotTakeIsOfferedAgain) {
     int64_t token = add_delivery(ends[0]);
     ASSERT_TRUE(event_comes(kEventChunk, token, 5000));
     FakeJni jni;
-    jni.failNewArrays = true;
-    EXPECT_EQ(Java_com_norvane_quillon_process_NativeProcessGlue_takeChunk(jni.env(), nullptr, token),
-              nullptr);
-    jni.failNewArrays = false;
-    ASSERT_TRUE(event_comes(kEventChunk, token, 5000));
-    jbyteArray chunk =
-        Java_com_norvane_quillon_process_NativeProcessGlue_takeChunk(jni.env(), nullptr, token);
-    ASSERT_NE(chunk, nullptr);
-    EXPECT_EQ(FakeJni::raw(chunk), "chunk");
-    resume_delivery(token, false);
-    ASSERT_TRUE(event_comes(kEventChunk, token, 5000));
-    jni.failNewArrays = true; // the end, too, is offered again
-    EXPECT_EQ(Java_com_norvane_quillon_process_NativeProcessGlue_takeChunk(jni.env(), nullptr, token),
-              nullptr);
-    jni.failNewArrays = false;
-    ASSERT_TRUE(event_comes(kEventChunk, token, 5000));
-    chunk = Java_com_norvane_quillon_process_NativeProcessGlue_takeChunk(jni.env(), nullptr, token);
-    ASSERT_NE(chunk, nullptr);
-    EXPECT_EQ(FakeJni::raw(chunk), "");
+    auto take = [&](bool heapFull) {
+        jni.failNewArrays = heapFull;
+        jbyteArray chunk =
+            Java_com_norvane_quillon_process_NativeProcessGlue_takeChunk(jni.env(), nullptr, token);
+        return chunk == nullptr ? std::string("none") : FakeJni::raw(chunk);
+    };
+    for (const char* offered : {"chunk", ""}) { // the end, too, is offered again
+        EXPECT_EQ(take(true), "none") << offered;
+        ASSERT_TRUE(event_comes(kEventChunk, token, 5000)) << offered;
+        EXPECT_EQ(take(false), offered);
+        if (*offered == 0) break;
+        resume_delivery(token, false);
+        ASSERT_TRUE(event_comes(kEventChunk, token, 5000));
+    }
     release_source(token);
 }
 } // namespace

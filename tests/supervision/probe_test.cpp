@@ -18,28 +18,13 @@
 #include "support/named_case.h"
 
 namespace {
-using quillon_test::PrintTo;
+using quillon_test::CaseName, quillon_test::PrintTo;
 
 struct Record {
     UnixProcessData* data;
     explicit Record(int pid) : data(new_record()) { snprintf(data->pid, kPidTextSize, "%d", pid); }
     ~Record() { destroy_record(data); }
 };
-
-pid_t child_exiting_with(int code) {
-    pid_t pid = fork();
-    if (pid == 0) _exit(code);
-    return pid;
-}
-
-pid_t sleeping_child() {
-    pid_t pid = fork();
-    if (pid == 0) {
-        pause();
-        _exit(0);
-    }
-    return pid;
-}
 
 // Polls until the probe sees the end (or two seconds pass).
 void probe_until_dead(UnixProcessData* data) {
@@ -61,7 +46,11 @@ class ProbeSeesTheEnd : public testing::TestWithParam<EndCase> {};
 
 TEST_P(ProbeSeesTheEnd, OfAChild) {
     const EndCase& c = GetParam();
-    pid_t pid = c.exitCode >= 0 ? child_exiting_with(c.exitCode) : sleeping_child();
+    pid_t pid = fork();
+    if (pid == 0) {
+        if (c.exitCode < 0) pause(); // until the signal
+        _exit(c.exitCode);
+    }
     if (c.signal != 0) kill(pid, c.signal);
     Record record(pid);
     record.data->isAlive = 1; // as after a launch: the child may or may not have ended yet
@@ -74,11 +63,8 @@ INSTANTIATE_TEST_SUITE_P(Ends, ProbeSeesTheEnd,
                          testing::Values(EndCase{"exit3", 3, 0, 3}, EndCase{"exit0", 0, 0, 0},
                                          EndCase{"killed", -1, SIGKILL, 9},
                                          EndCase{"terminated", -1, SIGTERM, 15}),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         CaseName());
 
-} // namespace
-
-namespace {
 // Where the system offers no pidfd, a process is followed by its PID: waits still end, with naps, and the
 // trace says so.
 TEST(WithoutPidfd, ProcessesAreFollowedByTheirPid) {

@@ -13,7 +13,6 @@
 #include <functional>
 #include <poll.h>
 #include <string>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -32,15 +31,7 @@
 namespace fs = std::filesystem;
 
 namespace {
-using quillon_test::PrintTo;
-
-// Whether the process ends (exits, or is a zombie) within `millis`; one already reaped has ended.
-bool ends_within(int pid, int millis) {
-    UniqueFd pidfd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
-    if (pidfd.get() < 0) return errno == ESRCH;
-    pollfd ended = {pidfd.get(), POLLIN, 0};
-    return poll(&ended, 1, millis) == 1;
-}
+using quillon_test::CaseName, quillon_test::PrintTo;
 
 // Whether the child ends within `millis`, then reaped; needs no descriptor.
 bool reaped_within(int pid, int millis) {
@@ -49,26 +40,6 @@ bool reaped_within(int pid, int millis) {
         usleep(5000);
     }
     return false;
-}
-
-// The state letter of /proc/<pid>/stat ('T' stopped), or 0 when the process is gone.
-char state_of(int pid) {
-    std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
-    size_t close = stat.rfind(')');
-    return close == std::string::npos || close + 2 >= stat.size() ? 0 : stat[close + 2];
-}
-
-void reap_all() {
-    while (waitpid(-1, nullptr, 0) > 0 || errno == EINTR) {
-    }
-}
-
-// Ends a case: kills the given processes (never 0 or -1, which name groups), reaps everything.
-std::string finish(const std::string& report, const std::vector<int>& leftovers) {
-    for (int pid : leftovers)
-        if (pid > 0) kill(pid, SIGKILL);
-    reap_all();
-    return report;
 }
 
 // Opens /dev/null until the process has no descriptor left (the soft limit lowered first, so that few are
@@ -129,12 +100,6 @@ pid_t member_in(int group, const char* below = "") {
     return pid;
 }
 
-// The path of a directory descriptor.
-std::string path_of(int fd) {
-    std::error_code ignored;
-    return fs::read_symlink("/proc/self/fd/" + std::to_string(fd), ignored).string();
-}
-
 // Why a cgroup tree can't be made here, or "".
 std::string no_cgroup_trees() {
     if (geteuid() != 0) return "needs root to make cgroups";
@@ -149,9 +114,29 @@ std::string no_cgroup_trees() {
         if (!why.empty()) GTEST_SKIP() << why;                                                               \
     } while (0)
 
-// A tree of the given kind, registered with `root`: its token, 0 when it couldn't be made.
-int64_t new_registered_tree(Tree* tree, int root) {
-    return tree == nullptr ? 0 : register_tree(tree, root, 0);
+// A registered cgroup tree with a member that waits to be killed in `below` its group (the groups `made`
+// first, parents first): the token (0 when something couldn't be made), the member, the group's path.
+struct MemberTree {
+    int64_t token = 0;
+    pid_t member = -1;
+    std::string path;
+};
+
+MemberTree tree_with_member(const std::vector<const char*>& made = {}, const char* below = "") {
+    int err = 0;
+    const char* missing = nullptr;
+    Tree* tree = new_tree({}, &err, &missing);
+    if (tree == nullptr) return {};
+    int group = tree_start_group(tree);
+    MemberTree out{0, -1, fs::read_symlink("/proc/self/fd/" + std::to_string(group))};
+    for (const char* dir : made)
+        if (mkdirat(group, dir, 0755) != 0) {
+            discard_tree(tree);
+            return out;
+        }
+    out.member = member_in(group, below);
+    out.token = register_tree(tree, out.member, 0);
+    return out;
 }
 
 // Settles a tree whose members are gone (as the event set does) and lets it go: whether it settled.
@@ -177,25 +162,24 @@ class ProcessGroupTreeWithoutDescriptors : public testing::TestWithParam<CantTel
 
 TEST_P(ProcessGroupTreeWithoutDescriptors, CountsAsLiving) {
     const CantTellCase& c = GetParam();
-    ChildOutcome outcome = RunInChild([&] {
-        prctl(PR_SET_CHILD_SUBREAPER, 1);
+    ChildOutcome outcome = RunAsSubreaper([&]() -> std::string {
         pid_t root = group_leader();
         CgroupPlaces none = {};
         int err = 0;
         const char* missing = nullptr;
-        int64_t token = new_registered_tree(new_tree({}, &err, &missing, &none), root);
-        if (token == 0) return finish("no tree: " + std::to_string(err), {root});
-        if (tree_kind(token) != TreeKind::ProcessGroup) return finish("not a process-group tree", {root});
+        Tree* tree = new_tree({}, &err, &missing, &none);
+        int64_t token = tree == nullptr ? 0 : register_tree(tree, root, 0);
+        if (token == 0) return "no tree: " + std::to_string(err);
+        if (tree_kind(token) != TreeKind::ProcessGroup) return "not a process-group tree";
         std::vector<int> held = exhaust_descriptors();
         int exhausted = errno;
         std::string said = c.look(token, root);
         give_back(held);
-        if (exhausted != EMFILE)
-            return finish("descriptors not exhausted: " + std::to_string(exhausted), {root});
+        if (exhausted != EMFILE) return "descriptors not exhausted: " + std::to_string(exhausted);
         kill(root, SIGKILL);
         waitpid(root, nullptr, 0);
         if (!settle_and_release(token)) said += ", never settled once the root was gone";
-        return finish(said, {root});
+        return said;
     });
     EXPECT_EQ(outcome.report, c.expected) << outcome.err;
 }
@@ -231,7 +215,7 @@ INSTANTIATE_TEST_SUITE_P(
                                      return std::string(reaped_within(root, 1000) ? "killed" : "not killed");
                                  },
                                  "killed"}),
-    [](const auto& info) { return std::string(info.param.name); });
+    CaseName());
 
 // ---- The kill of a process with everything below it, when the tree can't be read whole: the fault is
 // reported, and nothing is left stopped for good.
@@ -249,10 +233,9 @@ class KillTreeFault : public testing::TestWithParam<KillFaultCase> {};
 
 TEST_P(KillTreeFault, IsReportedAndLeavesNothingStopped) {
     const KillFaultCase& c = GetParam();
-    ChildOutcome outcome = RunInChild([&] {
-        prctl(PR_SET_CHILD_SUBREAPER, 1);
+    ChildOutcome outcome = RunAsSubreaper([&]() -> std::string {
         int told[2];
-        if (pipe2(told, O_CLOEXEC) != 0) return finish("pipe", {});
+        if (pipe2(told, O_CLOEXEC) != 0) return "pipe";
         pid_t root = fork();
         if (root == 0) { // leads a group; below it a process in a group of its own, which only /proc shows
             setpgid(0, 0);
@@ -268,22 +251,22 @@ TEST_P(KillTreeFault, IsReportedAndLeavesNothingStopped) {
         }
         close(told[1]);
         pid_t below = 0;
-        if (read(told[0], &below, sizeof below) != sizeof below) return finish("no descendant", {root});
+        if (read(told[0], &below, sizeof below) != sizeof below) return "no descendant";
         UnixProcessData* record = new_record();
         snprintf(record->pid, kPidTextSize, "%d", root);
         int sysErr = 0;
-        if (unix_AdoptProcess(record, &sysErr) != PROC_SUCCESS) return finish("adopt", {root, below});
+        if (unix_AdoptProcess(record, &sysErr) != PROC_SUCCESS) return "adopt";
         c.arm();
         int result = kill_tree(record, &sysErr);
         c.disarm();
         std::string report = "result=" + std::to_string(result) + " errno=" + strerror(sysErr);
-        report += ends_within(root, 1000) ? " root killed" : " root lives";
+        report += EndsWithin(root, 1000) ? " root killed" : " root lives";
         usleep(50000);
         for (int pid : {root, below})
-            if (state_of(pid) == 'T')
+            if (ProcessState(pid) == 'T')
                 report += " left stopped:" + std::string(pid == root ? "root" : "below");
         destroy_record(record);
-        return finish(report, {root, below});
+        return report;
     });
     std::string expected = "result=" + std::to_string(c.result) + " errno=" + strerror(c.sysErr) +
                            (c.rootKilled ? " root killed" : " root lives");
@@ -305,7 +288,7 @@ INSTANTIATE_TEST_SUITE_P(KillTree, KillTreeFault,
                              KillFaultCase{"outOfDescriptors", [] { held_for_kill = exhaust_descriptors(); },
                                            [] { give_back(held_for_kill); }, PROC_OUT_OF_FILE_HANDLES, EMFILE,
                                            false}),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         CaseName());
 
 // ---- Cgroup trees.
 
@@ -314,18 +297,12 @@ INSTANTIATE_TEST_SUITE_P(KillTree, KillTreeFault,
 // for a tree whose member pidfd isn't watched is the only news of it.
 TEST(CgroupTree, WakerTellsTheEndThoughOthersReadTheGroupMeanwhile) {
     SKIP_WITHOUT_CGROUP_TREES();
-    ChildOutcome outcome = RunInChild([&] {
-        prctl(PR_SET_CHILD_SUBREAPER, 1);
-        int err = 0;
-        const char* missing = nullptr;
-        Tree* tree = new_tree({}, &err, &missing);
-        if (tree == nullptr) return finish("no tree: " + std::to_string(err), {});
-        pid_t member = member_in(tree_start_group(tree));
-        int64_t token = new_registered_tree(tree, member);
-        if (member <= 0 || token == 0) return finish("no member", {member});
+    ChildOutcome outcome = RunAsSubreaper([&]() -> std::string {
+        auto [token, member, path] = tree_with_member();
+        if (member <= 0 || token == 0) return "no tree or member";
         bool priority = false;
         int waker = tree_waker(token, &priority);
-        if (waker < 0 || !priority) return finish("waker " + std::to_string(waker), {member});
+        if (waker < 0 || !priority) return "waker " + std::to_string(waker);
         // The kernel sends a group's notifications 10 ms apart at most (a later one waits): the member lives
         // longer than that, and the other reader reads again after it, so that it has seen every one.
         usleep(30000);
@@ -340,7 +317,7 @@ TEST(CgroupTree, WakerTellsTheEndThoughOthersReadTheGroupMeanwhile) {
         std::string report = poll(&change, 1, 2000) == 1 ? "woken" : "not woken";
         close(waker);
         if (!settle_and_release(token)) report += ", never settled";
-        return finish(report, {});
+        return report;
     });
     EXPECT_EQ(outcome.report, "woken") << outcome.err;
 }
@@ -349,22 +326,9 @@ TEST(CgroupTree, WakerTellsTheEndThoughOthersReadTheGroupMeanwhile) {
 // ended, the tree's groups go with the one it made.
 TEST(CgroupTree, MemberInAGroupItMadeIsFoundAndItsGroupGoesWithTheTree) {
     SKIP_WITHOUT_CGROUP_TREES();
-    ChildOutcome outcome = RunInChild([&] {
-        prctl(PR_SET_CHILD_SUBREAPER, 1);
-        int err = 0;
-        const char* missing = nullptr;
-        Tree* tree = new_tree({}, &err, &missing);
-        if (tree == nullptr) return finish("no tree: " + std::to_string(err), {});
-        int group = tree_start_group(tree);
-        std::string path = path_of(group);
-        if (mkdirat(group, "made", 0755) != 0 || mkdirat(group, "made/deeper", 0755) != 0 ||
-            mkdirat(group, "spare", 0755) != 0) {
-            discard_tree(tree);
-            return finish("mkdir: " + std::string(strerror(errno)), {});
-        }
-        pid_t member = member_in(group, "made/deeper");
-        int64_t token = new_registered_tree(tree, member);
-        if (member <= 0 || token == 0) return finish("no member", {member});
+    ChildOutcome outcome = RunAsSubreaper([&]() -> std::string {
+        auto [token, member, path] = tree_with_member({"made", "made/deeper", "spare"}, "made/deeper");
+        if (member <= 0 || token == 0) return "no tree or member";
         std::string report = tree_member(token) == member ? "found" : "not found";
         bool released = false;
         if (tree_settle(token, &released)) report += ", settled while a member lives";
@@ -372,7 +336,7 @@ TEST(CgroupTree, MemberInAGroupItMadeIsFoundAndItsGroupGoesWithTheTree) {
         waitpid(member, nullptr, 0);
         if (!settle_and_release(token)) report += ", never settled";
         report += fs::exists(path) ? ", left behind" : ", removed";
-        return finish(report, {});
+        return report;
     });
     EXPECT_EQ(outcome.report, "found, removed") << outcome.err;
 }
@@ -381,18 +345,12 @@ TEST(CgroupTree, MemberInAGroupItMadeIsFoundAndItsGroupGoesWithTheTree) {
 // failure: the event set may remove the groups between the call's look and its write.
 TEST(CgroupTree, KillAndSignalRacingTheEndSucceed) {
     SKIP_WITHOUT_CGROUP_TREES();
-    ChildOutcome outcome = RunInChild(
-        [&] {
-            prctl(PR_SET_CHILD_SUBREAPER, 1);
+    ChildOutcome outcome = RunAsSubreaper(
+        [&]() -> std::string {
             std::string failures;
             for (int round = 0; round < 40 && failures.empty(); ++round) {
-                int err = 0;
-                const char* missing = nullptr;
-                Tree* tree = new_tree({}, &err, &missing);
-                if (tree == nullptr) return finish("no tree: " + std::to_string(err), {});
-                pid_t member = member_in(tree_start_group(tree));
-                int64_t token = new_registered_tree(tree, member);
-                if (member <= 0 || token == 0) return finish("no member", {member});
+                auto [token, member, path] = tree_with_member();
+                if (member <= 0 || token == 0) return "no tree or member";
                 std::atomic<bool> settled{false};
                 std::thread settler([&] { // the event set's part
                     bool released = false;
@@ -411,7 +369,7 @@ TEST(CgroupTree, KillAndSignalRacingTheEndSucceed) {
                 settler.join();
                 release_tree(token);
             }
-            return finish(failures.empty() ? "ok" : failures.substr(0, 300), {});
+            return failures.empty() ? "ok" : failures.substr(0, 300);
         },
         60);
     EXPECT_EQ(outcome.report, "ok") << outcome.err;

@@ -19,3 +19,41 @@ ChildOutcome RunInChild(const std::function<std::string()>& body, unsigned secon
 std::string ReadFile(const std::string& path);
 // The value of a "Key:\t..." line of /proc/<pid>/status (pid 0: self).
 std::string StatusField(const std::string& key, int pid = 0);
+
+// RunInChild with the child a subreaper: once the body has returned, every process it left below it (orphans
+// included) is killed and reaped.
+ChildOutcome RunAsSubreaper(const std::function<std::string()>& body, unsigned seconds = 20);
+// Whether the process ends (exits, or is a zombie) within `millis`; one already reaped has ended.
+bool EndsWithin(int pid, int millis);
+// The state letter of /proc/<pid>/stat ('S' asleep, 'Z' zombie), or 0 when the process is gone.
+char ProcessState(int pid);
+// Whether this process has no child left, reaped or not.
+bool NoChildrenLeft();
+// A child of this process's threads asleep now (as in the open of a FIFO nobody writes); 0 when none is.
+int SleepingChild();
+// The "0::..." line of a /proc/<pid>/cgroup text; "" without one.
+std::string V2Line(const std::string& cgroups);
+
+// A directory of its own under /tmp, removed with what it holds when it goes.
+class TempDir {
+  public:
+    TempDir();
+    ~TempDir();
+    const std::string& path() const { return path_; }
+
+  private:
+    std::string path_;
+};
+
+// A FIFO nobody writes, in a directory of its own: a new process that takes it as stdin hangs before its
+// exec until a writer opens it.
+class Fifo : public TempDir {
+  public:
+    Fifo();
+    ~Fifo();
+    const std::string& fifo() const { return fifo_; } // empty when it couldn't be made
+    bool open_writer() const;                         // lets go of a reader: whether one was there
+
+  private:
+    std::string fifo_;
+};

@@ -4,24 +4,13 @@
 #include <deque>
 
 namespace {
-struct FakeString {
-    std::u16string units;
-};
-struct FakeBytes {
-    std::string raw;
-};
-struct FakeArray {
-    std::vector<jobject> elements;
-};
-struct FakeInts {
-    std::vector<jint> values;
-};
-struct FakeLongs {
-    std::vector<jlong> values;
-};
-struct FakeClass {
-    std::string name;
-};
+// Java values are plain C++ objects, each kind in a deque of its own (which never moves what it holds).
+using FakeString = std::u16string;
+using FakeBytes = std::string;
+using FakeArray = std::vector<jobject>;
+using FakeInts = std::vector<jint>;
+using FakeLongs = std::vector<jlong>;
+using FakeClass = std::string;
 
 FakeJni* current = nullptr;
 std::deque<FakeString> strings;
@@ -30,6 +19,15 @@ std::deque<FakeArray> arrays;
 std::deque<FakeInts> intArrays;
 std::deque<FakeLongs> longArrays;
 std::deque<FakeClass> classes;
+
+template <class Fake, class Handle> Fake& fake(Handle handle) {
+    return *reinterpret_cast<Fake*>(handle);
+}
+
+template <class Fake, class Handle> Handle keep(std::deque<Fake>& kind, Fake value) {
+    kind.push_back(std::move(value));
+    return reinterpret_cast<Handle>(&kind.back());
+}
 
 // UTF-8 as the tests write it, into the UTF-16 units a Java string holds.
 std::u16string units_of(const std::string& text) {
@@ -53,69 +51,65 @@ std::u16string units_of(const std::string& text) {
 
 jclass JNICALL find_class(JNIEnv*, const char* name) {
     if (current->missingClasses.count(name) != 0) return nullptr;
-    classes.push_back({name});
-    return reinterpret_cast<jclass>(&classes.back());
+    return keep<FakeClass, jclass>(classes, name);
 }
 jint JNICALL throw_new(JNIEnv*, jclass cls, const char* message) {
-    current->thrown.push_back({reinterpret_cast<FakeClass*>(cls)->name, message});
+    current->thrown.push_back({fake<FakeClass>(cls), message});
     return 0;
 }
 jboolean JNICALL exception_check(JNIEnv*) {
     return JNI_FALSE;
 }
 jsize JNICALL get_string_length(JNIEnv*, jstring s) {
-    return static_cast<jsize>(reinterpret_cast<FakeString*>(s)->units.size());
+    return static_cast<jsize>(fake<FakeString>(s).size());
 }
 const jchar* JNICALL get_string_critical(JNIEnv*, jstring s, jboolean*) {
     if (current->failStringChars) return nullptr;
     ++current->outstandingChars;
-    return reinterpret_cast<const jchar*>(reinterpret_cast<FakeString*>(s)->units.data());
+    return reinterpret_cast<const jchar*>(fake<FakeString>(s).data());
 }
 void JNICALL release_string_critical(JNIEnv*, jstring, const jchar*) {
     --current->outstandingChars;
 }
 jsize JNICALL get_array_length(JNIEnv*, jarray a) {
-    // Byte arrays and object arrays are told apart by where they live.
-    for (auto& bytes : byteArrays)
-        if (reinterpret_cast<jarray>(&bytes) == a) return static_cast<jsize>(bytes.raw.size());
-    for (auto& ints : intArrays)
-        if (reinterpret_cast<jarray>(&ints) == a) return static_cast<jsize>(ints.values.size());
-    for (auto& longs : longArrays)
-        if (reinterpret_cast<jarray>(&longs) == a) return static_cast<jsize>(longs.values.size());
-    return static_cast<jsize>(reinterpret_cast<FakeArray*>(a)->elements.size());
+    // The kinds of arrays are told apart by where they live.
+    auto in = [a](const auto& kind) {
+        auto here = [a](const auto& value) { return static_cast<const void*>(&value) == a; };
+        return std::any_of(kind.begin(), kind.end(), here);
+    };
+    if (in(byteArrays)) return static_cast<jsize>(fake<FakeBytes>(a).size());
+    if (in(intArrays)) return static_cast<jsize>(fake<FakeInts>(a).size());
+    if (in(longArrays)) return static_cast<jsize>(fake<FakeLongs>(a).size());
+    return static_cast<jsize>(fake<FakeArray>(a).size());
 }
 jobject JNICALL get_object_array_element(JNIEnv*, jobjectArray a, jsize i) {
-    return reinterpret_cast<FakeArray*>(a)->elements.at(static_cast<size_t>(i));
+    return fake<FakeArray>(a).at(static_cast<size_t>(i));
 }
 void JNICALL delete_local_ref(JNIEnv*, jobject) {}
 jbyte* JNICALL get_byte_array_elements(JNIEnv*, jbyteArray a, jboolean*) {
     if (current->failStringChars) return nullptr;
     ++current->outstandingChars;
-    return reinterpret_cast<jbyte*>(reinterpret_cast<FakeBytes*>(a)->raw.data());
+    return reinterpret_cast<jbyte*>(fake<FakeBytes>(a).data());
 }
 void JNICALL release_byte_array_elements(JNIEnv*, jbyteArray, jbyte*, jint) {
     --current->outstandingChars;
 }
 void JNICALL get_int_array_region(JNIEnv*, jintArray a, jsize start, jsize length, jint* out) {
-    auto& values = reinterpret_cast<FakeInts*>(a)->values;
-    std::copy_n(values.begin() + start, length, out);
+    std::copy_n(fake<FakeInts>(a).begin() + start, length, out);
 }
 void JNICALL get_long_array_region(JNIEnv*, jlongArray a, jsize start, jsize length, jlong* out) {
-    auto& values = reinterpret_cast<FakeLongs*>(a)->values;
-    std::copy_n(values.begin() + start, length, out);
+    std::copy_n(fake<FakeLongs>(a).begin() + start, length, out);
 }
 void JNICALL set_long_array_region(JNIEnv*, jlongArray a, jsize start, jsize length, const jlong* in) {
-    std::copy_n(in, length, reinterpret_cast<FakeLongs*>(a)->values.begin() + start);
+    std::copy_n(in, length, fake<FakeLongs>(a).begin() + start);
 }
 jbyteArray JNICALL new_byte_array(JNIEnv*, jsize length) {
     if (current->failNewArrays) return nullptr;
-    byteArrays.push_back({std::string(static_cast<size_t>(length), '\0')});
-    return reinterpret_cast<jbyteArray>(&byteArrays.back());
+    return keep<FakeBytes, jbyteArray>(byteArrays, std::string(static_cast<size_t>(length), '\0'));
 }
 void JNICALL set_byte_array_region(JNIEnv*, jbyteArray a, jsize start, jsize length, const jbyte* bytes) {
-    reinterpret_cast<FakeBytes*>(a)->raw.replace(static_cast<size_t>(start), static_cast<size_t>(length),
-                                                 reinterpret_cast<const char*>(bytes),
-                                                 static_cast<size_t>(length));
+    fake<FakeBytes>(a).replace(static_cast<size_t>(start), static_cast<size_t>(length),
+                               reinterpret_cast<const char*>(bytes), static_cast<size_t>(length));
 }
 } // namespace
 
@@ -151,39 +145,29 @@ FakeJni::~FakeJni() {
 }
 
 jstring FakeJni::string(const std::string& text) {
-    strings.push_back({units_of(text)});
-    return reinterpret_cast<jstring>(&strings.back());
-}
-
-jstring FakeJni::utf16(const std::u16string& units) {
-    strings.push_back({units});
-    return reinterpret_cast<jstring>(&strings.back());
+    return keep<FakeString, jstring>(strings, units_of(text));
 }
 
 jbyteArray FakeJni::bytes(const std::string& raw) {
-    byteArrays.push_back({raw});
-    return reinterpret_cast<jbyteArray>(&byteArrays.back());
+    return keep<FakeBytes, jbyteArray>(byteArrays, raw);
 }
 
 jintArray FakeJni::ints(const std::vector<jint>& values) {
-    intArrays.push_back({values});
-    return reinterpret_cast<jintArray>(&intArrays.back());
+    return keep<FakeInts, jintArray>(intArrays, values);
 }
 
 jlongArray FakeJni::longs(const std::vector<jlong>& values) {
-    longArrays.push_back({values});
-    return reinterpret_cast<jlongArray>(&longArrays.back());
+    return keep<FakeLongs, jlongArray>(longArrays, values);
 }
 
 std::vector<jlong> FakeJni::values(jlongArray array) {
-    return reinterpret_cast<FakeLongs*>(array)->values;
+    return fake<FakeLongs>(array);
 }
 
 std::string FakeJni::raw(jbyteArray array) {
-    return reinterpret_cast<FakeBytes*>(array)->raw;
+    return fake<FakeBytes>(array);
 }
 
 jobjectArray FakeJni::array(const std::vector<jobject>& elements) {
-    arrays.push_back({elements});
-    return reinterpret_cast<jobjectArray>(&arrays.back());
+    return keep<FakeArray, jobjectArray>(arrays, elements);
 }

@@ -19,7 +19,6 @@ struct FakeJni {
 
     // Java values backed by this fake.
     jstring string(const std::string& text); // from UTF-8
-    jstring utf16(const std::u16string& units);
     jbyteArray bytes(const std::string& raw);
     jobjectArray array(const std::vector<jobject>& elements);
     jintArray ints(const std::vector<jint>& values);

@@ -4,6 +4,7 @@
 
 #include <concepts>
 #include <ostream>
+#include <string>
 #include <string_view>
 
 namespace quillon_test {
@@ -14,4 +15,9 @@ requires requires(const Case& c) {
 void PrintTo(const Case& c, std::ostream* out) {
     *out << std::string_view(c.name);
 }
+
+// Gives each instantiated case its name as its test's: INSTANTIATE_TEST_SUITE_P(..., CaseName()).
+struct CaseName {
+    template <class Info> std::string operator()(const Info& info) const { return info.param.name; }
+};
 } // namespace quillon_test
