@@ -310,6 +310,9 @@ class ContainedTreeTest {
         int threads = Thread.activeCount();
         for (int i = 0; i < 1000; i++) {
             NativeProcess process = new Launcher("/bin/sh", "-c", "exit " + (i % 3)).contained().start();
+            if (i % 4 == 1) {
+                process.signalTree(18); // a call on the tree keeps it only while it runs
+            }
             assertEquals(i % 3, process.waitFor());
             assertTrue(process.waitForTree(10, TimeUnit.SECONDS));
             if (i % 2 == 0) {

@@ -198,6 +198,9 @@ class RunTest {
 
         @Override
         public void onOutput(ByteBuffer chunk) throws Exception {
+            if (!chunk.hasRemaining()) { // the end of the stream is onEnd, never an empty chunk
+                ended.completeExceptionally(new AssertionError("an empty chunk after " + bytes + " bytes"));
+            }
             bytes += chunk.remaining();
             lines.onOutput(chunk);
         }

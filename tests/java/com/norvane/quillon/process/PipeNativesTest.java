@@ -2,11 +2,13 @@ package com.norvane.quillon.process;
 
 import static org.junit.jupiter.api.Assertions.assertArrayEquals;
 import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import java.io.IOException;
 import java.io.UncheckedIOException;
 import java.util.Arrays;
+import org.junit.jupiter.api.Test;
 import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.CsvSource;
 
@@ -22,6 +24,13 @@ class PipeNativesTest {
             bytes[i] = (byte)(i * 31 + i / 251);
         }
         return bytes;
+    }
+
+    @Test
+    void aPipeNeedsRoomForBothEnds() {
+        for (int[] ends : new int[][] {null, new int[0], new int[1]}) {
+            assertThrows(IllegalArgumentException.class, () -> GLUE.pipe(ends));
+        }
     }
 
     @ParameterizedTest(name = "reads of up to {0} bytes at offset {1}")
