@@ -46,7 +46,8 @@ final class OwnedHandle implements Runnable, EventLoop.Target {
     private boolean watched;        // the watcher reports the end; counts as a use
     private boolean released;       // the handle was given back
     private volatile boolean closed; // no new calls
-    private volatile End end;
+    private boolean endClaimed;     // a thread is recording the end
+    private volatile End end;       // set once the pipes have gone
 
     OwnedHandle(long handle, long pid, boolean child, boolean self, Pipe[] pipes, ContainedTree tree) {
         this.handle = handle;
@@ -208,7 +209,10 @@ final class OwnedHandle implements Runnable, EventLoop.Target {
         return NativeProcessGlue.get().waitFor(handle, millis) && recordEnd();
     }
 
-    /** Reads the end of an ended process, once; its pipes go with it. The caller holds a use. */
+    /**
+     * Reads the end of an ended process, once; its pipes go first, so that whoever sees the end finds stdin
+     * closed and the output drained. The caller holds a use.
+     */
     private boolean recordEnd() throws ProcessOpException {
         if (end == null) {
             long[] values = new long[4];
@@ -216,13 +220,20 @@ final class OwnedHandle implements Runnable, EventLoop.Target {
             End known = new End((int) values[0], (int) values[1], values[2], values[3]);
             boolean first;
             synchronized (this) {
-                first = end == null;
-                if (first) {
-                    end = known;
-                }
+                first = !endClaimed;
+                endClaimed = true;
             }
-            if (first) {
+            if (!first) {
+                while (end == null) { // the pipes' end never blocks: briefly
+                    Thread.yield();
+                }
+                return true;
+            }
+            try {
                 endPipes();
+            } finally {
+                end = known; // also after an Error: the other waiters must not spin on
+                ended.complete(null);
             }
         }
         ended.complete(null);
