@@ -494,6 +494,28 @@ TEST(TreeGroup, StaleGroupsOfEndedProcessesGo) {
     EXPECT_EQ(report, "") << "wrongly kept or removed";
 }
 
+// The leftovers go from each hierarchy the host has a place in: the v2 one and each controller's own.
+TEST(TreeGroup, StaleGroupsGoFromEveryHierarchy) {
+    RealGroup real;
+    MAKE_OR_SKIP(real);
+    pid_t ended = fork();
+    if (ended == 0) _exit(0);
+    waitpid(ended, nullptr, 0);
+    const CgroupPlaces& places = real.places();
+    std::string name = "/quillon-" + std::to_string(ended) + "-1";
+    std::vector<std::string> made;
+    for (const char* place : {places.unified, places.memory, places.pids})
+        if (*place != 0 && fs::create_directory(place + name)) made.push_back(place + name);
+    if (made.size() < 3) {
+        for (const std::string& leftover : made)
+            rmdir(leftover.c_str());
+        GTEST_SKIP() << "needs the memory and pids controllers on hierarchies of their own";
+    }
+    remove_stale_groups(places);
+    for (const std::string& leftover : made)
+        EXPECT_FALSE(fs::exists(leftover)) << leftover << " kept";
+}
+
 // Two signals to one tree at once: each goes out with the group frozen, neither thaws it under the other
 // (which would leave the other waiting for a freeze that never comes), and the group ends thawed.
 TEST(TreeGroup, SignalsAtOnceEachFreezeAndThaw) {

@@ -15,6 +15,7 @@
 
 #include "quillon/launch.h"
 #include "quillon/runtime.h"
+#include "runtime/support.h"
 #include "support/child.h"
 #include "support/named_case.h"
 
@@ -149,6 +150,26 @@ TEST(ForkSafety, ChildrenNeverBlockOnTraceLocksHeldByOtherThreads) {
         },
         120);
     EXPECT_EQ(outcome.report, "0");
+}
+
+// A call is made again while a signal interrupts it, and only then: one that succeeds while errno holds
+// EINTR from an earlier call is made once.
+TEST(RetryOnEintr, RepeatsOnlyCallsASignalInterrupted) {
+    int calls = 0;
+    errno = EINTR;
+    EXPECT_EQ(retry_on_eintr([&] { // a wrong loop ends at the fifth call
+                  if (++calls == 5) errno = 0;
+                  return 0;
+              }),
+              0);
+    EXPECT_EQ(calls, 1);
+    calls = 0;
+    EXPECT_EQ(retry_on_eintr([&] {
+                  errno = ++calls < 3 ? EINTR : EBADF;
+                  return calls < 10 ? -1 : 0;
+              }),
+              -1);
+    EXPECT_EQ(calls, 3);
 }
 
 struct ConversionCase {

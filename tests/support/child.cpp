@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
+#include <malloc.h>
 #include <fstream>
 #include <poll.h>
 #include <signal.h>
@@ -153,4 +154,8 @@ ChildOutcome RunInChild(const std::function<std::string()>& body, unsigned secon
     unlink(outPath.c_str());
     unlink(errPath.c_str());
     return outcome;
+}
+
+size_t HeapInUse() {
+    return mallinfo2().uordblks;
 }

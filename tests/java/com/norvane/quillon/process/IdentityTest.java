@@ -2,11 +2,13 @@ package com.norvane.quillon.process;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertThrows;
+import static org.junit.jupiter.api.Assertions.assertTrue;
 import static org.junit.jupiter.api.Assumptions.assumeTrue;
 
 import com.norvane.quillon.process.exception.InvalidGroupException;
 import com.norvane.quillon.process.exception.InvalidUsernameException;
 import com.norvane.quillon.process.exception.ProcessOpException;
+import java.util.Map;
 import org.junit.jupiter.api.Test;
 
 class IdentityTest {
@@ -31,10 +33,13 @@ class IdentityTest {
     }
 
     @Test
-    void aRealChangeOfIdentityHappensInAChildJvm() throws Exception {
+    void aRealChangeOfIdentityHappensInAChildJvmAndItsTraceSaysSo() throws Exception {
         assumeTrue(ChildJvm.isRoot(), "needs root to change identity");
-        assertEquals("group now nogroup\nuser now nobody\n",
-                ChildJvm.run(false, Probe.class, "setgroup", "nogroup", "setuser", "nobody"));
+        String output = ChildJvm.run(false, Map.of("__JNI_PROCESS_DEBUG", ""), false, Probe.class, "setgroup",
+                "nogroup", "setuser", "nobody");
+        assertEquals("group now nogroup\nuser now nobody\n", ChildJvm.withoutTrace(output));
+        assertTrue(output.contains("setgid successful, gid=[65534] egid=[65534]\n"), output);
+        assertTrue(output.contains("setuid successful, uid=[65534] euid=[65534]\n"), output);
     }
 
     @Test
