@@ -11,6 +11,7 @@ import static org.junit.jupiter.api.Assertions.fail;
 
 import java.io.IOException;
 import java.io.OutputStream;
+import java.lang.reflect.Field;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
@@ -115,6 +116,7 @@ class OwnershipTest {
     @ParameterizedTest(name = "detached: {0}")
     @ValueSource(booleans = {false, true})
     void closeWithoutWaitsEndsTheFollowingOfAProcessThatIsNoChild(boolean detached) throws Exception {
+        int followed = followed();
         NativeProcess process = new Launcher("sleep", "30").detached(detached).start();
         ProcessHandle handle = process.toHandle();
         CompletableFuture<Process> exit = process.onExit();
@@ -123,11 +125,22 @@ class OwnershipTest {
             ExecutionException e =
                 assertThrows(ExecutionException.class, () -> exit.get(10, TimeUnit.SECONDS));
             assertInstanceOf(IllegalStateException.class, e.getCause());
+            assertTrue(followed() <= followed, "the event thread still holds the object");
             handle.destroyForcibly();
         } else {
             assertFalse(exit.isDone());
             handle.destroyForcibly();
             assertSame(process, exit.get(10, TimeUnit.SECONDS));
+        }
+    }
+
+    /** How many processes and pipes the event thread follows now. */
+    private static int followed() throws ReflectiveOperationException {
+        Field targets = EventLoop.class.getDeclaredField("targets");
+        targets.setAccessible(true);
+        synchronized (EventLoop.class) {
+            Map<?, ?> map = (Map<?, ?>) targets.get(null);
+            return map == null ? 0 : map.size();
         }
     }
 
