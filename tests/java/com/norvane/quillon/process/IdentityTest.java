@@ -22,14 +22,19 @@ class IdentityTest {
     }
 
     @Test
-    void nobodyIsNobodyAndMayNotBecomeRoot() throws Exception {
+    void nobodyIsNobodyAndMayNotBecomeRootAndTheRefusalsAreTraced() throws Exception {
         assumeTrue(ChildJvm.isRoot(), "needs root to start a JVM as nobody");
+        String output = ChildJvm.run(true, Probe.class, "whoami", "setuser", "root", "setgroup", "root");
         assertEquals(String.join("\n", "nobody nogroup /nonexistent false",
                 "AccessDeniedException: The operating system would not allow assignment of the process to user: "
                         + "[root].  Access Denied.\n 001: Operation not permitted",
                 "AccessDeniedException: The operating system would not allow assignment of the process to group: "
                         + "[root].  Access Denied.\n 001: Operation not permitted", ""),
-                ChildJvm.withoutTrace(ChildJvm.run(true, Probe.class, "whoami", "setuser", "root", "setgroup", "root")));
+                ChildJvm.withoutTrace(output));
+        for (String what : new String[] {"user", "group"}) { // error lines show whatever the trace switches
+            assertTrue(output.contains("Failed to set the process current effective " + what + " to [root].  Result "
+                    + "was: ["), output);
+        }
     }
 
     @Test
