@@ -21,22 +21,15 @@ UnixProcessData* record_of(pid_t pid) {
 // exit-code reads all see its status, whichever collects it.
 TEST(Concurrently, WaitsProbesAndReadsOnOneChildAgree) {
     for (int round = 0; round < 40; ++round) {
-        int go[2];
-        ASSERT_EQ(pipe(go), 0);
-        pid_t pid = fork();
-        if (pid == 0) {
-            char byte;
-            close(go[1]);
-            (void)!read(go[0], &byte, 1); // ends once both records are made
-            _exit(round);
-        }
-        close(go[0]);
+        int release = -1;
+        pid_t pid = ChildEndingOnRelease(round, &release); // released once both records are made
+        ASSERT_GT(pid, 0);
         UnixProcessData* first = record_of(pid);
         UnixProcessData* second = record_of(pid);
         int err = 0;
         ASSERT_EQ(unix_AdoptProcess(first, &err), PROC_SUCCESS);
         ASSERT_EQ(unix_AdoptProcess(second, &err), PROC_SUCCESS);
-        close(go[1]);
+        close(release);
         std::vector<std::thread> readers;
         readers.emplace_back([&] {
             int err = 0;

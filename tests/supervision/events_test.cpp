@@ -11,6 +11,7 @@
 
 #include "com_norvane_quillon_process_NativeProcessGlue.h"
 #include "quillon/supervision.h"
+#include "support/child.h"
 #include "support/fake_jni.h"
 #include "support/seams.h"
 #include "supervision/events.h"
@@ -40,16 +41,9 @@ struct Refusals {
 };
 
 TEST(EventSet, AProcessWhosePidfdItRefusesIsReportedAtItsEndAndNotBefore) {
-    int go[2];
-    ASSERT_EQ(pipe(go), 0);
-    pid_t pid = fork();
-    if (pid == 0) {
-        char byte;
-        close(go[1]);
-        (void)!read(go[0], &byte, 1);
-        _exit(7);
-    }
-    close(go[0]);
+    int release = -1;
+    pid_t pid = ChildEndingOnRelease(7, &release);
+    ASSERT_GT(pid, 0);
     UnixProcessData* data = new_record();
     snprintf(data->pid, kPidTextSize, "%d", pid);
     int sysErr = 0;
@@ -60,7 +54,7 @@ TEST(EventSet, AProcessWhosePidfdItRefusesIsReportedAtItsEndAndNotBefore) {
         ASSERT_EQ(watch_record(kHandle, data, &sysErr), PROC_SUCCESS);
     }
     EXPECT_FALSE(event_comes(kEventEnded, kHandle, 300)) << "reported while the process runs";
-    close(go[1]);
+    close(release);
     EXPECT_TRUE(event_comes(kEventEnded, kHandle, 5000));
     EXPECT_EQ(unix_GetProcessExitCode(data, &sysErr), PROC_SUCCESS);
     EXPECT_EQ(data->exitCode, 7);

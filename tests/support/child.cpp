@@ -159,3 +159,18 @@ ChildOutcome RunInChild(const std::function<std::string()>& body, unsigned secon
 size_t HeapInUse() {
     return mallinfo2().uordblks;
 }
+
+int ChildEndingOnRelease(int status, int* release) {
+    int go[2];
+    if (pipe(go) != 0) return -1;
+    pid_t pid = fork();
+    if (pid == 0) {
+        char byte;
+        close(go[1]);
+        (void)!read(go[0], &byte, 1);
+        _exit(status);
+    }
+    close(go[0]);
+    *release = go[1];
+    return pid;
+}

@@ -33,6 +33,8 @@ bool NoChildrenLeft();
 int SleepingChild();
 // The "0::..." line of a /proc/<pid>/cgroup text; "" without one.
 std::string V2Line(const std::string& cgroups);
+// A child that ends with `status` once `*release`, its pipe's write end, is closed (or written); its PID.
+int ChildEndingOnRelease(int status, int* release);
 // The bytes malloc has handed out and not had back: a step that frees all it takes leaves it as it was.
 size_t HeapInUse();
 
