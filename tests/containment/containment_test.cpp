@@ -198,6 +198,9 @@ const char* const kContainerMounts = "40 30 0:40 /docker/abc @/c\\040g/memory rw
                                      "41 30 0:41 /docker/abc @/c\\040g/pids rw - cgroup cgroup rw,pids\n"
                                      "42 30 0:42 /kube/pod1 @/c\\040g/unified rw - cgroup2 cgroup2 rw\n";
 const char* const kContainerCgroup = "5:memory:/docker/abc\n6:pids:/docker/abcdef\n0::/kube/pod1/ctr\n";
+// A group whose path fits the cgroup file but not a path once under its mount point: no place rather than a
+// cut one.
+const std::string kLongMemoryCgroup = "8:pids:/\n4:memory:/" + std::string(PATH_MAX - 16, 'a') + "\n0::/\n";
 
 INSTANTIATE_TEST_SUITE_P(
     CgroupHosts, CgroupPlacesFrom,
@@ -213,6 +216,8 @@ INSTANTIATE_TEST_SUITE_P(
         // pids "/docker/abcdef" is not below the mount's root "/docker/abc": that mount doesn't show it.
         PlacesCase{"containerRoots", kContainerMounts, kContainerCgroup, "memory\n", "@/c g/unified/ctr",
                    "@/c g/unified/ctr", true, "", false},
+        PlacesCase{"memoryGroupPathTooLong", kHybridMounts, kLongMemoryCgroup.c_str(), "", "@/cg/unified", "",
+                   false, "@/cg/pids", false},
         PlacesCase{"noCgroupAtAll", "22 1 0:21 / /proc rw - proc proc rw\n", "", nullptr, "", "", false, "",
                    false}),
     CaseName());
