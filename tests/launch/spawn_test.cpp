@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <poll.h>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -351,7 +352,7 @@ TEST_P(FailedLaunch, LeavesNoProcessBehind) {
         if (c.fault == LaunchFault::WaitFails) seams::select = {true, -1, ENOMEM};
         LaunchOutcome launched = launch(request);
         bool gone = c.detached ? EndsWithin(launched.pid, 1000) : waitpid(-1, nullptr, WNOHANG) == -1;
-        if (!gone) kill(launched.pid, SIGKILL);
+        if (!gone && launched.pid > 0) kill(launched.pid, SIGKILL); // 0 would name this process's group
         return outcome_text(launched.exec) + (gone ? " gone" : " left running");
     });
     EXPECT_EQ(outcome.report, outcome_text(c.expected) + " gone") << outcome.err;
@@ -445,6 +446,49 @@ INSTANTIATE_TEST_SUITE_P(
         PendingSignalCase{"quitBlocked", SIGQUIT, Disposition::Blocked, {}, "exit 0"},
         PendingSignalCase{"terminate", SIGTERM, Disposition::Default, {}, "signal 15"}),
     CaseName());
+
+struct MaskCase {
+    const char* name;
+    bool dumpingIgnored; // every signal that dumps core ignored in the launcher: none to take off
+    int blocked;         // blocked in the launching thread, 0 for none
+    const char* expected;
+};
+
+class MaskAtExec : public testing::TestWithParam<MaskCase> {};
+
+// The program starts with the launching thread's signal mask, whatever the launcher does with the signals
+// that dump core.
+TEST_P(MaskAtExec, IsTheLaunchingThreads) {
+    const MaskCase& c = GetParam();
+    std::string status = "/tmp/quillon-mask-" + std::to_string(getpid());
+    ChildOutcome outcome = RunInChild([&] {
+        for (int signal : {SIGQUIT, SIGILL, SIGTRAP, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGXCPU, SIGXFSZ, SIGSYS})
+            if (c.dumpingIgnored) ::signal(signal, SIG_IGN);
+        sigset_t mask;
+        sigemptyset(&mask);
+        if (c.blocked != 0) sigaddset(&mask, c.blocked);
+        pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+        LaunchRequest request;
+        request.executable = "/bin/cat";
+        char* arguments[] = {const_cast<char*>("/proc/self/status"), nullptr};
+        request.arguments = arguments;
+        request.std[1] = {kStdWrite, status.c_str()};
+        LaunchOutcome launched = launch(request);
+        if (!launched.ok()) return outcome_text(launched.exec);
+        await_end(launched, false);
+        std::smatch line;
+        std::string text = ReadFile(status);
+        return std::regex_search(text, line, std::regex("SigBlk:\\s*(\\w+)")) ? line[1].str() : text;
+    });
+    unlink(status.c_str());
+    EXPECT_EQ(outcome.report, c.expected) << outcome.err;
+}
+
+INSTANTIATE_TEST_SUITE_P(Launcher, MaskAtExec,
+                         testing::Values(MaskCase{"defaults", false, 0, "0000000000000000"},
+                                         MaskCase{"dumpingIgnored", true, 0, "0000000000000000"},
+                                         MaskCase{"dumpingIgnoredUsr1Blocked", true, SIGUSR1, "0000000000000200"}),
+                         CaseName());
 
 struct JoinCase {
     const char* name;

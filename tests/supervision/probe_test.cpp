@@ -51,6 +51,7 @@ TEST_P(ProbeSeesTheEnd, OfAChild) {
         if (c.exitCode < 0) pause(); // until the signal
         _exit(c.exitCode);
     }
+    ASSERT_GT(pid, 0); // a signal to -1 would reach every process
     if (c.signal != 0) kill(pid, c.signal);
     Record record(pid);
     record.data->isAlive = 1; // as after a launch: the child may or may not have ended yet
