@@ -447,14 +447,20 @@ pid_t member_at(const std::string& path) {
     return ReadFile(path + "/cgroup.procs").empty() ? 0 : member;
 }
 
+// The PID of a process that has ended and been reaped: the one a stale group is named after.
+pid_t ended_process() {
+    pid_t ended = fork();
+    if (ended == 0) _exit(0);
+    waitpid(ended, nullptr, 0);
+    return ended;
+}
+
 // Leftovers of ended processes go, with the groups their members made below them, unless a process lives
 // anywhere in them; then they stay whole.
 TEST(TreeGroup, StaleGroupsOfEndedProcessesGo) {
     RealGroup real;
     MAKE_OR_SKIP(real);
-    pid_t ended = fork();
-    if (ended == 0) _exit(0);
-    waitpid(ended, nullptr, 0);
+    pid_t ended = ended_process();
     std::string place = real.places().unified, dead = std::to_string(ended), own = std::to_string(getpid());
     struct Leftover {
         std::string name;
@@ -503,9 +509,7 @@ TEST(TreeGroup, StaleGroupsOfEndedProcessesGo) {
 TEST(TreeGroup, StaleGroupsGoFromEveryHierarchy) {
     RealGroup real;
     MAKE_OR_SKIP(real);
-    pid_t ended = fork();
-    if (ended == 0) _exit(0);
-    waitpid(ended, nullptr, 0);
+    pid_t ended = ended_process();
     const CgroupPlaces& places = real.places();
     std::string name = "/quillon-" + std::to_string(ended) + "-1";
     std::vector<std::string> made;
